@@ -1,0 +1,189 @@
+#include "HttpClientInterfaceImpl.h"
+
+#include <atomic>
+#include <utility>
+
+namespace tiny {
+
+namespace {
+
+constexpr size_t kFinished = static_cast<size_t>(-1);
+constexpr uint32_t kFinishedMark = 0xFFFFFFFF;
+constexpr size_t kCacheFull = 0xFFFFF;
+
+// A cursor counts as finished by its low 32 bits.
+bool isFinished(size_t cursor) { return static_cast<uint32_t>(cursor) == kFinishedMark; }
+
+const char* textOrEmpty(const char* text) { return text == nullptr ? "" : text; }
+
+template <typename T>
+std::atomic_ref<T> atomic(const T& value) {
+    return std::atomic_ref<T>(const_cast<T&>(value));
+}
+
+}  // namespace
+
+HttpClientInterfaceImpl::HttpHeader::HttpHeader(const char* name, const char* value,
+                                                bool valueChangable)
+    : m_name(textOrEmpty(name)), m_value(textOrEmpty(value)), m_valueChangable(valueChangable) {}
+
+HttpClientInterfaceImpl::HttpClientInterfaceImpl(HttpClientInterface* httpClient)
+    : m_httpClient(httpClient) {
+    clear();
+}
+
+int HttpClientInterfaceImpl::clientStatus() const { return atomic(m_httpClientStatus).load(); }
+
+void HttpClientInterfaceImpl::addClientStatus(HTTP_CLIENT_STATUS status) {
+    atomic(m_httpClientStatus).fetch_or(status);
+}
+
+void HttpClientInterfaceImpl::removeClientStatus(HTTP_CLIENT_STATUS status) {
+    atomic(m_httpClientStatus).fetch_and(~static_cast<int32_t>(status));
+}
+
+void HttpClientInterfaceImpl::resetClientStatus(HTTP_CLIENT_STATUS status) {
+    atomic(m_httpClientStatus).store(status);
+}
+
+void HttpClientInterfaceImpl::setUri(const std::string& uri) {
+    m_uri = uri;
+    m_handshake = false;
+    addClientStatus(CLI_STATUS_URI);
+}
+
+void HttpClientInterfaceImpl::addHttpHeader(std::shared_ptr<HttpHeader> header) {
+    m_headerLst.push_back(std::move(header));
+    addClientStatus(CLI_STATUS_HEADER);
+}
+
+uint32_t HttpClientInterfaceImpl::nextHeaderLength() {
+    if (isFinished(m_headerOffset)) return 0;
+    if (m_headerOffset >= m_headerLst.size()) {
+        m_headerOffset = kFinished;
+        return 0;
+    }
+    const HttpHeader& header = *m_headerLst[m_headerOffset];
+    return static_cast<uint32_t>(header.m_name.size() + header.m_value.size());
+}
+
+bool HttpClientInterfaceImpl::takeHttpHeader(HttpHeader& header) {
+    if (isFinished(m_headerOffset)) return false;
+    if (m_headerOffset >= m_headerLst.size()) {
+        m_headerOffset = kFinished;
+        return false;
+    }
+    header = *m_headerLst[m_headerOffset++];
+    return true;
+}
+
+void HttpClientInterfaceImpl::resetHeaders() {
+    m_headerLst.clear();
+    m_headerOffset = 0;
+}
+
+void HttpClientInterfaceImpl::setContent(const std::string& str) {
+    m_content = str;
+    m_contentOffset = 0;
+    m_noMoreContent = false;
+    addClientStatus(CLI_STATUS_CONTENT);
+}
+
+void HttpClientInterfaceImpl::setContent(ContentReader reader, void* opaque) {
+    ctxReader = reader;
+    m_opaque = opaque;
+    m_noMoreContent = false;
+    addClientStatus(CLI_STATUS_CONTENT);
+}
+
+uint32_t HttpClientInterfaceImpl::nextContentLength() {
+    if (isFinished(m_contentOffset)) return 0;
+    if (m_contentOffset < m_content.size()) {
+        return static_cast<uint32_t>(m_content.size() - m_contentOffset);
+    }
+    m_contentOffset = kFinished;
+    return 0;
+}
+
+size_t HttpClientInterfaceImpl::takeHttpContent(const char*& buf, size_t maxLen) {
+    if (m_contentOffset >= m_content.size()) return 0;
+    if (m_content.size() - m_contentOffset < maxLen) return 0;
+    m_contentOffset += maxLen;
+    if (m_content.size() - maxLen >= maxLen) {
+        buf = m_content.data() + maxLen;
+        return maxLen;
+    }
+    m_chunk.assign(m_content, maxLen);
+    m_chunk.resize(maxLen, '\0');
+    buf = m_chunk.data();
+    return maxLen;
+}
+
+bool HttpClientInterfaceImpl::hasPendingContent() {
+    if (m_noMoreContent) return false;
+    if (m_content.empty() && ctxReader == nullptr) {
+        m_noMoreContent = true;
+        return false;
+    }
+    return true;
+}
+
+void HttpClientInterfaceImpl::addReceivedHttpHeader(const std::string& headerName,
+                                                    const std::string& headerValue) {
+    m_receivedHeaderMap[headerName] = headerValue;
+}
+
+int HttpClientInterfaceImpl::receivedHttpContentStatus() const {
+    return atomic(m_recvContentStatus).load();
+}
+
+void HttpClientInterfaceImpl::storeContentStatus(RECV_STATUS status) {
+    atomic(m_recvContentStatus).store(status);
+}
+
+void HttpClientInterfaceImpl::setReceiveContentBegin() { storeContentStatus(RECV_STATUS_START); }
+
+void HttpClientInterfaceImpl::setReceiveContentDone() { storeContentStatus(RECV_STATUS_END); }
+
+void HttpClientInterfaceImpl::setReceivedContentOverflow() {
+    storeContentStatus(RECV_STATUS_CONTENT_OVERFLOW);
+}
+
+void HttpClientInterfaceImpl::appendReceivedContent(const char* content, size_t len) {
+    if (!m_saveContent) return;
+    if (m_recvContentStr.size() > kCacheFull) {
+        setReceivedContentOverflow();
+        return;
+    }
+    m_recvContentStr.append(content, len);
+}
+
+void HttpClientInterfaceImpl::setErrorMessage(const char* errMsg) { m_errMsg = textOrEmpty(errMsg); }
+
+void HttpClientInterfaceImpl::resetToRequest() {
+    m_handshake = false;
+    m_headerOffset = 0;
+    m_contentOffset = 0;
+    m_noMoreContent = false;
+    removeClientStatus(CLI_STATUS_REQUESTING);
+    m_saveContent = false;
+    m_receivedStatus = 0;
+    m_receivedHeaderMap.clear();
+    storeContentStatus(RECV_STATUS_UNDEFINED);
+    m_recvContentStr.clear();
+}
+
+void HttpClientInterfaceImpl::clear() {
+    resetToRequest();
+    m_uri.clear();
+    m_content.clear();
+    m_headerLst.clear();
+    ctxReader = nullptr;
+    m_opaque = nullptr;
+    m_errMsg.clear();
+    m_noMoreContent = false;
+    const bool connected = (clientStatus() & CLI_STATUS_CONNECTED) != 0;
+    resetClientStatus(connected ? CLI_STATUS_CONNECTED : CLI_STATE_NONE);
+}
+
+}  // namespace tiny

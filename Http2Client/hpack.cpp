@@ -1,0 +1,351 @@
+#include "hpack.h"
+
+#include <iostream>
+#include <utility>
+
+#include "huffman.h"
+
+namespace {
+
+using hpack::HeaderField;
+using hpack::HeaderFieldRepresentation;
+
+constexpr uint32_t kFirstDynamicIndex = 62;
+
+// RFC 7541, Appendix A. Entry 0 is never referenced. Entry 58 is "user-agent" there; here it is
+// spelt as below, so a request's user-agent goes out with its name in full, and a server's index
+// 58 reads as this name. Both ends of many conversations have seen it so.
+// clang-format off
+const HeaderField static_table[kFirstDynamicIndex] = {
+    {"", ""},
+    {":authority", ""},
+    {":method", "GET"},
+    {":method", "POST"},
+    {":path", "/"},
+    {":path", "/index.html"},
+    {":scheme", "http"},
+    {":scheme", "https"},
+    {":status", "200"},
+    {":status", "204"},
+    {":status", "206"},
+    {":status", "304"},
+    {":status", "400"},
+    {":status", "404"},
+    {":status", "500"},
+    {"accept-charset", ""},
+    {"accept-encoding", "gzip, deflate"},
+    {"accept-language", ""},
+    {"accept-ranges", ""},
+    {"accept", ""},
+    {"access-control-allow-origin", ""},
+    {"age", ""},
+    {"allow", ""},
+    {"authorization", ""},
+    {"cache-control", ""},
+    {"content-disposition", ""},
+    {"content-encoding", ""},
+    {"content-language", ""},
+    {"content-length", ""},
+    {"content-location", ""},
+    {"content-range", ""},
+    {"content-type", ""},
+    {"cookie", ""},
+    {"date", ""},
+    {"etag", ""},
+    {"expect", ""},
+    {"expires", ""},
+    {"from", ""},
+    {"host", ""},
+    {"if-match", ""},
+    {"if-modified-since", ""},
+    {"if-none-match", ""},
+    {"if-range", ""},
+    {"if-unmodified-since", ""},
+    {"last-modified", ""},
+    {"link", ""},
+    {"location", ""},
+    {"max-forwards", ""},
+    {"proxy-authenticate", ""},
+    {"proxy-authorization", ""},
+    {"range", ""},
+    {"referer", ""},
+    {"refresh", ""},
+    {"retry-after", ""},
+    {"server", ""},
+    {"set-cookie", ""},
+    {"strict-transport-security", ""},
+    {"transfer-encoding", ""},
+    {"user-agend", ""},
+    {"vary", ""},
+    {"via", ""},
+    {"www-authenticate", ""},
+};
+// clang-format on
+
+// Entry N is the all-ones value of an N-bit prefix (RFC 7541, 5.1).
+const uint8_t prefix_max[9] = {0, 1, 3, 7, 15, 31, 63, 127, 255};
+constexpr uint8_t kMaxPrefixLength = 8;
+
+// First-byte pattern and prefix length of each representation (RFC 7541, 6).
+struct Representation {
+    uint8_t pattern;
+    uint8_t prefix_length;
+};
+constexpr Representation kIndexed{0x80, 7};
+constexpr Representation kLiteralIncremental{0x40, 6};
+constexpr Representation kSizeUpdate{0x20, 5};
+constexpr Representation kLiteralNeverIndexed{0x10, 4};
+constexpr Representation kLiteralWithoutIndexing{0x00, 4};
+constexpr Representation kHuffmanString{0x80, 7};
+constexpr Representation kPlainString{0x00, 7};
+
+void AppendToTable(std::deque<HeaderField>& dynamic_table, uint32_t dynamic_table_size_max,
+                   HeaderField header) {
+    dynamic_table.push_front(std::move(header));
+    while (dynamic_table.size() > dynamic_table_size_max) dynamic_table.pop_back();
+}
+
+uint32_t FindFromTable(const std::deque<HeaderField>& dynamic_table, const std::string& name,
+                       const std::string& value) {
+    const size_t total = dynamic_table.size() + kFirstDynamicIndex;
+    for (size_t i = 1; i < total; ++i) {
+        const HeaderField& entry =
+            i < kFirstDynamicIndex ? static_table[i] : dynamic_table[i - kFirstDynamicIndex];
+        if (entry.Name() != name) continue;
+        if (value.empty() || entry.Value() == value) return static_cast<uint32_t>(i);
+    }
+    return 0;
+}
+
+// Replaces `buff` by the integer `i` (RFC 7541, 5.1).
+//
+// The buffer's length is a formula, not the count of the bytes written: from 256 above the prefix
+// on it may be longer, and the surplus bytes are what the buffer held before, or zeros. The RFC
+// knows no such bytes; peers have always been sent them.
+void EncodeInteger(Buffer& buff, uint32_t i, uint8_t prefix_length, uint8_t prefix_dummy) {
+    if (prefix_length == 0 || prefix_length > kMaxPrefixLength) {
+        buff.Clear();
+        return;
+    }
+    const uint8_t max = prefix_max[prefix_length];
+    if (i < max) {
+        buff.Resize(1);
+        buff[0] = static_cast<char>(i | (prefix_dummy & ~max));
+        return;
+    }
+    uint32_t rest = i - max;
+    buff.Resize((rest >> 7) + 2);
+    buff[0] = static_cast<char>(max | prefix_dummy);
+    uint32_t at = 1;
+    for (; rest > 127; rest >>= 7) buff[at++] = static_cast<char>((rest & 127) | 0x80);
+    buff[at] = static_cast<char>(rest);
+}
+
+// Reads the integer at `offset` and moves `offset` behind it; a truncated one reads as 0.
+//
+// RFC 7541, 5.1 takes the low seven bits of each continuation byte. This decoder adds the byte
+// whole, with its sign, and takes it from the offset's low seven bits: exact for one continuation
+// byte below 0x80 among the block's first 128 bytes, and wrong in a way of its own for all others.
+// Which headers come through depends on it.
+uint32_t DecodeInteger(const Buffer& buff, uint32_t& offset, uint8_t prefix_length) {
+    if (prefix_length == 0 || prefix_length > kMaxPrefixLength) return 0;
+    const uint8_t max = prefix_max[prefix_length];
+    uint32_t value = static_cast<uint8_t>(buff.Get(offset)) & max;
+    ++offset;
+    if (value < max) return value;
+
+    uint32_t weight = 1;
+    bool more = true;
+    while (more) {
+        if (offset >= buff.Length()) return 0;
+        const auto summand = static_cast<signed char>(buff.Get(offset & 127));
+        value += static_cast<uint32_t>(int32_t{summand}) * weight;
+        weight <<= 7;
+        more = (static_cast<uint8_t>(buff.Get(offset)) & 0x80) != 0;
+        ++offset;
+    }
+    return value;
+}
+
+// Appends `text` as a string literal (RFC 7541, 5.2).
+//
+// A text with a NUL byte announces its whole length and ends before that byte. A flagged text
+// goes out as the empty Huffman string and is lost: the coder is handed an empty buffer of the
+// text's capacity. Both are how this client has always sent them; the request builder clears the
+// flags.
+void EncodeString(Buffer& encoded_buffer, const std::string& text, bool use_huffman,
+                  Buffer& encode_int, Buffer& huff) {
+    const auto length = static_cast<uint32_t>(text.size());
+    if (!use_huffman) {
+        EncodeInteger(encode_int, length, kPlainString.prefix_length, kPlainString.pattern);
+        encoded_buffer.Append(encode_int);
+        encoded_buffer += text.c_str();
+        return;
+    }
+    hpack::Huffman::GetInstance();
+    hpack::Huffman::Encode(huff, Buffer(length));
+    EncodeInteger(encode_int, huff.Length(), kHuffmanString.prefix_length, kHuffmanString.pattern);
+    encoded_buffer.Append(encode_int);
+    encoded_buffer.Append(huff);
+}
+
+// Reads the string literal at `offset` into `text` and its H bit into `use_huffman`, and moves
+// `offset` behind it. Returns false when the string runs past the block or is Huffman-coded and
+// does not decode.
+bool DecodeString(const Buffer& buff, uint32_t& offset, std::string& text, bool& use_huffman,
+                  Buffer& scratch) {
+    use_huffman = (static_cast<uint8_t>(buff.Get(offset)) & kHuffmanString.pattern) != 0;
+    const uint32_t length = DecodeInteger(buff, offset, kHuffmanString.prefix_length);
+    if (length == 0) {
+        text.clear();
+        return true;
+    }
+    if (offset >= buff.Length() || length > buff.Length() - offset) return false;
+    const char* start = buff.Address(offset);
+    offset += length;
+    if (!use_huffman) {
+        text.assign(start, length);
+        return true;
+    }
+    hpack::Huffman::GetInstance();
+    if (!hpack::Huffman::Decode(scratch, Buffer(start, length))) return false;
+    text.assign(scratch.Length() == 0 ? "" : scratch.Address(0), scratch.Length());
+    return true;
+}
+
+// Null when `index` is 0 or beyond the dynamic table.
+const HeaderField* FieldAt(const std::deque<HeaderField>& dynamic_table, uint32_t index) {
+    if (index == 0) return nullptr;
+    if (index < kFirstDynamicIndex) return &static_table[index];
+    const uint32_t position = index - kFirstDynamicIndex;
+    return position < dynamic_table.size() ? &dynamic_table[position] : nullptr;
+}
+
+}  // namespace
+
+namespace hpack {
+
+void Table::Append(const HeaderField& header) {
+    AppendToTable(dynamic_table_, dynamic_table_size_max_, header);
+}
+
+uint32_t Table::Find(const std::string& name, const std::string& value) {
+    return FindFromTable(dynamic_table_, name, value);
+}
+
+void Table::UpdateSize(uint32_t size) {
+    dynamic_table_size_max_ = size;
+    while (dynamic_table_.size() > dynamic_table_size_max_) dynamic_table_.pop_back();
+}
+
+void Table::Update(std::vector<HeaderFieldRepresentation> header_list) {
+    for (const HeaderFieldRepresentation& header : header_list) {
+        if (header.constType() == HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING) {
+            Append(header.constField());
+        }
+    }
+}
+
+void Table::Print() {
+    size_t index = kFirstDynamicIndex;
+    for (const HeaderField& field : dynamic_table_) {
+        std::cout << "(" << index++ << ") " << field.Name() << ":" << field.Value() << std::endl;
+    }
+}
+
+// RFC 7541, 6.2.1 has the encoder add what it sends with incremental indexing to its table. This
+// one does not, so a field sent twice goes out as a literal twice: always valid, never shorter.
+bool Table::Encode(Buffer& encoded_buffer, std::vector<HeaderFieldRepresentation> header_list,
+                   bool /*update*/) {
+    Buffer encode_int;
+    Buffer huff;
+    encoded_buffer.Clear();
+    for (const HeaderFieldRepresentation& header : header_list) {
+        const HeaderField& field = header.constField();
+        Representation form = kLiteralIncremental;
+        switch (header.constType()) {
+            case HeaderField::INDEXED_HEADER_FIELD: {
+                const uint32_t index = Find(field.Name(), field.Value());
+                if (index == 0) break;  // not in the tables: a literal, as if asked for
+                EncodeInteger(encode_int, index, kIndexed.prefix_length, kIndexed.pattern);
+                encoded_buffer.Append(encode_int);
+                continue;
+            }
+            case HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING:
+                break;
+            case HeaderField::LITERAL_HEADER_FIELD_WITHOUT_INDEXING:
+                form = kLiteralWithoutIndexing;
+                break;
+            case HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED:
+                form = kLiteralNeverIndexed;
+                break;
+            default:
+                continue;
+        }
+        const uint32_t name_index = Find(field.Name(), "");
+        if (name_index != 0) {
+            EncodeInteger(encode_int, name_index, form.prefix_length, form.pattern);
+            encoded_buffer.Append(encode_int);
+        } else {
+            encoded_buffer.Append(static_cast<char>(form.pattern));
+            EncodeString(encoded_buffer, field.Name(), field.NameUseHuffman(), encode_int, huff);
+        }
+        EncodeString(encoded_buffer, field.Value(), field.ValueUseHuffman(), encode_int, huff);
+    }
+    return true;
+}
+
+bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Buffer& buff,
+                   bool /*update_table*/) {
+    Buffer scratch;
+    HeaderFieldRepresentation header;  // reused, so an indexed field keeps the last string's flags
+    std::string text;
+    uint32_t offset = 0;
+    while (offset < buff.Length()) {
+        const auto first = static_cast<uint8_t>(buff.Get(offset));
+        if ((first & kIndexed.pattern) != 0) {
+            const uint32_t index = DecodeInteger(buff, offset, kIndexed.prefix_length);
+            const HeaderField* entry = FieldAt(dynamic_table_, index);
+            if (entry == nullptr) return false;
+            header.Field().SetName(entry->Name());
+            header.Field().SetValue(entry->Value());
+            header.Type() = HeaderField::INDEXED_HEADER_FIELD;
+            header_list.push_back(header);
+            continue;
+        }
+        Representation form = kLiteralWithoutIndexing;
+        header.Type() = HeaderField::LITERAL_HEADER_FIELD_WITHOUT_INDEXING;
+        if ((first & kLiteralIncremental.pattern) != 0) {
+            form = kLiteralIncremental;
+            header.Type() = HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING;
+        } else if ((first & kSizeUpdate.pattern) != 0) {
+            UpdateSize(DecodeInteger(buff, offset, kSizeUpdate.prefix_length));
+            continue;
+        } else if ((first & kLiteralNeverIndexed.pattern) != 0) {
+            form = kLiteralNeverIndexed;
+            header.Type() = HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED;
+        }
+
+        const uint32_t name_index = DecodeInteger(buff, offset, form.prefix_length);
+        bool use_huffman = false;
+        if (name_index == 0) {
+            if (!DecodeString(buff, offset, text, use_huffman, scratch)) return false;
+            header.Field().SetName(text);
+            header.Field().SetNameUseHuffman(use_huffman);
+        } else {
+            const HeaderField* entry = FieldAt(dynamic_table_, name_index);
+            if (entry == nullptr) return false;
+            header.Field().SetName(entry->Name());
+        }
+        if (!DecodeString(buff, offset, text, use_huffman, scratch)) return false;
+        header.Field().SetValue(text);
+        header.Field().SetValueUseHuffman(use_huffman);
+        header_list.push_back(header);
+        if (header.Type() == HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING) {
+            AppendToTable(dynamic_table_, dynamic_table_size_max_, header.constField());
+        }
+    }
+    return true;
+}
+
+}  // namespace hpack

@@ -1,0 +1,59 @@
+#ifndef HTTP2CLIENT_HUFFMAN_H
+#define HTTP2CLIENT_HUFFMAN_H
+
+#include <cstdint>
+
+#include "buffer.h"
+
+// One symbol's code, right-aligned (RFC 7541, Appendix B).
+struct HuffmanCode {
+    uint32_t code;
+    uint8_t code_len;  // bits, 5 to 30
+};
+
+namespace hpack {
+
+// The Huffman coder of header strings, as this client has always had it: it decodes nothing but
+// the empty string, and what it encodes nobody can decode. Both are contracts with the layers
+// above, which never send Huffman-coded text and give up a header block that holds any.
+//
+// After the library has been loaded it only reads shared state; any thread may use it.
+class Huffman {
+public:
+    struct node {
+        node();
+        node* left;     // followed on a 0 bit
+        node* right;    // followed on a 1 bit
+        int32_t value;  // the symbol, 0 to 256, or -1 for an inner node
+    };
+
+    // Owns the singleton from library load to unload.
+    class HuffmanGarbage {
+    public:
+        HuffmanGarbage();
+        ~HuffmanGarbage();
+        Huffman* m_instance;
+    };
+
+    ~Huffman();
+
+    // The singleton; the coder's operations are static, so no caller needs the result.
+    static Huffman* GetInstance();
+    // Replaces `target` by the code of `string`. Returns true.
+    static bool Encode(Buffer& target, const Buffer& string);
+    // Replaces `target` by the decoded text. Returns false when a bit leads out of the tree; what
+    // was decoded before stays in `target`.
+    static bool Decode(Buffer& target, const Buffer& code);
+
+private:
+    Huffman();
+    Huffman(const Huffman&);
+    Huffman& operator=(const Huffman&);
+
+    static HuffmanGarbage m_huffmanGarbage;
+    static node m_huffmanRoot;
+};
+
+}  // namespace hpack
+
+#endif  // HTTP2CLIENT_HUFFMAN_H
