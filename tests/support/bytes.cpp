@@ -54,12 +54,9 @@ WireFrame readFrameHeader(std::string_view bytes) {
 
 std::string literalStart(uint64_t nameIndex, Literal form) {
     switch (form) {
-        case Literal::kIncremental:
-            return hpackInteger(nameIndex, 6, 0x40);
-        case Literal::kNeverIndexed:
-            return hpackInteger(nameIndex, 4, 0x10);
-        case Literal::kWithoutIndexing:
-            break;
+        case Literal::kIncremental: return hpackInteger(nameIndex, 6, 0x40);
+        case Literal::kNeverIndexed: return hpackInteger(nameIndex, 4, 0x10);
+        case Literal::kWithoutIndexing: break;
     }
     return hpackInteger(nameIndex, 4, 0x00);
 }
@@ -158,9 +155,7 @@ std::string hpackInteger(uint64_t value, int prefixBits, uint8_t pattern) {
     return out + be8(static_cast<uint32_t>(value));
 }
 
-std::string hpackString(std::string_view text) {
-    return hpackInteger(text.size(), 7).append(text);
-}
+std::string hpackString(std::string_view text) { return hpackInteger(text.size(), 7).append(text); }
 
 std::string hpackHuffmanString(std::string_view coded) {
     return hpackInteger(coded.size(), 7, 0x80).append(coded);

@@ -14,8 +14,8 @@ GuardedBytes::GuardedBytes(std::string_view bytes, std::string_view after) : m_s
     const size_t used = bytes.size() + after.size();
     const size_t readable = (used + page - 1) / page * page;
     m_regionSize = readable + page;
-    m_region = mmap(nullptr, m_regionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1,
-                    0);
+    m_region =
+        mmap(nullptr, m_regionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     char* const guard = static_cast<char*>(m_region) + readable;
     if (m_region == MAP_FAILED || mprotect(guard, page, PROT_NONE) != 0) {
         std::perror("h2test::GuardedBytes");

@@ -1,5 +1,6 @@
 #include "log_capture.h"
 
+#include <atomic>
 #include <mutex>
 
 #include "CLogWrapper.h"
@@ -8,8 +9,12 @@ namespace h2test {
 
 // What CLogWrapper works on. Never destroyed: the library may log while the process ends.
 struct LogState {
-    std::mutex lock;  // guards all below and the fields of every LogCapture
-    int level = 40000;
+    // Relaxed, and not under the lock: a lock taken before every statement of the library would
+    // order its threads, and hide its data races from a race detector.
+    std::atomic<int> level{40000};
+    std::atomic<size_t> queries{0};
+
+    std::mutex lock;  // guards what follows and the records of every LogCapture
     LogCapture* current = nullptr;
 
     static LogState& instance() {
@@ -18,9 +23,8 @@ struct LogState {
     }
 
     int queryLevel() {
-        const std::lock_guard<std::mutex> hold(lock);
-        if (current != nullptr) ++current->m_levelQueries;
-        return level;
+        queries.fetch_add(1, std::memory_order_relaxed);
+        return level.load(std::memory_order_relaxed);
     }
 
     void record(LogRecord record) {
@@ -33,16 +37,16 @@ LogCapture::LogCapture(int level) {
     LogState& state = LogState::instance();
     const std::lock_guard<std::mutex> hold(state.lock);
     m_outer = state.current;
-    m_formerLevel = state.level;
+    m_formerLevel = state.level.exchange(level, std::memory_order_relaxed);
+    m_queriesBefore = state.queries.load(std::memory_order_relaxed);
     state.current = this;
-    state.level = level;
 }
 
 LogCapture::~LogCapture() {
     LogState& state = LogState::instance();
     const std::lock_guard<std::mutex> hold(state.lock);
     state.current = m_outer;
-    state.level = m_formerLevel;
+    state.level.store(m_formerLevel, std::memory_order_relaxed);
 }
 
 std::vector<LogRecord> LogCapture::records() const {
@@ -65,14 +69,14 @@ std::vector<std::string> LogCapture::messages(int level) const {
 }
 
 size_t LogCapture::levelQueries() const {
-    const std::lock_guard<std::mutex> hold(LogState::instance().lock);
-    return m_levelQueries;
+    return LogState::instance().queries.load(std::memory_order_relaxed) - m_queriesBefore;
 }
 
 void LogCapture::clear() {
-    const std::lock_guard<std::mutex> hold(LogState::instance().lock);
+    LogState& state = LogState::instance();
+    const std::lock_guard<std::mutex> hold(state.lock);
     m_records.clear();
-    m_levelQueries = 0;
+    m_queriesBefore = state.queries.load(std::memory_order_relaxed);
 }
 
 }  // namespace h2test
@@ -80,13 +84,11 @@ void LogCapture::clear() {
 int CLogWrapper::GetLevel() { return h2test::LogState::instance().queryLevel(); }
 
 void CLogWrapper::SetLevel(int level) {
-    h2test::LogState& state = h2test::LogState::instance();
-    const std::lock_guard<std::mutex> hold(state.lock);
-    state.level = level;
+    h2test::LogState::instance().level.store(level, std::memory_order_relaxed);
 }
 
-void CLogWrapper::Log(int level, const std::string& message, const char* file,
-                      const char* function, int line) {
+void CLogWrapper::Log(int level, const std::string& message, const char* file, const char* function,
+                      int line) {
     h2test::LogState::instance().record(
         {level, message, file != nullptr ? file : "", function != nullptr ? function : "", line});
 }

@@ -32,7 +32,7 @@ public:
     std::vector<std::string> messages() const;
     // The messages of one level only.
     std::vector<std::string> messages(int level) const;
-    // How often CLogWrapper::GetLevel was called since this capture began.
+    // How often CLogWrapper::GetLevel was called since this capture began, inner ones included.
     size_t levelQueries() const;
     // Forgets the records so far and starts counting GetLevel calls anew.
     void clear();
@@ -42,8 +42,8 @@ private:
 
     LogCapture* m_outer;  // null for the outermost
     int m_formerLevel;
-    size_t m_levelQueries = 0;
-    std::vector<LogRecord> m_records;  // guarded, like the count, by the one lock in the .cpp
+    size_t m_queriesBefore;            // the count of GetLevel calls when this one began
+    std::vector<LogRecord> m_records;  // guarded by the one lock in the .cpp
 };
 
 }  // namespace h2test

@@ -75,12 +75,8 @@ inline void PrintTo(const Callback& callback, std::ostream* out) {
                  << toHex(std::string_view(callback.bytes).substr(0, 32)) << "], "
                  << (callback.more ? "true" : "false") << ")";
             break;
-        case Callback::Kind::kFailed:
-            *out << "onFailed(" << callback.error << ")";
-            break;
-        case Callback::Kind::kClosed:
-            *out << "onSocketClosed()";
-            break;
+        case Callback::Kind::kFailed: *out << "onFailed(" << callback.error << ")"; break;
+        case Callback::Kind::kClosed: *out << "onSocketClosed()"; break;
     }
 }
 
@@ -97,8 +93,7 @@ public:
     // `hook` is called in each callback, before it is recorded: on the library's thread, with the
     // library's locks held. After the record nothing touches this object any more, since who has
     // waited for it may destroy the client.
-    explicit RecordingClient(std::function<void(const Callback&)> hook)
-        : m_hook(std::move(hook)) {}
+    explicit RecordingClient(std::function<void(const Callback&)> hook) : m_hook(std::move(hook)) {}
     ~RecordingClient() override { cancelRequest(); }
 
     std::vector<Callback> callbacks() const {
@@ -175,7 +170,8 @@ public:
         record(Callback::headers(status, std::move(list)));
     }
     void onContentReceived(const char* data, size_t len, bool more) override {
-        record(Callback::content(len == 0 ? std::string_view() : std::string_view(data, len), more));
+        record(
+            Callback::content(len == 0 ? std::string_view() : std::string_view(data, len), more));
     }
 
 private:

@@ -128,22 +128,22 @@ struct ScriptedServer::Connection {
     bool tlsFailed = false;
 
     std::deque<Step> steps;
-    std::string out;      // goes to the socket as it is
-    size_t outSent = 0;   // bytes of `out` that are gone
-    uint64_t wireSent = 0;  // bytes that the socket has taken so far
-    bool outputOver = false;  // FIN sent, or the socket takes no more
-    int clientFd = -1;        // the client's descriptor, as last found
+    std::string out;                    // goes to the socket as it is
+    size_t outSent = 0;                 // bytes of `out` that are gone
+    uint64_t wireSent = 0;              // bytes that the socket has taken so far
+    bool outputOver = false;            // FIN sent, or the socket takes no more
+    int clientFd = -1;                  // the client's descriptor, as last found
     Clock::time_point whenReadLimit{};  // of the first step, when it waits for the client
     bool waitsForClient = false;
 
     bool readingStopped = false;
     bool dropInput = false;
-    bool inputOver = false;    // the client has sent FIN or RST
+    bool inputOver = false;  // the client has sent FIN or RST
     bool resetByPeer = false;
     std::string received;
-    std::string unparsed;      // the part of the input that is no whole frame yet
+    std::string unparsed;  // the part of the input that is no whole frame yet
     bool prefaceSeen = false;
-    bool notHttp2 = false;     // something else than the preface came first
+    bool notHttp2 = false;  // something else than the preface came first
     std::vector<WireFrame> frames;
 
     bool wantsWrite() const { return outSent < out.size(); }
@@ -433,12 +433,8 @@ struct ScriptedServer::Shared {
 
     static void take(Connection& c, const Step& step) {
         switch (step.kind) {
-            case Step::Kind::kSend:
-                encode(c, step.bytes);
-                break;
-            case Step::Kind::kSendRaw:
-                c.out += step.bytes;
-                break;
+            case Step::Kind::kSend: encode(c, step.bytes); break;
+            case Step::Kind::kSendRaw: c.out += step.bytes; break;
             case Step::Kind::kCloseNotify:
                 if (!c.handshakeDone || c.tlsFailed) break;
                 SSL_shutdown(c.ssl);
@@ -448,9 +444,7 @@ struct ScriptedServer::Shared {
                 shutdown(c.fd, SHUT_WR);
                 c.outputOver = true;
                 break;
-            case Step::Kind::kDropInput:
-                c.dropInput = true;
-                break;
+            case Step::Kind::kDropInput: c.dropInput = true; break;
             case Step::Kind::kReset:
                 const linger abortive{1, 0};
                 setsockopt(c.fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof(abortive));
@@ -565,9 +559,8 @@ void ScriptedServer::sendCloseNotify(size_t index) {
 }
 
 void ScriptedServer::close(size_t index) {
-    queue(index, {{Step::Kind::kCloseNotify, {}},
-                  {Step::Kind::kFin, {}},
-                  {Step::Kind::kDropInput, {}}});
+    queue(index,
+          {{Step::Kind::kCloseNotify, {}}, {Step::Kind::kFin, {}}, {Step::Kind::kDropInput, {}}});
 }
 
 void ScriptedServer::closeWithoutCloseNotify(size_t index) {
@@ -658,8 +651,7 @@ bool ScriptedServer::waitReceived(size_t index, size_t size, Limit limit) {
                           [&](const Connection& c) { return c.received.size() >= size; });
 }
 
-bool ScriptedServer::waitReceived(size_t index,
-                                  const std::function<bool(const std::string&)>& pred,
+bool ScriptedServer::waitReceived(size_t index, const std::function<bool(const std::string&)>& pred,
                                   Limit limit) {
     return waitConnection(index, limit, [&](const Connection& c) { return pred(c.received); });
 }
@@ -680,8 +672,9 @@ bool ScriptedServer::waitFramesOf(size_t index, uint8_t type, size_t count, Limi
         limit);
 }
 
-bool ScriptedServer::waitFramesThat(
-    size_t index, const std::function<bool(const std::vector<WireFrame>&)>& pred, Limit limit) {
+bool ScriptedServer::waitFramesThat(size_t index,
+                                    const std::function<bool(const std::vector<WireFrame>&)>& pred,
+                                    Limit limit) {
     return waitConnection(index, limit, [&](const Connection& c) { return pred(c.frames); });
 }
 

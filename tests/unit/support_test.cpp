@@ -42,8 +42,7 @@ public:
         address.sin_family = AF_INET;
         address.sin_port = htons(server.port());
         inet_aton(ScriptedServer::ip(), &address.sin_addr);
-        m_connected =
-            connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        m_connected = connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
         if (tls && m_connected) startTls();
     }
     ~RawClient() {
@@ -65,9 +64,8 @@ public:
     // One read. Empty: end, error or no answer in 10 s; see lastRead().
     std::string read() {
         char buffer[65536];
-        m_lastRead = m_ssl != nullptr
-                         ? SSL_read(m_ssl, buffer, sizeof(buffer))
-                         : static_cast<int>(recv(m_fd, buffer, sizeof(buffer), 0));
+        m_lastRead = m_ssl != nullptr ? SSL_read(m_ssl, buffer, sizeof(buffer))
+                                      : static_cast<int>(recv(m_fd, buffer, sizeof(buffer), 0));
         m_errno = errno;
         return m_lastRead > 0 ? std::string(buffer, static_cast<size_t>(m_lastRead))
                               : std::string();
@@ -125,8 +123,7 @@ TEST(BytesDeathTest, HexRefusesWhatIsNoByte) {
 
 TEST(Bytes, FramesAreLaidOutAsOnTheWire) {
     // length | type | flags | R and stream | payload
-    EXPECT_EQ(toHex(frame(0x0A, 0x81, kReservedBit | 5, "ab")),
-              "00 00 02 0a 81 80 00 00 05 61 62");
+    EXPECT_EQ(toHex(frame(0x0A, 0x81, kReservedBit | 5, "ab")), "00 00 02 0a 81 80 00 00 05 61 62");
     EXPECT_EQ(toHex(frameWithLength(0x010203, kData, 0, 1, "x")), "01 02 03 00 00 00 00 00 01 78");
     EXPECT_EQ(toHex(settings({{1, 4096}, {4, 0x7fffffff}})),
               "00 00 0c 04 00 00 00 00 00 00 01 00 00 10 00 00 04 7f ff ff ff");
@@ -138,8 +135,7 @@ TEST(Bytes, FramesAreLaidOutAsOnTheWire) {
     EXPECT_EQ(toHex(windowUpdate(1, 0x8000)), "00 00 04 08 00 00 00 00 01 00 00 80 00");
     EXPECT_EQ(toHex(rstStream(7, 8)), "00 00 04 03 00 00 00 00 07 00 00 00 08");
     EXPECT_EQ(toHex(data(1, "a", kEndStream)), "00 00 01 00 01 00 00 00 01 61");
-    EXPECT_EQ(toHex(dataPadded(1, "a", 2, kEndStream)),
-              "00 00 04 00 09 00 00 00 01 02 61 00 00");
+    EXPECT_EQ(toHex(dataPadded(1, "a", 2, kEndStream)), "00 00 04 00 09 00 00 00 01 02 61 00 00");
     EXPECT_EQ(toHex(headers(1, "\x88")), "00 00 01 01 04 00 00 00 01 88");
     EXPECT_EQ(toHex(continuation(1, "\x88", 0)), "00 00 01 09 00 00 00 00 01 88");
 }
@@ -158,8 +154,7 @@ TEST(Bytes, HpackFieldsFollowTheirExamples) {
     // RFC 7541, C.2.1 to C.2.4
     EXPECT_EQ(toHex(hpackLiteral("custom-key", "custom-header", Literal::kIncremental)),
               "40 0a 63 75 73 74 6f 6d 2d 6b 65 79 0d 63 75 73 74 6f 6d 2d 68 65 61 64 65 72");
-    EXPECT_EQ(toHex(hpackLiteral(4, "/sample/path")),
-              "04 0c 2f 73 61 6d 70 6c 65 2f 70 61 74 68");
+    EXPECT_EQ(toHex(hpackLiteral(4, "/sample/path")), "04 0c 2f 73 61 6d 70 6c 65 2f 70 61 74 68");
     EXPECT_EQ(toHex(hpackLiteral("password", "secret", Literal::kNeverIndexed)),
               "10 08 70 61 73 73 77 6f 72 64 06 73 65 63 72 65 74");
     EXPECT_EQ(toHex(hpackIndexed(2)), "82");
@@ -263,7 +258,7 @@ TEST(LogCapture, RecordsNestsAndRestores) {
         CLogWrapper::Log(40000, "two", "File.cpp", "void g()", 9);
         EXPECT_EQ(outer.messages(), (std::vector<std::string>{"one", "two"}));
         EXPECT_EQ(outer.messages(40000), std::vector<std::string>{"two"});
-        EXPECT_EQ(outer.levelQueries(), 1u);
+        EXPECT_EQ(outer.levelQueries(), 2u);
         const LogRecord first = outer.records().at(0);
         EXPECT_EQ(first.level, 20000);
         EXPECT_EQ(first.file, "File.cpp");
@@ -360,8 +355,8 @@ TEST_P(ServerOfEitherKind, KeepsEveryByteAndSendsWhatItIsTold) {
     EXPECT_EQ(server.frames(0, kSettings), parseFrames(settings({{2, 0}})));
 
     ASSERT_TRUE(second.write("not HTTP/2"));
-    ASSERT_TRUE(server.waitReceived(
-        1, [](const std::string& bytes) { return bytes == "not HTTP/2"; }));
+    ASSERT_TRUE(
+        server.waitReceived(1, [](const std::string& bytes) { return bytes == "not HTTP/2"; }));
     EXPECT_TRUE(server.frames(1).empty());
     EXPECT_EQ(server.connections(), 2u);
 
@@ -577,6 +572,44 @@ TEST(ScriptedServer, LeavesCloseNotifyOutAndSeesThatOfTheClient) {
     EXPECT_EQ(third.tlsError(), SSL_ERROR_ZERO_RETURN);
     EXPECT_TRUE(third.write("y"));
     EXPECT_TRUE(server.waitReceived(2, 1));
+}
+
+TEST(RecordingClient, KeepsCallbacksInOrderAndWakesWhoWaits) {
+    constexpr std::chrono::milliseconds kShort{5};
+    std::vector<Callback> hooked;
+    RecordingClient client([&](const Callback& callback) { hooked.push_back(callback); });
+    EXPECT_EQ(client.status(), -1);
+    EXPECT_FALSE(client.waitHeaders(1, kShort));
+    EXPECT_FALSE(client.waitClosed(kShort));
+    std::thread library([&] {
+        const RecordingClient::HeaderDef list[] = {{":status", "200"}, {"a", "b"}};
+        client.onHeaderReceived(200, list, 2);
+        client.onContentReceived("xyz", 2, true);
+        client.onContentReceived(nullptr, 0, false);
+        client.onFailed(ERR_FETAL);
+        client.onSocketClosed();
+    });
+    EXPECT_TRUE(client.waitHeaders());
+    EXPECT_TRUE(client.waitContent(2));
+    EXPECT_TRUE(client.waitEnd());
+    EXPECT_TRUE(client.waitFailed());
+    EXPECT_TRUE(client.waitClosed());
+    EXPECT_TRUE(client.waitCallbacks(5));
+    const std::thread::id libraryId = library.get_id();
+    library.join();
+    const std::vector<Callback> wanted{Callback::headers(200, {{":status", "200"}, {"a", "b"}}),
+                                       Callback::content("xy", true), Callback::content("", false),
+                                       Callback::failed(ERR_FETAL), Callback::closed()};
+    EXPECT_EQ(client.callbacks(), wanted);
+    EXPECT_EQ(hooked, wanted);
+    EXPECT_EQ(client.status(), 200);
+    EXPECT_EQ(client.body(), "xy");
+    EXPECT_EQ(client.count(Callback::Kind::kContent), 2u);
+    EXPECT_EQ(client.threads(), std::set<std::thread::id>{libraryId});
+    client.clear();
+    EXPECT_TRUE(client.callbacks().empty());
+    client.onContentReceived("x", 1, true);
+    EXPECT_FALSE(client.waitEnd(kShort));
 }
 
 TEST(RefusingPort, Refuses) {
