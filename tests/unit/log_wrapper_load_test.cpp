@@ -34,6 +34,11 @@ private:
     }
 };
 
+class LogWrapperLoad : public ::testing::Test {
+protected:
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
 Log g_log = nullptr;
 
 void logFromExitHandler() {
@@ -42,7 +47,7 @@ void logFromExitHandler() {
     g_log(12345, "odd", nullptr, "f", 5);
 }
 
-TEST(LogWrapperLoad, HasItsOperationsUnderTheirMangledNames) {
+TEST_F(LogWrapperLoad, HasItsOperationsUnderTheirMangledNames) {
     const Loaded loaded;
     ASSERT_TRUE(loaded.library) << dlerror();
     EXPECT_TRUE(loaded.getLevel);
@@ -50,7 +55,7 @@ TEST(LogWrapperLoad, HasItsOperationsUnderTheirMangledNames) {
     EXPECT_TRUE(loaded.log);
 }
 
-TEST(LogWrapperLoad, SurvivesBeingLoadedAndUnloadedAgainAndAgain) {
+TEST_F(LogWrapperLoad, SurvivesBeingLoadedAndUnloadedAgainAndAgain) {
     const auto run = [] {
         for (int i = 0; i < 50; ++i) {
             const Loaded loaded;
@@ -65,7 +70,7 @@ TEST(LogWrapperLoad, SurvivesBeingLoadedAndUnloadedAgainAndAgain) {
 
 // Exit handlers run last come first: this one, registered before the library is loaded, runs when
 // the static objects of the library and of what it is built on are gone.
-TEST(LogWrapperLoad, LogsInTheSameFormatAfterItsStaticObjectsAreGone) {
+TEST_F(LogWrapperLoad, LogsInTheSameFormatAfterItsStaticObjectsAreGone) {
     const auto run = [] {
         atexit(logFromExitHandler);
         const Loaded loaded;
@@ -80,7 +85,7 @@ TEST(LogWrapperLoad, LogsInTheSameFormatAfterItsStaticObjectsAreGone) {
                              "ERROR a\\.cpp:3 \\?: a\\\\nb\n"));
 }
 
-TEST(LogWrapperLoad, NamesUnknownLevelsAlikeBeforeAndAfter) {
+TEST_F(LogWrapperLoad, NamesUnknownLevelsAlikeBeforeAndAfter) {
     const auto run = [] {
         atexit(logFromExitHandler);
         const Loaded loaded;

@@ -260,6 +260,7 @@ struct LogsAtExit {
 } g_logsAtExit;
 
 TEST_F(LogWrapper, SaysNothingOfItsOwnFromLoadToUnload) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto run = [] {
         g_logsAtExit.armed = true;
         exit(CLogWrapper::GetLevel() == kError ? 0 : 1);
