@@ -1,0 +1,49 @@
+#ifndef HTTP2CLIENT_TOOLS_OPTIONS_H
+#define HTTP2CLIENT_TOOLS_OPTIONS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Http2Client/error.h"
+
+// What h2request exits with. In `--help`, so never renumbered.
+enum ExitCode {
+    EXIT_ANSWERED = 0,         // status below 400
+    EXIT_USAGE = 2,            // also: a file cannot be read or written
+    EXIT_CANNOT_CONNECT = 3,
+    EXIT_REQUEST_FAILED = 4,
+    EXIT_CONNECTION_LOST = 5,
+    EXIT_TIMED_OUT = 6,
+    EXIT_ERROR_STATUS = 22     // status 400 and above
+};
+
+struct Header {
+    std::string name;
+    std::string value;
+    bool isVolatile;  // must not enter a compression table
+};
+
+struct Options {
+    std::string ip;
+    uint16_t port = 0;
+    std::string path;
+    bool tls = false;
+    HTTP_METHOD method = HTTP_GET;
+    std::vector<Header> headers;  // a host header among them
+    std::optional<std::string> data;
+    std::string dataFile;  // "-" for standard input; empty for none
+    bool showHeaders = false;
+    std::string outputFile;      // empty for standard output
+    unsigned int timeoutMs = 0;  // wall clock; 0 for none
+    unsigned int repeat = 1;
+    bool blocking = false;
+    bool verbose = false;
+};
+
+// Fills `options` from the command line. Returns nothing when the program goes on, and its exit
+// code when it ends here: after --help, or with a message on standard error.
+std::optional<int> parseOptions(int argc, char** argv, Options& options);
+
+#endif  // HTTP2CLIENT_TOOLS_OPTIONS_H
