@@ -1,0 +1,148 @@
+#ifndef HTTP2CLIENT_TESTS_WIRE_WIRE_SUPPORT_H
+#define HTTP2CLIENT_TESTS_WIRE_WIRE_SUPPORT_H
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Http2Client/HttpClientInterface.h"
+#include "Http2Client/httpClientApi.h"
+#include "support/bytes.h"
+#include "support/capture.h"
+#include "support/recording_client.h"
+#include "support/scripted_server.h"
+#include "support/wait.h"
+
+namespace h2test {
+
+// The library's thread, as long as this object lives.
+class LibraryThread {
+public:
+    explicit LibraryThread(unsigned int pollTime = 5) {
+        ignoreSigpipe();
+        initHttp2Client(pollTime);
+    }
+    ~LibraryThread() { destroyHttp2Client(); }
+    LibraryThread(const LibraryThread&) = delete;
+    LibraryThread& operator=(const LibraryThread&) = delete;
+};
+
+// The same, with the library's console lines thrown away.
+class RunningLibrary {
+private:
+    NullCout m_quiet;  // first in, last out: the thread writes to std::cout
+    LibraryThread m_thread;
+};
+
+inline ServerOptions serverOptions(bool tls) {
+    ServerOptions options;
+    options.tls = tls;
+    return options;
+}
+
+inline HTTP_SCHEMA schemaOf(bool tls) { return tls ? HTTPS_2 : HTTP_2; }
+
+inline int connectTo(tiny::HttpClientInterface& client, const ScriptedServer& server,
+                     bool tls = false) {
+    return client.connectToServer(schemaOf(tls), ScriptedServer::ip(), server.port());
+}
+
+// What every connection starts with.
+inline std::string opening() {
+    return std::string(kPreface) + hex("00001e 04 00 00000000"  // SETTINGS of 30 bytes, stream 0
+                                       "0002 00000000"          // ENABLE_PUSH
+                                       "0003 00000064"          // MAX_CONCURRENT_STREAMS
+                                       "0004 40000000"          // INITIAL_WINDOW_SIZE
+                                       "0005 00800000"          // MAX_FRAME_SIZE
+                                       "0006 0000ffff");        // MAX_HEADER_LIST_SIZE
+}
+
+constexpr uint8_t kWhole = kEndHeaders | kEndStream;  // flags of a HEADERS frame without a body
+constexpr uint32_t kCancel = 8;                       // the one error code that the client sends
+
+// The header block of a request: `method` is the coded ":method" field, `rest` what follows ":path".
+inline std::string requestBlock(std::string_view method, std::string_view path, bool tls,
+                                std::string_view rest = {}) {
+    std::string out(method);
+    out += hex(tls ? "87" : "86");  // ":scheme", from the static table
+    out += '\x44';                  // ":path", a literal with incremental indexing
+    out += hpackString(path);
+    out += rest;
+    return out;
+}
+
+// The HEADERS frame of a GET.
+inline std::string getRequest(uint32_t streamId, std::string_view path, bool tls = false,
+                              std::string_view rest = {}) {
+    return headers(streamId, requestBlock(hex("82"), path, tls, rest), kWhole);
+}
+
+// A response in one go: status 200 and the body in one DATA frame.
+inline std::string okResponse(uint32_t streamId, std::string_view body = "ok") {
+    return headers(streamId, hpackIndexed(8)) + data(streamId, body, kEndStream);
+}
+
+// The callbacks that okResponse leads to.
+inline std::vector<Callback> okCallbacks(std::string_view body = "ok") {
+    return {Callback::headers(200, {{":status", "200"}}), Callback::content(body, false)};
+}
+
+// Checks that connection `index` has sent exactly `expected` so far.
+inline void expectReceived(ScriptedServer& server, size_t index, const std::string& expected) {
+    EXPECT_TRUE(server.waitReceived(index, expected.size()));
+    EXPECT_EQ(toHex(server.received(index)), toHex(expected));
+}
+
+// The path of a request's first HEADERS frame, as requestBlock lays it out with an indexed method.
+inline std::string pathOf(const WireFrame& frame) {
+    if (frame.type != kHeaders || frame.payload.size() < 4 || frame.payload[2] != '\x44') return {};
+    return frame.payload.substr(4, static_cast<uint8_t>(frame.payload[3]));
+}
+
+// Answers every request at once; the body is the request's path.
+inline std::string echoPath(size_t /*index*/, const WireFrame& frame) {
+    const std::string path = pathOf(frame);
+    return path.empty() ? std::string() : okResponse(frame.streamId, path);
+}
+
+// `size` bytes in which no two stretches of four bytes at a multiple of four are the same.
+inline std::string distinctBytes(size_t size) {
+    std::string out;
+    for (uint32_t i = 0; out.size() < size; ++i) out += be32(i);
+    out.resize(size);
+    return out;
+}
+
+// A request body handed out by a reader; `read` goes to setContent with this object as `opaque`.
+struct BodySource {
+    std::string bytes;
+    size_t at = 0;
+    std::vector<size_t> asked;  // the `len` of each call
+
+    explicit BodySource(std::string body) : bytes(std::move(body)) {}
+    static int read(char* buf, size_t len, void* opaque) {
+        auto* self = static_cast<BodySource*>(opaque);
+        self->asked.push_back(len);
+        const size_t count = std::min(len, self->bytes.size() - self->at);
+        std::copy_n(self->bytes.data() + self->at, count, buf);
+        self->at += count;
+        return static_cast<int>(count);
+    }
+};
+
+// Whether a stream's body has ended among `frames`.
+inline bool bodyEnded(const std::vector<WireFrame>& frames, uint32_t streamId = 1) {
+    return std::any_of(frames.begin(), frames.end(), [&](const WireFrame& frame) {
+        return frame.type == kData && frame.streamId == streamId && frame.hasFlags(kEndStream);
+    });
+}
+
+}  // namespace h2test
+
+#endif  // HTTP2CLIENT_TESTS_WIRE_WIRE_SUPPORT_H
