@@ -2,14 +2,14 @@
 #define HTTP2CLIENT_ERROR_H
 
 // What a connection speaks. HTTP/2 always; the value chooses what lies under it.
-enum HTTP_SCHEMA {
+enum HTTP_SCHEMA : int {
     HTTP_VERSION_UNDEFINED = 0,  // not chosen yet; connecting with it uses TLS
     HTTP_2 = 1,                  // plain TCP, HTTP/2 with prior knowledge (RFC 9113, 3.3)
     HTTPS_2 = 2                  // TLS, without ALPN and without certificate verification
 };
 
 // The request methods that the client can send.
-enum HTTP_METHOD {
+enum HTTP_METHOD : int {
     HTTP_METHOD_UNDEFINED = 0,  // no method text: the request's ":method" is empty
     HTTP_GET = 1,
     HTTP_POST = 2,
@@ -17,7 +17,7 @@ enum HTTP_METHOD {
 };
 
 // Argument of HttpClientInterface::onFailed, and the meaning of several int results.
-enum HTTP_ERROR {
+enum HTTP_ERROR : int {
     ERR_OK = 0,
     ERR_RECV_ERR = 1,       // not reported by this version
     ERR_FETAL = 2,          // the server reset the stream, or the connection cannot be parsed

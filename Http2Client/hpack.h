@@ -23,7 +23,7 @@ public:
           m_value(value) {}
 
     // How a field stands in a header block (RFC 7541, 6).
-    enum HEADER_FIELD_TYPE {
+    enum HEADER_FIELD_TYPE : int {
         INDEXED_HEADER_FIELD = 0,
         LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING = 1,
         LITERAL_HEADER_FIELD_WITHOUT_INDEXING = 2,
