@@ -196,8 +196,8 @@ int CLogWrapper::GetLevel() { return g_level.load(std::memory_order_relaxed); }
 
 void CLogWrapper::SetLevel(int level) { g_level.store(level, std::memory_order_relaxed); }
 
-void CLogWrapper::Log(int level, const std::string& message, const char* file,
-                      const char* function, int line) {
+void CLogWrapper::Log(int level, const std::string& message, const char* file, const char* function,
+                      int line) {
     if (level < GetLevel()) return;
     const int savedErrno = errno;
     try {

@@ -11,7 +11,7 @@ namespace tiny {
 
 namespace {
 
-constexpr size_t kCacheLimit = 16 * 1024 * 1024;
+constexpr size_t kCacheLimit = size_t{16} * 1024 * 1024;
 
 }  // namespace
 

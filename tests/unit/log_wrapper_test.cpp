@@ -105,9 +105,8 @@ TEST_F(LogWrapper, WritesOneLineWithTimeLevelFileLineFunctionAndMessage) {
     StderrCapture capture;
     CLogWrapper::Log(kError, "cannot connect: 100% of 3", "Http2.cpp", "void tiny::f(int)", 42);
     EXPECT_THAT(capture.text(),
-                MatchesRegex(std::string(kDate) +
-                             "ERROR Http2\\.cpp:42 void tiny::f\\(int\\): "
-                             "cannot connect: 100% of 3\n"));
+                MatchesRegex(std::string(kDate) + "ERROR Http2\\.cpp:42 void tiny::f\\(int\\): "
+                                                  "cannot connect: 100% of 3\n"));
 }
 
 TEST_F(LogWrapper, WritesTheThresholdAndAboveAndNothingBelow) {
