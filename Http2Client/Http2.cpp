@@ -35,8 +35,8 @@ const std::string& textOf(const std::map<int, std::string>& texts, int key) {
 
 // As atoi, but saturating where atoi is undefined.
 int toStatus(const std::string& text) {
-    return static_cast<int>(std::clamp(std::strtol(text.c_str(), nullptr, 10), long{INT_MIN},
-                                       long{INT_MAX}));
+    return static_cast<int>(
+        std::clamp(std::strtol(text.c_str(), nullptr, 10), long{INT_MIN}, long{INT_MAX}));
 }
 
 }  // namespace
@@ -337,15 +337,13 @@ int Http2::decodeFrame(char* data, size_t len) {
     if (len == 0) return 0;
     switch (m_frameCtx.sendPacket(data, len, m_hpackTable, true)) {
         case FrameCtx::CTX_DONE:
-        case FrameCtx::CTX_MUST_READ:
-            return drainFrames(data, len);
+        case FrameCtx::CTX_MUST_READ: return drainFrames(data, len);
         case FrameCtx::CTX_FETAL_ERROR:
             failAllRequests();
             std::cout << "fetal error\n";
             queueRstStream(0);
             return kFetalError;
-        default:
-            return 0;
+        default: return 0;
     }
 }
 
@@ -366,10 +364,8 @@ int Http2::drainFrames(const char* data, size_t len) {
             case Frame::TYPE_GOAWAY_FRAME:
                 HTTP2CLIENT_LOG_INFO("received stream: " << std::string(data, len));
                 return kNeedClose;
-            case Frame::TYPE_RST_STREAM_FRAME:
-                return kNeedClose;
-            default:
-                break;
+            case Frame::TYPE_RST_STREAM_FRAME: return kNeedClose;
+            default: break;
         }
     }
     if (static_cast<int32_t>(total) <= 0) return 0;

@@ -68,7 +68,7 @@ public:
     bool createHeaderFrame(HttpClientInterfaceImpl* impl, HeadersFrame& frame);
     bool createDataFrame(HttpClientInterfaceImpl* impl, DataFrame& frame);
 
-    void makeRstStream(uint32_t streamId, int errorCode);     // does nothing
+    void makeRstStream(uint32_t streamId, int errorCode);   // does nothing
     void testWriteDataFrame(const char* data, size_t len);  // does nothing
 
 private:
@@ -113,8 +113,8 @@ private:
     Lock m_httpClientLock;      // guards m_httpClientMap
     ClientMap m_httpClientMap;  // running requests by stream; not owned
     uint32_t m_streamIndex = 1;
-    char* m_buffer = nullptr;      // m_bufferLen bytes; a body reader writes into it
-    size_t m_bufferLen = 16384;    // also the largest DATA payload
+    char* m_buffer = nullptr;    // m_bufferLen bytes; a body reader writes into it
+    size_t m_bufferLen = 16384;  // also the largest DATA payload
     [[maybe_unused]] uint32_t m_initWndSize = 65536;
     uint32_t m_flowCtrlSize = 32768;  // received bytes from which credit is returned
     [[maybe_unused]] bool m_isManual = false;
@@ -129,8 +129,8 @@ private:
 
     // What encodeCredit would find by walking m_flowControlMap, kept up to date instead: the map
     // keeps an entry for every stream that ended below the threshold.
-    uint32_t m_flowControlTotal = 0;        // sum of m_flowControlMap, modulo 2^32
-    std::set<uint32_t> m_flowControlDue;    // streams of it at or above m_flowCtrlSize
+    uint32_t m_flowControlTotal = 0;      // sum of m_flowControlMap, modulo 2^32
+    std::set<uint32_t> m_flowControlDue;  // streams of it at or above m_flowCtrlSize
 };
 
 // Texts of HTTP_METHOD and HTTP_SCHEMA. Filled by the first engine's constructor.

@@ -158,7 +158,9 @@ void HttpClientInterfaceImpl::appendReceivedContent(const char* content, size_t 
     m_recvContentStr.append(content, len);
 }
 
-void HttpClientInterfaceImpl::setErrorMessage(const char* errMsg) { m_errMsg = textOrEmpty(errMsg); }
+void HttpClientInterfaceImpl::setErrorMessage(const char* errMsg) {
+    m_errMsg = textOrEmpty(errMsg);
+}
 
 void HttpClientInterfaceImpl::resetToRequest() {
     m_handshake = false;

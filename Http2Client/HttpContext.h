@@ -90,12 +90,12 @@ private:
     ev* m_pollPtr;      // owned; used by the poll thread only
     Lock m_httpIolock;  // guards m_httpIoMap, and with it every engine and cache
     std::map<int, std::shared_ptr<HttpIO>> m_httpIoMap;  // live connections by descriptor
-    Lock m_removeLock;                 // guards m_removedHttp2Set
-    std::set<int> m_removedHttp2Set;   // to be deregistered at the next step
-    Lock m_newLock;                    // guards m_newHttp2Set
-    std::set<int> m_newHttp2Set;       // to be registered at the next step
-    char* m_buffer;      // read buffer of all connections
-    size_t m_bufferLen;  // its size
+    Lock m_removeLock;                                   // guards m_removedHttp2Set
+    std::set<int> m_removedHttp2Set;                     // to be deregistered at the next step
+    Lock m_newLock;                                      // guards m_newHttp2Set
+    std::set<int> m_newHttp2Set;                         // to be registered at the next step
+    char* m_buffer;                                      // read buffer of all connections
+    size_t m_bufferLen;                                  // its size
     DropGate* m_dropGate;  // owned; closed while dropped connections are being destroyed
 };
 

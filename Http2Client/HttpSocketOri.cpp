@@ -22,9 +22,7 @@ HttpSocketOri::HttpSocketOri(HTTP_SCHEMA ver, const std::string& ip, uint16_t po
 
 bool HttpSocketOri::initialization() { return true; }
 
-int HttpSocketOri::readData(char* buf, size_t len) {
-    return toResult(recv(m_socket, buf, len, 0));
-}
+int HttpSocketOri::readData(char* buf, size_t len) { return toResult(recv(m_socket, buf, len, 0)); }
 
 int HttpSocketOri::writeData(const char* buf, size_t len) {
     return toResult(send(m_socket, buf, len, 0));

@@ -26,7 +26,7 @@ enum HTTP_ERROR : int {
     ERR_URL_UNSET = 5,
     ERR_HEADER_UNSET = 6,
     ERR_CONTENT_UNSET = 7,
-    ERR_BUSY = 8            // a request of this object is still running
+    ERR_BUSY = 8  // a request of this object is still running
 };
 
 #endif  // HTTP2CLIENT_ERROR_H

@@ -15,7 +15,7 @@ constexpr size_t kMustReadFrames = 4;
 // How far a PUSH_PROMISE decoder reads past its payload.
 constexpr size_t kReadableTail = 4;
 // A reassembly buffer above this is given back when it is empty.
-constexpr size_t kKeptCapacity = 64 * 1024;
+constexpr size_t kKeptCapacity = size_t{64} * 1024;
 
 constexpr uint32_t kStreamIdMask = 0x7FFFFFFF;
 constexpr uint32_t kTopByteOf31Bits = 0x7F000000;
@@ -286,9 +286,7 @@ GoawayFrame::GoawayFrame(uint32_t lastStreamId, uint32_t errorCode, Buffer debug
     GoawayFrame::updateLength();
 }
 
-void GoawayFrame::updateLength() {
-    m_length = m_additionalDebugData.Length() + kGoawayFixedLength;
-}
+void GoawayFrame::updateLength() { m_length = m_additionalDebugData.Length() + kGoawayFixedLength; }
 
 Buffer* GoawayFrame::encodeFramePayload(hpack::Table* /*table*/) {
     auto* payload = new Buffer(m_additionalDebugData.Length() + kGoawayFixedLength);
@@ -435,11 +433,11 @@ void HeadersFrame::appendPlainTextHead() {
         const std::string& name = header.constField().Name();
         const std::string& value = header.constField().Value();
         if (name == ":method") {
-            head += value + " ";
+            head.append(value).append(" ");
         } else if (name == ":path") {
-            head += value + "\r\n";
+            head.append(value).append("\r\n");
         } else if (name != ":scheme") {
-            head += name + ": " + value + "\r\n";
+            head.append(name).append(": ").append(value).append("\r\n");
         }
     }
     head += "\r\n";
@@ -681,7 +679,8 @@ FrameCtx::CONTEXT_STATE FrameCtx::cutFrames(size_t& used, size_t size, hpack::Ta
         queuePendingFrame(used, m_frame->length(), table);
     }
     // Every round of the loop returns or leaves no frame pending, so this is not reached.
-    std::cout << "******* ########### @@@@@@@@@@@ total stacked size = " << size - used << std::endl;
+    std::cout << "******* ########### @@@@@@@@@@@ total stacked size = " << size - used
+              << std::endl;
     return m_decodedFrameList.size() > kMustReadFrames ? CTX_MUST_READ : CTX_DONE;
 }
 

@@ -271,16 +271,14 @@ bool Table::Encode(Buffer& encoded_buffer, std::vector<HeaderFieldRepresentation
                 encoded_buffer.Append(encode_int);
                 continue;
             }
-            case HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING:
-                break;
+            case HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING: break;
             case HeaderField::LITERAL_HEADER_FIELD_WITHOUT_INDEXING:
                 form = kLiteralWithoutIndexing;
                 break;
             case HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED:
                 form = kLiteralNeverIndexed;
                 break;
-            default:
-                continue;
+            default: continue;
         }
         const uint32_t name_index = Find(field.Name(), "");
         if (name_index != 0) {

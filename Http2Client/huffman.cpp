@@ -109,7 +109,8 @@ Huffman::HuffmanGarbage Huffman::m_huffmanGarbage;
 Huffman::node Huffman::m_huffmanRoot;
 
 // Not inline and not constant: the root must be written at run time, after the tree was built.
-__attribute__((noinline)) Huffman::node::node() : left(nullptr), right(nullptr), value(kInnerNode) {}
+__attribute__((noinline)) Huffman::node::node()
+    : left(nullptr), right(nullptr), value(kInnerNode) {}
 
 Huffman::HuffmanGarbage::HuffmanGarbage() : m_instance(new Huffman) {}
 

@@ -1,104 +1,99 @@
 #include "exchange.h"
 
-#include <cerrno>
-#include <cstring>
-#include <iostream>
 #include <utility>
 
 namespace {
 
-// The library reports no end of stream on headers; these responses have no body to wait for.
-bool endsWithHeaders(int status, const std::map<std::string, std::string>& headers) {
+// Bytes that may wait for the main thread. When it is slower than the server, the library's thread
+// waits for it: this process has one connection, so nothing else suffers, and the server is slowed
+// down in turn.
+constexpr size_t kMostPending = 16UL * 1024 * 1024;
+
+// blockedRequest takes no further chunk once it holds more than this.
+constexpr uint64_t kMostBlocked = 1024UL * 1024 - 1;
+
+// The longest processor time that blockedRequest can count; the wall clock is watched elsewhere.
+constexpr uint32_t kLongestWaitMs = 4294967;
+
+bool isInterim(int status) { return status >= 100 && status < 200; }
+
+bool endsWithHeaders(int status, const HeaderMap& headers) {
     if (status == 204 || status == 304) return true;
     const auto length = headers.find("content-length");
     return length != headers.end() && length->second == "0";
 }
 
-std::string readAll(FILE* file) {
-    std::string text;
-    char buffer[65536];
-    for (size_t n; (n = fread(buffer, 1, sizeof(buffer), file)) > 0;) text.append(buffer, n);
-    return text;
-}
-
 }  // namespace
-
-BodySource::~BodySource() {
-    if (m_file != nullptr) fclose(m_file);
-}
-
-bool BodySource::open(const Options& options) {
-    m_exists = options.data.has_value() || !options.dataFile.empty();
-    if (options.data) m_text = *options.data;
-    if (options.dataFile.empty()) return true;
-    if (options.dataFile == "-") {
-        m_text = readAll(stdin);
-        if (ferror(stdin) == 0) return true;
-        std::cerr << "h2request: cannot read standard input\n";
-        return false;
-    }
-    m_file = fopen(options.dataFile.c_str(), "rb");
-    if (m_file != nullptr) return true;
-    std::cerr << "h2request: cannot read " << options.dataFile << ": " << std::strerror(errno)
-              << "; check --data-file\n";
-    return false;
-}
-
-void BodySource::rewind() {
-    m_offset = 0;
-    if (m_file != nullptr) std::rewind(m_file);
-}
-
-int BodySource::read(char* buf, size_t len, void* opaque) {
-    auto* source = static_cast<BodySource*>(opaque);
-    if (source->m_file != nullptr) {
-        const size_t n = fread(buf, 1, len, source->m_file);
-        if (ferror(source->m_file) != 0) source->m_failed = true;
-        return static_cast<int>(n);
-    }
-    const size_t n = source->m_text.copy(buf, len, source->m_offset);
-    source->m_offset += n;
-    return static_cast<int>(n);
-}
-
-Exchange::~Exchange() { cancelRequest(); }
 
 bool Exchange::connect(const Options& options) {
     return connectToServer(options.tls ? HTTPS_2 : HTTP_2, options.ip.c_str(), options.port) == 0;
 }
 
-void Exchange::describe(const Options& options) {
+void Exchange::describe(const Options& options, BodySource& body) {
     setUri(options.path.c_str(), options.method);
     for (const Header& header : options.headers) {
         addHeader(header.name.c_str(), header.value.c_str(), header.isVolatile);
     }
+    // Always by a reader: of a block the library sends whole chunks only.
+    if (body.exists()) setContent(&BodySource::read, &body);
 }
 
 int Exchange::start(BodySource& body) {
-    reset();
-    body.rewind();
-    if (body.exists()) setContent(&BodySource::read, &body);
+    reset(body, false);
     return startRequest(nullptr);
 }
 
-void Exchange::reset() {
+void Exchange::prepareBlocked(BodySource& body) { reset(body, true); }
+
+Exchange::BlockedResult Exchange::runBlocked() {
+    BlockedResult result;
+    const char* message = "the connection is gone";
+    result.code =
+        blockedRequest(result.status, result.headers, result.body, message, kLongestWaitMs);
+    result.message = message;
+    return result;
+}
+
+void Exchange::reset(BodySource& body, bool blocking) {
+    body.rewind();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_arrived = Arrived();
+    m_woken = false;
+    m_answered = false;
+    m_blocking = blocking;
+    m_abandoned = false;
+    m_received = 0;
 }
 
 Arrived Exchange::wait(const Deadline& deadline) {
     std::unique_lock<std::mutex> lock(m_mutex);
     const auto something = [this] {
-        return m_arrived.status || !m_arrived.body.empty() || m_arrived.end != Arrived::NONE;
+        return m_woken || m_arrived.status || !m_arrived.body.empty() ||
+               m_arrived.end != Arrived::NONE;
     };
-    if (!deadline) {
+    if (deadline) {
+        m_changed.wait_until(lock, *deadline, something);
+    } else {
         m_changed.wait(lock, something);
-    } else if (!m_changed.wait_until(lock, *deadline, something)) {
-        Arrived timedOut;
-        timedOut.end = Arrived::TIMED_OUT;
-        return timedOut;
     }
+    m_woken = false;
+    m_taken.notify_all();
     return std::exchange(m_arrived, Arrived());
+}
+
+void Exchange::wake() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_woken = true;
+    m_changed.notify_all();
+}
+
+void Exchange::stop() {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_abandoned = true;
+        m_taken.notify_all();
+    }
+    cancelRequest();
 }
 
 void Exchange::finish(Arrived::End end) {
@@ -107,29 +102,42 @@ void Exchange::finish(Arrived::End end) {
     m_changed.notify_all();
 }
 
-void Exchange::onSocketClosed() { finish(Arrived::CLOSED); }
-
-void Exchange::onFailed(HTTP_ERROR /*err*/) { finish(Arrived::FAILED); }
-
 void Exchange::onHeaderReceived(int status, const HeaderDef* headers, size_t count) {
+    if (isInterim(status)) return;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_arrived.status = status;
-    for (size_t i = 0; i < count; ++i) {
-        m_arrived.headers[headers[i].m_headerName] = headers[i].m_headerValue;
+    bool complete = m_answered;  // then these are trailers
+    if (!m_answered) {
+        m_answered = true;
+        m_arrived.status = status;
+        for (size_t i = 0; i < count; ++i) {
+            m_arrived.headers[headers[i].m_headerName] = headers[i].m_headerValue;
+        }
+        complete = endsWithHeaders(status, m_arrived.headers);
     }
-    if (endsWithHeaders(status, m_arrived.headers)) {
+    if (complete) {
         m_arrived.end = Arrived::COMPLETE;
-        m_arrived.endedByHeaders = true;
+        m_arrived.beforeLibrary = true;
     }
     m_changed.notify_all();
 }
 
 void Exchange::onContentReceived(const char* data, size_t len, bool more) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_arrived.body.append(data, len);
-    if (!more) {
-        m_arrived.end = Arrived::COMPLETE;
-        m_arrived.endedByHeaders = false;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_blocking && m_received > kMostBlocked) {
+        m_arrived.end = Arrived::TOO_LARGE;
+    } else {
+        storeBody(lock, data, len);
+        if (!more) {
+            m_arrived.end = Arrived::COMPLETE;
+            m_arrived.beforeLibrary = false;
+        }
     }
     m_changed.notify_all();
+}
+
+void Exchange::storeBody(std::unique_lock<std::mutex>& lock, const char* data, size_t len) {
+    m_received += len;
+    if (m_blocking) return;
+    m_taken.wait(lock, [this] { return m_arrived.body.size() < kMostPending || m_abandoned; });
+    if (!m_abandoned) m_arrived.body.append(data, len);
 }

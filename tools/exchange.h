@@ -3,78 +3,86 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "Http2Client/HttpClientInterface.h"
+#include "body.h"
 #include "options.h"
 
 using Deadline = std::optional<std::chrono::steady_clock::time_point>;
+using HeaderMap = std::map<std::string, std::string>;
 
-// The request's body: a text, or a file that is read while it is sent. Standard input is read to
-// its end beforehand, since a reader that waits would stop the library.
-class BodySource {
-public:
-    ~BodySource();
-    // False, with a message on standard error, when the file cannot be read.
-    bool open(const Options& options);
-    bool exists() const { return m_exists; }
-    bool failed() const { return m_failed; }
-    void rewind();
-    // The library's reader callback; `opaque` is the BodySource.
-    static int read(char* buf, size_t len, void* opaque);
-
-private:
-    bool m_exists = false;
-    bool m_failed = false;
-    std::string m_text;
-    size_t m_offset = 0;
-    FILE* m_file = nullptr;  // owned; null when the body is in m_text
-};
-
-// What has come in since the last look. Ends are reported when all before them has been taken.
+// What has come in since the last look. The end is reported together with all before it.
 struct Arrived {
-    enum End { NONE, COMPLETE, FAILED, CLOSED, TIMED_OUT };
+    // TOO_LARGE: more than blockedRequest can keep; reported for a blocking request only.
+    enum End { NONE, COMPLETE, FAILED, CLOSED, TOO_LARGE };
     std::optional<int> status;  // with headers, when they have just come
-    std::map<std::string, std::string> headers;
+    HeaderMap headers;
     std::string body;
     End end = NONE;
-    bool endedByHeaders = false;  // the library still waits for a body; cancel the request
+    bool beforeLibrary = false;  // complete, but the library waits on: see Exchange
 };
 
 // A connection and its successive requests. The callbacks only store what comes, on the library's
 // thread; the main thread takes it with wait.
+//
+// Where an answer ends: with the DATA frame that the library reports as the last one; or with its
+// headers when they say that no body follows (status 204 and 304, content-length 0); or with
+// trailers, which are always the last of a response (RFC 9113, 8.1). The library reports no end of
+// stream on headers, so in the latter two cases it has to be told, by stop(). Interim responses
+// (status 1xx) are passed over.
 class Exchange : public tiny::HttpClientInterface {
 public:
     Exchange() = default;
-    ~Exchange() override;
+    ~Exchange() override { stop(); }
 
-    // Hands the request to the library. Everything that stays the same is set once.
     bool connect(const Options& options);
-    void describe(const Options& options);
-    // The library's result code: 0 when started.
+    // Sets what all requests have in common. `body` must outlive the exchange.
+    void describe(const Options& options, BodySource& body);
+
+    // Starts a request that reports through wait. Returns the library's result code: 0 is started.
     int start(BodySource& body);
-    // Waits for something to arrive; TIMED_OUT at the deadline.
+    // The same, through blockedRequest: returns its result when it does. Another thread may use
+    // wait meanwhile; no bodies arrive there.
+    struct BlockedResult {
+        int code = 0;
+        int status = 0;
+        HeaderMap headers;
+        std::string body;
+        std::string message;
+    };
+    void prepareBlocked(BodySource& body);
+    BlockedResult runBlocked();
+
+    // Waits for something to arrive, for wake, or for the deadline. May return nothing at all.
     Arrived wait(const Deadline& deadline);
+    // Makes wait return. From any thread.
+    void wake();
+    // Ends the running request, if there is one. Not while runBlocked runs.
+    void stop();
 
-    // The callbacks' side of a blocking request: forget what an earlier one left.
-    void reset();
-
-    void onSocketClosed() override;
-    void onFailed(HTTP_ERROR err) override;
+    void onSocketClosed() override { finish(Arrived::CLOSED); }
+    void onFailed(HTTP_ERROR /*err*/) override { finish(Arrived::FAILED); }
     void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override;
     void onContentReceived(const char* data, size_t len, bool more) override;
 
 private:
+    void reset(BodySource& body, bool blocking);
     void finish(Arrived::End end);
+    void storeBody(std::unique_lock<std::mutex>& lock, const char* data, size_t len);
 
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    Arrived m_arrived;  // guarded by m_mutex
+    std::mutex m_mutex;                 // guards all below
+    std::condition_variable m_changed;  // something has arrived
+    std::condition_variable m_taken;    // there is room again
+    Arrived m_arrived;
+    bool m_woken = false;
+    bool m_answered = false;   // the final status has come
+    bool m_blocking = false;   // the request runs through blockedRequest
+    bool m_abandoned = false;  // nobody takes anything any more
+    uint64_t m_received = 0;   // bytes of the body
 };
 
 #endif  // HTTP2CLIENT_TOOLS_EXCHANGE_H

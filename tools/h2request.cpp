@@ -37,12 +37,8 @@ int codeOf(int status) { return status < kFirstErrorStatus ? EXIT_ANSWERED : EXI
 
 int explain(Arrived::End end, const Options& options) {
     switch (end) {
-        case Arrived::FAILED:
-            std::cerr << kFailed;
-            return EXIT_REQUEST_FAILED;
-        case Arrived::CLOSED:
-            std::cerr << kLost;
-            return EXIT_CONNECTION_LOST;
+        case Arrived::FAILED: std::cerr << kFailed; return EXIT_REQUEST_FAILED;
+        case Arrived::CLOSED: std::cerr << kLost; return EXIT_CONNECTION_LOST;
         default:
             std::cerr << "h2request: no complete answer within " << options.timeoutMs
                       << " ms; give it more with --timeout\n";
@@ -158,8 +154,8 @@ int runBlocking(Exchange& exchange, const Options& options, BodySource& body, Ou
         std::cerr << "h2request: " << blocked.message << "\n";
         return EXIT_REQUEST_FAILED;
     }
-    if (!output.writeHead(blocked.status, blocked.headers) ||
-        !output.writeBody(blocked.content) || !output.flush()) {
+    if (!output.writeHead(blocked.status, blocked.headers) || !output.writeBody(blocked.content) ||
+        !output.flush()) {
         return EXIT_USAGE;
     }
     return codeOf(blocked.status);

@@ -1,22 +1,48 @@
 #include "options.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
 #include <arpa/inet.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <iostream>
 
 namespace {
 
-const char* const kFooter =
-    "Exit codes: 0 answered, status below 400; 22 answered, status 400 or above;\n"
-    "  3 cannot connect; 4 request failed (the server reset it); 5 connection lost;\n"
-    "  6 timed out; 2 bad usage, or a file that cannot be read or written.\n"
-    "The body goes to standard output, with -i behind status and headers; everything else\n"
-    "goes to standard error.\n"
-    "A host header is added unless one is given. A response without a body is complete\n"
-    "with its headers: status 204 or 304, or content-length 0.\n"
-    "Example: h2request -i -H 'accept: text/html' 127.0.0.1 8080 /index.html";
+// One screen: 24 lines of 80 columns.
+const char* const kHelp =
+    R"(Makes HTTP/2 requests to a server and prints the answer on standard output.
+Usage: h2request [options] IP PORT PATH     (an IPv4 address; PATH with its query)
+
+  --tls                TLS without ALPN, any certificate; otherwise plain TCP
+  -X METHOD            GET (default), POST or DELETE
+  -H 'name: value'     a request header; repeatable. "host" is added unless given
+  --volatile-header 'name: value'   the same, never put into a compression table
+  --data TEXT, --data-file FILE     a body for -X; "-" is standard input, which is
+                       read to its end before the request starts
+  -i                   print status and headers before the body
+  -o FILE              write the body to FILE
+  --timeout MS         limit for connecting and for each request, by the wall clock
+  --repeat N           make N successive requests on one connection
+  --blocking           use the library's blocking call: bodies of up to 1 MiB
+  -v                   the library's log and console lines, on standard error
+  -h, --help           this text
+
+Exit codes: 0 answered, status below 400; 22 answered, 400 or above; 2 bad usage,
+or a file or output fails; 3 cannot connect; 4 request failed; 5 connection lost;
+6 timed out. A lost or failed request ends --repeat.
+An answer without a body (204, 304, content-length: 0) ends with its headers.
+Example: h2request -i -H 'accept: text/html' 127.0.0.1 8080 /index.html
+)";
+
+// What the library puts into one HEADERS frame: names, values and path. Servers refuse the
+// sequence of HEADERS frames that it makes of more.
+constexpr size_t kHeaderLimit = 16283;
+
+[[noreturn]] void refuse(const std::string& why) { throw CLI::ValidationError(why); }
 
 std::string trimmed(const std::string& text) {
     const auto first = text.find_first_not_of(" \t");
@@ -24,13 +50,24 @@ std::string trimmed(const std::string& text) {
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
+// RFC 9110, 5.6.2.
+bool isTokenChar(unsigned char c) {
+    return std::isalnum(c) != 0 || (c != '\0' && std::strchr("!#$%&'*+-.^_`|~", c) != nullptr);
+}
+
 // Splits 'name: value'; the name goes out in lower case (RFC 9113, 8.2).
 Header parseHeader(const std::string& text, bool isVolatile) {
     const auto colon = text.find(':');
     Header header{trimmed(text.substr(0, colon)), std::string(), isVolatile};
     if (colon != std::string::npos) header.value = trimmed(text.substr(colon + 1));
-    if (header.name.empty() || header.value.empty()) {
-        throw CLI::ValidationError("'" + text + "' is no header; write it as 'name: value'");
+    if (header.name.empty() || !std::all_of(header.name.begin(), header.name.end(), isTokenChar)) {
+        refuse("'" + text + "' is no header; write it as 'name: value'");
+    }
+    if (header.value.empty()) {
+        refuse("'" + text + "' has no value, and would not be sent; write it as 'name: value'");
+    }
+    if (header.value.find_first_of("\r\n") != std::string::npos) {
+        refuse("the value of '" + header.name + "' has a line end; take it out");
     }
     std::transform(header.name.begin(), header.name.end(), header.name.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -45,64 +82,95 @@ void addHostHeader(Options& options) {
                            {"host", options.ip + ":" + std::to_string(options.port), false});
 }
 
-void checkMeaning(const CLI::App& app, const Options& options) {
+void checkAddress(const Options& options) {
     in_addr address{};
-    if (inet_aton(options.ip.c_str(), &address) == 0) {
-        throw CLI::ValidationError("'" + options.ip +
-                                   "' is no IPv4 address; names are not looked up");
+    if (inet_pton(AF_INET, options.ip.c_str(), &address) != 1) {
+        refuse("'" + options.ip +
+               "' is no IPv4 address; names are not looked up: ask `getent ahostsv4 NAME`");
     }
-    if (options.path.empty()) throw CLI::ValidationError("PATH is empty; write at least /");
-    if (app.count("--data") + app.count("--data-file") > 0 && options.method != HTTP_POST &&
-        app.count("-X") == 0) {
-        throw CLI::ValidationError("a body needs a method that has one; add -X POST");
+    const auto needsEscape = [](unsigned char c) { return c <= ' ' || c >= 0x7f; };
+    if (options.path.empty() || options.path[0] != '/') {
+        refuse("PATH must start with '/', as in /index.html");
     }
+    if (std::any_of(options.path.begin(), options.path.end(), needsEscape)) {
+        refuse("PATH has a blank or another byte that must be escaped, as in %20");
+    }
+}
+
+void checkHeaderSize(const Options& options) {
+    size_t total = options.path.size();
+    for (const Header& header : options.headers) total += header.name.size() + header.value.size();
+    if (total > kHeaderLimit) {
+        refuse("PATH and headers have " + std::to_string(total) + " bytes together; at most " +
+               std::to_string(kHeaderLimit) + " can be sent");
+    }
+}
+
+// The options as CLI11 fills them.
+struct RawOptions {
+    std::string method = "GET";
+    std::vector<std::string> headers;
+    std::vector<std::string> volatileHeaders;
+    std::string data;
+    std::string dataFile;
+};
+
+void addOptions(CLI::App& app, Options& options, RawOptions& raw) {
+    app.add_option("IP", options.ip)->required();
+    app.add_option("PORT", options.port)->required()->check(CLI::Range(1, 65535));
+    app.add_option("PATH", options.path)->required();
+    app.add_flag("--tls", options.tls);
+    app.add_option("-X", raw.method)->check(CLI::IsMember({"GET", "POST", "DELETE"}));
+    app.add_option("-H", raw.headers)->allow_extra_args(false);
+    app.add_option("--volatile-header", raw.volatileHeaders)->allow_extra_args(false);
+    auto* text = app.add_option("--data", raw.data);
+    app.add_option("--data-file", raw.dataFile)->excludes(text);
+    app.add_flag("-i", options.showHeaders);
+    app.add_option("-o", options.outputFile);
+    app.add_option("--timeout", options.timeoutMs)->check(CLI::Range(1U, 1000000000U));
+    app.add_option("--repeat", options.repeat)->check(CLI::Range(1U, 1000000000U));
+    app.add_flag("--blocking", options.blocking);
+    app.add_flag("-v", options.verbose);
+}
+
+void complete(const CLI::App& app, const RawOptions& raw, Options& options) {
+    options.method = raw.method == "POST"     ? HTTP_POST
+                     : raw.method == "DELETE" ? HTTP_DELETE
+                                              : HTTP_GET;
+    if (app.count("--data") > 0) options.data = raw.data;
+    if (app.count("--data-file") > 0) options.dataFile = raw.dataFile;
+    if ((options.data || options.dataFile) && app.count("-X") == 0) {
+        refuse("a body needs a method that has one; add -X POST");
+    }
+    for (const auto& header : raw.headers) options.headers.push_back(parseHeader(header, false));
+    for (const auto& header : raw.volatileHeaders) {
+        options.headers.push_back(parseHeader(header, true));
+    }
+    checkAddress(options);
+    addHostHeader(options);
+    checkHeaderSize(options);
 }
 
 }  // namespace
 
 std::optional<int> parseOptions(int argc, char** argv, Options& options) {
-    CLI::App app("Makes HTTP/2 requests to the server at IP PORT and prints the answer.");
-    app.name("h2request");
-    app.footer(kFooter);
-    std::string method = "GET";
-    std::vector<std::string> headers;
-    std::vector<std::string> volatileHeaders;
-    std::string data;
-    app.add_option("IP", options.ip, "IPv4 address of the server")->required();
-    app.add_option("PORT", options.port, "its port")->required()->check(CLI::Range(1, 65535));
-    app.add_option("PATH", options.path, "what to ask for, escaped, with its query")->required();
-    app.add_flag("--tls", options.tls, "TLS (no ALPN, any certificate); plain TCP otherwise");
-    app.add_option("-X", method, "GET (default), POST or DELETE")
-        ->check(CLI::IsMember({"GET", "POST", "DELETE"}));
-    app.add_option("-H", headers, "request header 'name: value'; repeatable")
-        ->allow_extra_args(false);
-    app.add_option("--volatile-header", volatileHeaders, "one that must not be indexed")
-        ->allow_extra_args(false);
-    auto* text = app.add_option("--data", data, "request body");
-    app.add_option("--data-file", options.dataFile, "request body from a file; - is stdin")
-        ->excludes(text);
-    app.add_flag("-i", options.showHeaders, "print status and headers before the body");
-    app.add_option("-o", options.outputFile, "write the body to a file");
-    app.add_option("--timeout", options.timeoutMs, "milliseconds for each request (none)");
-    app.add_option("--repeat", options.repeat, "successive requests on one connection")
-        ->check(CLI::Range(1U, 1000000000U));
-    app.add_flag("--blocking", options.blocking, "use the library's blocking call (to 1 MiB)");
-    app.add_flag("-v", options.verbose, "the library's log and console lines on stderr");
+    CLI::App app;
+    app.formatter_fn([](const CLI::App*, const std::string&, CLI::AppFormatMode) {
+        return std::string(kHelp);
+    });
+    RawOptions raw;
+    addOptions(app, options, raw);
     try {
         app.parse(argc, argv);
-        options.method = method == "POST"     ? HTTP_POST
-                         : method == "DELETE" ? HTTP_DELETE
-                                              : HTTP_GET;
-        if (app.count("--data") > 0) options.data = data;
-        checkMeaning(app, options);
-        for (const auto& header : headers) options.headers.push_back(parseHeader(header, false));
-        for (const auto& header : volatileHeaders) {
-            options.headers.push_back(parseHeader(header, true));
-        }
-        addHostHeader(options);
+        complete(app, raw, options);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app.exit(error);
-        std::cerr << "h2request: " << error.what() << "\nTry 'h2request --help'.\n";
+        if (error.get_exit_code() != 0) {
+            std::cerr << "h2request: " << error.what() << "\nTry 'h2request --help'.\n";
+            return EXIT_USAGE;
+        }
+        std::cout << kHelp << std::flush;
+        if (std::cout.good()) return EXIT_ANSWERED;
+        std::cerr << "h2request: cannot write to standard output: " << std::strerror(errno) << "\n";
         return EXIT_USAGE;
     }
     return std::nullopt;

@@ -33,7 +33,7 @@ struct Options {
     HTTP_METHOD method = HTTP_GET;
     std::vector<Header> headers;  // a host header among them
     std::optional<std::string> data;
-    std::string dataFile;  // "-" for standard input; empty for none
+    std::optional<std::string> dataFile;  // "-" for standard input
     bool showHeaders = false;
     std::string outputFile;      // empty for standard output
     unsigned int timeoutMs = 0;  // wall clock; 0 for none

@@ -148,12 +148,23 @@ TEST(StaticTable, HasSixtyOneEntriesAndAPlaceholder) {
     EXPECT_EQ(sizeof(static_table) / sizeof(static_table[0]), 62U);
     EXPECT_EQ(static_table[0].Name() + static_table[0].Value(), "");
     const std::pair<int, std::pair<std::string, std::string>> rows[] = {
-        {1, {":authority", ""}}, {2, {":method", "GET"}},      {3, {":method", "POST"}},
-        {4, {":path", "/"}},     {5, {":path", "/index.html"}}, {6, {":scheme", "http"}},
-        {7, {":scheme", "https"}}, {8, {":status", "200"}},    {14, {":status", "500"}},
-        {15, {"accept-charset", ""}}, {16, {"accept-encoding", "gzip, deflate"}},
-        {28, {"content-length", ""}}, {31, {"content-type", ""}}, {33, {"date", ""}},
-        {38, {"host", ""}},      {54, {"server", ""}},         {58, {"user-agend", ""}},
+        {1, {":authority", ""}},
+        {2, {":method", "GET"}},
+        {3, {":method", "POST"}},
+        {4, {":path", "/"}},
+        {5, {":path", "/index.html"}},
+        {6, {":scheme", "http"}},
+        {7, {":scheme", "https"}},
+        {8, {":status", "200"}},
+        {14, {":status", "500"}},
+        {15, {"accept-charset", ""}},
+        {16, {"accept-encoding", "gzip, deflate"}},
+        {28, {"content-length", ""}},
+        {31, {"content-type", ""}},
+        {33, {"date", ""}},
+        {38, {"host", ""}},
+        {54, {"server", ""}},
+        {58, {"user-agend", ""}},
         {61, {"www-authenticate", ""}}};
     for (const auto& [index, field] : rows) {
         EXPECT_EQ(static_table[index].Name(), field.first) << index;

@@ -32,7 +32,7 @@ TEST(Buffer, ReservesZeroedRoomWithoutLength) {
 }
 
 TEST(Buffer, CapacityIsTheSmallestEightTimesPowerOfTwo) {
-    const std::pair<unsigned int, uint32_t> cases[] = {{0, 8},   {1, 8},   {8, 8},    {9, 16},
+    const std::pair<unsigned int, uint32_t> cases[] = {{0, 8},   {1, 8},   {8, 8},      {9, 16},
                                                        {16, 16}, {17, 32}, {1000, 1024}};
     for (const auto& [wanted, capacity] : cases) EXPECT_EQ(Buffer(wanted).max_len, capacity);
 }

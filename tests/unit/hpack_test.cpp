@@ -151,9 +151,8 @@ TEST(Table, NeverFindsADynamicCopyOfAStaticEntry) {
 
 TEST(Table, UpdateTakesUpIncrementalLiteralsInOrder) {
     Table table;
-    table.Update({field("a", "1", kIncremental), field("b", "2", kNever),
-                  field("c", "3", kIndexed), field("d", "4", kWithout),
-                  field("e", "5", kIncremental)});
+    table.Update({field("a", "1", kIncremental), field("b", "2", kNever), field("c", "3", kIndexed),
+                  field("d", "4", kWithout), field("e", "5", kIncremental)});
     ASSERT_EQ(table.dynamic_table_.size(), 2U);
     EXPECT_EQ(table.Find("e", "5"), 62U);
     EXPECT_EQ(table.Find("a", "1"), 63U);
@@ -273,8 +272,8 @@ TEST(TableDecode, TakesUpIncrementalLiteralsWhateverTheArgumentSays) {
         Table table;
         List list;
         const std::string block = hpackLiteral("n", "v", Literal::kIncremental);
-        EXPECT_TRUE(table.Decode(list, Buffer(block.data(), static_cast<unsigned>(block.size())),
-                                 update));
+        EXPECT_TRUE(
+            table.Decode(list, Buffer(block.data(), static_cast<unsigned>(block.size())), update));
         EXPECT_EQ(table.Find("n", "v"), 62U);
     }
 }
@@ -322,7 +321,7 @@ TEST(TableDecode, FailsOnAStringBeyondTheBlock) {
     EXPECT_EQ(decoded(hex("00 02 6E")), "failed");
     EXPECT_EQ(decoded(hex("00 01 6E 02 76")), "failed");
     EXPECT_EQ(decoded(hex("00 01 6E 7F 7F 76")), "failed");
-    EXPECT_EQ(decoded(hex("00 01 6E FF 7F 76")), "failed");            // Huffman, too long
+    EXPECT_EQ(decoded(hex("00 01 6E FF 7F 76")), "failed");              // Huffman, too long
     EXPECT_EQ(decoded(hex("00 01 6E 7F FF FF FF FF 00 76")), "failed");  // wraps to a huge length
 }
 
@@ -337,8 +336,7 @@ TEST(TableDecode, ReadsACutOffLiteralAsEmptyStrings) {
 TEST(TableDecode, ReadsLengthsBeyondPosition128FromElsewhere) {
     // 140 one-byte fields, then a literal whose value length 128 is cut into 7F 01 at 142, 143:
     // the summand is read from position 143 AND 127 = 15, which holds 82 (-126): 127 - 126 = 1.
-    const std::string block =
-        std::string(140, '\x82') + hex("04 | 7F 01") + "v" + hex("84");
+    const std::string block = std::string(140, '\x82') + hex("04 | 7F 01") + "v" + hex("84");
     Table table;
     List list;
     ASSERT_TRUE(

@@ -1,0 +1,128 @@
+#include "body.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+bool complain(const std::string& what, int error, const char* advice) {
+    std::cerr << "h2request: " << what << ": " << std::strerror(error) << "; " << advice << "\n";
+    return false;
+}
+
+ssize_t readSome(int fd, char* buf, size_t len) {
+    ssize_t n = 0;
+    do {
+        n = ::read(fd, buf, len);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+bool writeWhole(int fd, const char* data, size_t len) {
+    while (len > 0) {
+        const ssize_t n = write(fd, data, len);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        data += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// A new file without a name, gone when it is closed; -1 and errno when there can be none.
+int temporaryFile() {
+    FILE* file = std::tmpfile();
+    if (file == nullptr) return -1;
+    const int fd = fcntl(fileno(file), F_DUPFD_CLOEXEC, 0);
+    const int error = errno;
+    std::fclose(file);
+    errno = error;
+    return fd;
+}
+
+}  // namespace
+
+BodySource::~BodySource() {
+    if (m_file != -1) close(m_file);
+}
+
+bool BodySource::open(const Options& options) {
+    if (options.data) {
+        m_exists = true;
+        m_text = *options.data;
+        m_size = m_text.size();
+    }
+    if (!options.dataFile) return true;
+    m_exists = true;
+    if (*options.dataFile == "-") return spool(STDIN_FILENO, "standard input");
+    return openFile(*options.dataFile);
+}
+
+bool BodySource::openFile(const std::string& name) {
+    const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1) return complain("cannot read " + name, errno, "check --data-file");
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+        m_file = fd;
+        m_size = static_cast<uint64_t>(status.st_size);
+        return true;
+    }
+    const bool ok = spool(fd, name);
+    close(fd);
+    return ok;
+}
+
+bool BodySource::spool(int from, const std::string& name) {
+    m_file = temporaryFile();
+    if (m_file == -1) return complain("cannot keep " + name, errno, "make room in /tmp");
+    static std::array<char, 65536> buffer;
+    while (true) {
+        const ssize_t n = readSome(from, buffer.data(), buffer.size());
+        if (n < 0) return complain("cannot read " + name, errno, "check --data-file");
+        if (n == 0) return true;
+        if (!writeWhole(m_file, buffer.data(), static_cast<size_t>(n))) {
+            return complain("cannot keep " + name, errno, "make room in /tmp");
+        }
+        m_size += static_cast<uint64_t>(n);
+    }
+}
+
+void BodySource::rewind() { m_offset = 0; }
+
+int BodySource::read(char* buf, size_t len, void* opaque) {
+    auto* source = static_cast<BodySource*>(opaque);
+    size_t n = 0;
+    if (source->m_file != -1) {
+        n = source->readFile(buf, len);
+    } else {
+        n = source->m_text.copy(buf, len, source->m_offset);
+    }
+    source->m_offset += n;
+    return static_cast<int>(n);
+}
+
+// Fills `buf` but at the file's end: less than it holds would end the body.
+size_t BodySource::readFile(char* buf, size_t len) {
+    size_t done = 0;
+    while (m_error == 0 && done < len) {
+        const ssize_t n =
+            pread(m_file, buf + done, len - done, static_cast<off_t>(m_offset + done));
+        if (n == 0) return done;
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (errno != EINTR) {
+            m_error = errno;
+            if (m_onFailure) m_onFailure();
+        }
+    }
+    std::fill(buf + done, buf + len, '\0');
+    return len;
+}

@@ -1,0 +1,59 @@
+#ifndef HTTP2CLIENT_TOOLS_BODY_H
+#define HTTP2CLIENT_TOOLS_BODY_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "options.h"
+
+// The request's body: a text, or a file that is read while it is sent.
+//
+// What cannot be read again and at any speed (standard input, a pipe) goes into a temporary file
+// first: the library asks for the body on the thread that does all its work, so a source that
+// waits would stop everything, and --repeat needs it once more.
+class BodySource {
+public:
+    BodySource() = default;
+    ~BodySource();
+    BodySource(const BodySource&) = delete;
+    BodySource& operator=(const BodySource&) = delete;
+
+    // False, with a message on standard error, when the source cannot be read.
+    bool open(const Options& options);
+    bool exists() const { return m_exists; }
+    uint64_t size() const { return m_size; }  // bytes when it was opened
+
+    // Called once, on the library's thread, when reading fails. Set it before the first request.
+    void setOnFailure(std::function<void()> onFailure) { m_onFailure = std::move(onFailure); }
+
+    // Starts again, for the next request. No request may be running.
+    void rewind();
+
+    // The library's reader callback; `opaque` is the BodySource.
+    //
+    // Once the source has failed it hands out zeros without end: the server must not take the part
+    // for the whole, so the body stays open until the request is cancelled.
+    static int read(char* buf, size_t len, void* opaque);
+
+    // These two from any thread.
+    uint64_t sent() const { return m_offset; }
+    int error() const { return m_error; }  // errno of a failed read; 0 for none
+
+private:
+    bool openFile(const std::string& name);
+    bool spool(int from, const std::string& name);
+    size_t readFile(char* buf, size_t len);
+
+    bool m_exists = false;
+    uint64_t m_size = 0;
+    std::string m_text;
+    int m_file = -1;  // owned; -1 when the body is in m_text
+    std::atomic<uint64_t> m_offset{0};
+    std::atomic<int> m_error{0};
+    std::function<void()> m_onFailure;
+};
+
+#endif  // HTTP2CLIENT_TOOLS_BODY_H
