@@ -13,11 +13,11 @@
 
 #include "Http2Client/HttpClientInterface.h"
 #include "Http2Client/httpClientApi.h"
-#include "support/bytes.h"
-#include "support/capture.h"
-#include "support/recording_client.h"
-#include "support/scripted_server.h"
-#include "support/wait.h"
+#include "tests/support/bytes.h"
+#include "tests/support/capture.h"
+#include "tests/support/recording_client.h"
+#include "tests/support/scripted_server.h"
+#include "tests/support/wait.h"
 
 namespace h2test {
 
@@ -66,7 +66,8 @@ inline std::string opening() {
 constexpr uint8_t kWhole = kEndHeaders | kEndStream;  // flags of a HEADERS frame without a body
 constexpr uint32_t kCancel = 8;                       // the one error code that the client sends
 
-// The header block of a request: `method` is the coded ":method" field, `rest` what follows ":path".
+// The header block of a request: `method` is the coded ":method" field, `rest` what follows
+// ":path".
 inline std::string requestBlock(std::string_view method, std::string_view path, bool tls,
                                 std::string_view rest = {}) {
     std::string out(method);
