@@ -117,6 +117,7 @@ void Exchange::onHeaderReceived(int status, const HeaderDef* headers, size_t cou
     if (complete) {
         m_arrived.end = Arrived::COMPLETE;
         m_arrived.beforeLibrary = true;
+        m_arrived.hadBody = m_received > 0;
     }
     m_changed.notify_all();
 }

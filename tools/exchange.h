@@ -24,6 +24,7 @@ struct Arrived {
     std::string body;
     End end = NONE;
     bool beforeLibrary = false;  // complete, but the library waits on: see Exchange
+    bool hadBody = false;        // set with beforeLibrary
 };
 
 // A connection and its successive requests. The callbacks only store what comes, on the library's

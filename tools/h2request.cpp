@@ -1,199 +1,252 @@
 // The library as a command: makes requests, prints the answers. See --help.
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
-#include <condition_variable>
+#include <cstring>
+#include <future>
 #include <iostream>
-#include <mutex>
+#include <string>
 #include <thread>
 
 #include <unistd.h>
 
 #include "CLogWrapper/CLogWrapper.h"
-#include "exchange.h"
 #include "Http2Client/httpClientApi.h"
+#include "body.h"
+#include "exchange.h"
 #include "options.h"
 #include "output.h"
+#include "watchdog.h"
 
 namespace {
 
-constexpr unsigned int kPollTimeMs = 100;
-constexpr int kLogInfo = 20000;
-constexpr int kFirstErrorStatus = 400;
-// The longest processor time that blockedRequest can count; the wall clock is watched here.
-constexpr uint32_t kLongestWaitMs = 4294967;
-// How long blockedRequest may take to notice an end that the callbacks have already reported.
-constexpr std::chrono::seconds kGrace{2};
+using std::chrono::steady_clock;
 
-const char* const kLost =
-    "h2request: connection lost before the answer was complete; the server closed it\n";
-const char* const kFailed = "h2request: request failed; the server reset it or sent no HTTP/2\n";
+constexpr unsigned int kPollTimeMs = 5;
+constexpr int kFirstErrorStatus = 400;
+constexpr std::chrono::milliseconds kProgressPause{100};
+// How long after its time a request may take to be ended in order, before the watchdog ends it.
+constexpr std::chrono::seconds kGrace{5};
 
 Deadline deadlineOf(const Options& options) {
     if (options.timeoutMs == 0) return std::nullopt;
-    return std::chrono::steady_clock::now() + std::chrono::milliseconds(options.timeoutMs);
+    return steady_clock::now() + std::chrono::milliseconds(options.timeoutMs);
 }
 
-int codeOf(int status) { return status < kFirstErrorStatus ? EXIT_ANSWERED : EXIT_ERROR_STATUS; }
+bool isOver(const Deadline& deadline) { return deadline && steady_clock::now() >= *deadline; }
+
+std::string timedOutMessage(const char* what, const Options& options) {
+    return std::string("h2request: no ") + what + " within " + std::to_string(options.timeoutMs) +
+           " ms; allow more with --timeout\n";
+}
+
+int explainTimeOut(const Options& options) {
+    std::cerr << timedOutMessage("complete answer", options);
+    return EXIT_TIMED_OUT;
+}
+
+int explainLost(const Options& options) {
+    std::cerr << "h2request: connection lost before the answer was complete; "
+              << (options.tls ? "see the server's log" : "if the port speaks TLS, add --tls")
+              << "\n";
+    return EXIT_CONNECTION_LOST;
+}
+
+int explainTooLarge() {
+    std::cerr << "h2request: request failed: the body is over the 1 MiB that the blocking call "
+                 "can hold; leave out --blocking\n";
+    return EXIT_REQUEST_FAILED;
+}
 
 int explain(Arrived::End end, const Options& options) {
-    switch (end) {
-        case Arrived::FAILED: std::cerr << kFailed; return EXIT_REQUEST_FAILED;
-        case Arrived::CLOSED: std::cerr << kLost; return EXIT_CONNECTION_LOST;
-        default:
-            std::cerr << "h2request: no complete answer within " << options.timeoutMs
-                      << " ms; give it more with --timeout\n";
-            return EXIT_TIMED_OUT;
+    if (end == Arrived::TOO_LARGE) return explainTooLarge();
+    if (end == Arrived::CLOSED) return explainLost(options);
+    std::cerr << "h2request: request failed: the server reset it, or what it sends cannot be "
+                 "parsed; -v shows the frames\n";
+    return EXIT_REQUEST_FAILED;
+}
+
+int explainBody(const BodySource& body) {
+    std::cerr << "h2request: reading the body failed: " << std::strerror(body.error())
+              << "; the request was given up\n";
+    return EXIT_USAGE;
+}
+
+// The exit code for a complete answer.
+int judge(int status) {
+    if (status == 0) {
+        std::cerr << "h2request: request failed: the answer came without a status that can be "
+                     "read (Huffman-coded headers are not); -v shows the frames\n";
+        return EXIT_REQUEST_FAILED;
     }
+    if (status < kFirstErrorStatus) return EXIT_ANSWERED;
+    std::cerr << "h2request: the server answered with status " << status << "\n";
+    return EXIT_ERROR_STATUS;
+}
+
+// All that the requests of one run share.
+struct Run {
+    const Options& options;
+    BodySource& body;
+    Output& output;
+    Watchdog& watchdog;
+    Exchange& exchange;
+};
+
+// When to look again even if nothing arrives: for a bar that shows how much has been sent.
+Deadline nextLook(const Run& run, const Deadline& deadline) {
+    if (!run.output.showsUpload() || run.body.size() == 0) return deadline;
+    const auto tick = steady_clock::now() + kProgressPause;
+    return deadline ? std::min(*deadline, tick) : tick;
+}
+
+// Writes what has arrived. False when the output takes no more.
+bool writeArrived(const Run& run, const Arrived& arrived) {
+    if (arrived.status) {
+        run.output.showUpload(run.body.sent(), run.body.size());
+        if (!run.output.writeHead(*arrived.status, arrived.headers)) return false;
+    }
+    const bool isAnswer = arrived.status || !arrived.body.empty();
+    return !isAnswer || run.output.writeBody(arrived.body);
 }
 
 // One request, its answer printed as it arrives.
-int runStreaming(Exchange& exchange, const Options& options, BodySource& body, Output& output) {
-    const Deadline deadline = deadlineOf(options);
-    output.beginAnswer();
-    if (exchange.start(body) != 0) {
-        std::cerr << kLost;
-        return EXIT_CONNECTION_LOST;
-    }
+int runStreaming(const Run& run) {
+    const Deadline deadline = deadlineOf(run.options);
+    run.watchdog.arm(deadline ? Deadline(*deadline + kGrace) : deadline,
+                     timedOutMessage("complete answer", run.options));
+    run.output.beginAnswer();
+    if (run.exchange.start(run.body) != 0) return explainLost(run.options);
     int status = 0;
+    bool answered = false;
     while (true) {
-        const Arrived arrived = exchange.wait(deadline);
+        const Arrived arrived = run.exchange.wait(nextLook(run, deadline));
+        if (!writeArrived(run, arrived)) return EXIT_USAGE;
         if (arrived.status) {
+            answered = true;
             status = *arrived.status;
-            if (!output.writeHead(status, arrived.headers)) return EXIT_USAGE;
         }
-        if (!output.writeBody(arrived.body)) return EXIT_USAGE;
-        if (arrived.end == Arrived::NONE) continue;
-        if (!output.flush()) return EXIT_USAGE;
-        if (arrived.end != Arrived::COMPLETE) return explain(arrived.end, options);
-        if (arrived.endedByHeaders) exchange.cancelRequest();
-        return codeOf(status);
+        if (!answered) run.output.showUpload(run.body.sent(), run.body.size());
+        if (arrived.end != Arrived::NONE || run.body.error() != 0 || isOver(deadline)) {
+            run.output.endProgress();
+        }
+        if (arrived.end == Arrived::COMPLETE) {
+            if (arrived.beforeLibrary) run.exchange.stop();
+            return judge(status);
+        }
+        if (arrived.end != Arrived::NONE) return explain(arrived.end, run.options);
+        if (run.body.error() != 0) return explainBody(run.body);
+        if (isOver(deadline)) return explainTimeOut(run.options);
     }
-}
-
-// What blockedRequest has returned, once it has.
-struct Blocked {
-    std::mutex mutex;
-    std::condition_variable returned;
-    bool done = false;
-    int result = 0;
-    int status = 0;
-    std::map<std::string, std::string> headers;
-    std::string content;
-    std::string message;
-};
-
-void callBlocking(Exchange& exchange, Blocked& blocked) {
-    int status = 0;
-    std::map<std::string, std::string> headers;
-    std::string content;
-    const char* message = "";
-    const int result = exchange.blockedRequest(status, headers, content, message, kLongestWaitMs);
-    const std::lock_guard<std::mutex> lock(blocked.mutex);
-    blocked.result = result;
-    blocked.status = status;
-    blocked.headers = headers;
-    blocked.content = content;
-    blocked.message = message;
-    blocked.done = true;
-    blocked.returned.notify_all();
 }
 
 // Ends the process at once: a thread is still inside blockedRequest and cannot be called back.
-[[noreturn]] void leave(Output& output, int code) {
-    output.flush();
+[[noreturn]] void leave(const Run& run, int code) {
+    if (!run.output.close() && code == EXIT_ANSWERED) code = EXIT_USAGE;
     std::cerr.flush();
     _exit(code);
 }
 
-// One request through blockedRequest. It counts processor time and does not hear of a lost
-// connection, so the callbacks and the wall clock are watched beside it.
-int runBlocking(Exchange& exchange, const Options& options, BodySource& body, Output& output) {
-    const Deadline deadline = deadlineOf(options);
-    output.beginAnswer();
-    exchange.reset();
-    body.rewind();
-    if (body.exists()) exchange.setContent(&BodySource::read, &body);
-    Blocked blocked;
-    std::thread caller(callBlocking, std::ref(exchange), std::ref(blocked));
-    Arrived seen;
-    {
-        std::unique_lock<std::mutex> lock(blocked.mutex);
-        const auto isDone = [&blocked] { return blocked.done; };
-        while (!blocked.done && seen.end == Arrived::NONE) {
-            blocked.returned.wait_for(lock, std::chrono::milliseconds(5), isDone);
-            const Arrived now = exchange.wait(std::chrono::steady_clock::now());
-            if (now.status) {
-                seen.status = now.status;
-                seen.headers = now.headers;
-            }
-            if (now.end != Arrived::TIMED_OUT) seen.end = now.end;
-            seen.endedByHeaders = now.endedByHeaders;
-            if (deadline && std::chrono::steady_clock::now() >= *deadline) {
-                if (seen.end == Arrived::NONE) seen.end = Arrived::TIMED_OUT;
-            }
-        }
-        const bool complete = seen.end == Arrived::COMPLETE && !seen.endedByHeaders;
-        if (!blocked.done && complete) blocked.returned.wait_for(lock, kGrace, isDone);
+// An answer that ends with headers: blockedRequest does not see that, and waits on.
+[[noreturn]] void leaveAfterHeaders(const Run& run, const Arrived& head, bool isLast) {
+    if (head.hadBody) {
+        std::cerr << "h2request: request failed: the blocking call waits on after an answer with "
+                     "trailers; leave out --blocking\n";
+        leave(run, EXIT_REQUEST_FAILED);
     }
-    if (!blocked.done) {
-        if (seen.endedByHeaders) {
-            output.writeHead(*seen.status, seen.headers);
-            leave(output, codeOf(*seen.status));
+    if (!writeArrived(run, head)) leave(run, EXIT_USAGE);
+    const int code = judge(*head.status);
+    if (isLast) leave(run, code);
+    std::cerr << "h2request: request failed: the blocking call waits on after an answer without a "
+                 "body; leave out --blocking or --repeat\n";
+    leave(run, EXIT_REQUEST_FAILED);
+}
+
+// One request through blockedRequest. It counts processor time and hears of no lost connection,
+// so the callbacks and the wall clock are watched beside it.
+int runBlocking(const Run& run, bool isLast) {
+    const Deadline deadline = deadlineOf(run.options);
+    run.watchdog.arm(deadline ? Deadline(*deadline + kGrace) : deadline,
+                     timedOutMessage("complete answer", run.options));
+    run.output.beginAnswer();
+    run.exchange.prepareBlocked(run.body);
+    std::promise<Exchange::BlockedResult> promise;
+    auto future = promise.get_future();
+    std::thread caller([&] {
+        promise.set_value(run.exchange.runBlocked());
+        run.exchange.wake();
+    });
+
+    Arrived head;  // the status and headers, when they have come
+    while (future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+        Arrived arrived = run.exchange.wait(deadline);
+        const Arrived::End end = arrived.end;
+        const bool beforeLibrary = arrived.beforeLibrary;
+        const bool hadBody = arrived.hadBody;
+        if (arrived.status) head = std::move(arrived);
+        if (beforeLibrary) {
+            head.hadBody = hadBody;
+            leaveAfterHeaders(run, head, isLast);
         }
-        if (seen.end != Arrived::COMPLETE) leave(output, explain(seen.end, options));
-        std::cerr << "h2request: request failed, the content is over limit(1MB); leave out "
-                     "--blocking\n";
-        leave(output, EXIT_REQUEST_FAILED);
+        if (end != Arrived::NONE && end != Arrived::COMPLETE) leave(run, explain(end, run.options));
+        if (run.body.error() != 0) leave(run, explainBody(run.body));
+        if (isOver(deadline)) leave(run, explainTimeOut(run.options));
     }
     caller.join();
-    if (blocked.result == 2) {
-        std::cerr << kLost;
-        return EXIT_CONNECTION_LOST;
+    const Exchange::BlockedResult result = future.get();
+    if (run.exchange.wait(steady_clock::now()).end == Arrived::TOO_LARGE) return explainTooLarge();
+    if (result.code == 2) return explainLost(run.options);
+    if (result.code != 0) {
+        std::cerr << "h2request: " << result.message << "\n";
+        return result.code == 3 ? EXIT_TIMED_OUT : EXIT_REQUEST_FAILED;
     }
-    if (blocked.result != 0) {
-        std::cerr << "h2request: " << blocked.message << "\n";
-        return EXIT_REQUEST_FAILED;
-    }
-    if (!output.writeHead(blocked.status, blocked.headers) || !output.writeBody(blocked.content) ||
-        !output.flush()) {
+    if (!run.output.writeHead(result.status, result.headers) ||
+        !run.output.writeBody(result.body)) {
         return EXIT_USAGE;
     }
-    return codeOf(blocked.status);
+    run.output.endProgress();
+    return judge(result.status);
 }
 
 int runRequests(const Options& options, BodySource& body, Output& output) {
+    Watchdog watchdog;
     Exchange exchange;
+    watchdog.arm(deadlineOf(options), timedOutMessage("connection", options));
     if (!exchange.connect(options)) {
         std::cerr << "h2request: cannot connect to " << options.ip << " port " << options.port
-                  << (options.tls ? " with TLS; does it speak TLS there?\n"
-                                  : "; is the server running, and on this port?\n");
+                  << (options.tls ? " with TLS; check that a server is there and speaks TLS\n"
+                                  : "; check that a server is there: `ss -ltn` lists the ports\n");
         return EXIT_CANNOT_CONNECT;
     }
-    exchange.describe(options);
-    int worst = EXIT_ANSWERED;
-    for (unsigned int i = 0; i < options.repeat; ++i) {
-        const int code = options.blocking ? runBlocking(exchange, options, body, output)
-                                          : runStreaming(exchange, options, body, output);
-        if (body.failed()) {
-            std::cerr << "h2request: reading the body failed; part of it was sent\n";
-            return EXIT_USAGE;
-        }
-        if (code != EXIT_ANSWERED) worst = code;
-        if (code != EXIT_ANSWERED && code != EXIT_ERROR_STATUS) break;
+    exchange.describe(options, body);
+    body.setOnFailure([&exchange] { exchange.wake(); });
+    const Run run{options, body, output, watchdog, exchange};
+    int code = EXIT_ANSWERED;
+    for (unsigned int i = 1; i <= options.repeat; ++i) {
+        const int next =
+            options.blocking ? runBlocking(run, i == options.repeat) : runStreaming(run);
+        if (next != EXIT_ANSWERED) code = next;
+        if (next != EXIT_ANSWERED && next != EXIT_ERROR_STATUS) break;
     }
-    return worst;
+    if (!output.close() && code == EXIT_ANSWERED) code = EXIT_USAGE;
+    return code;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    occupyStandardDescriptors();
+    signal(SIGPIPE, SIG_IGN);
     Options options;
     if (const auto ended = parseOptions(argc, argv, options)) return *ended;
-    signal(SIGPIPE, SIG_IGN);
     BodySource body;
     Output output;
     if (!body.open(options) || !output.open(options)) return EXIT_USAGE;
+#ifdef H2REQUEST_SETS_LOG_LEVEL
+    constexpr int kLogInfo = 20000;
     if (options.verbose) CLogWrapper::SetLevel(kLogInfo);
+#endif
 
     const ConsoleLines consoleLines(options.verbose);
     initHttp2Client(kPollTimeMs);

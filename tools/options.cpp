@@ -15,25 +15,26 @@ namespace {
 // One screen: 24 lines of 80 columns.
 const char* const kHelp =
     R"(Makes HTTP/2 requests to a server and prints the answer on standard output.
-Usage: h2request [options] IP PORT PATH     (an IPv4 address; PATH with its query)
+Usage: h2request [options] IP PORT PATH   (IP: an IPv4 address)
 
   --tls                TLS without ALPN, any certificate; otherwise plain TCP
   -X METHOD            GET (default), POST or DELETE
-  -H 'name: value'     a request header; repeatable. "host" is added unless given
+  -H 'name: value'     a request header; repeatable. host is added unless given
   --volatile-header 'name: value'   the same, never put into a compression table
-  --data TEXT, --data-file FILE     a body for -X; "-" is standard input, which is
-                       read to its end before the request starts
+  --data TEXT          a body, for -X
+  --data-file FILE     the same from a file; "-" is standard input, read to its end
+                       before the request starts
   -i                   print status and headers before the body
   -o FILE              write the body to FILE
-  --timeout MS         limit for connecting and for each request, by the wall clock
+  --timeout MS         limit for connecting, and for each request (wall clock)
   --repeat N           make N successive requests on one connection
   --blocking           use the library's blocking call: bodies of up to 1 MiB
   -v                   the library's log and console lines, on standard error
   -h, --help           this text
 
-Exit codes: 0 answered, status below 400; 22 answered, 400 or above; 2 bad usage,
-or a file or output fails; 3 cannot connect; 4 request failed; 5 connection lost;
-6 timed out. A lost or failed request ends --repeat.
+Exit codes: 0 answered, status below 400; 22 answered, 400 or above; 2 bad
+usage, or a file or the output fails; 3 cannot connect; 4 request failed;
+5 connection lost; 6 timed out. Codes 2 to 6 end --repeat at once.
 An answer without a body (204, 304, content-length: 0) ends with its headers.
 Example: h2request -i -H 'accept: text/html' 127.0.0.1 8080 /index.html
 )";
@@ -155,9 +156,8 @@ void complete(const CLI::App& app, const RawOptions& raw, Options& options) {
 
 std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     CLI::App app;
-    app.formatter_fn([](const CLI::App*, const std::string&, CLI::AppFormatMode) {
-        return std::string(kHelp);
-    });
+    app.formatter_fn(
+        [](const CLI::App*, const std::string&, CLI::AppFormatMode) { return std::string(kHelp); });
     RawOptions raw;
     addOptions(app, options, raw);
     try {

@@ -10,13 +10,13 @@
 
 // What h2request exits with. In `--help`, so never renumbered.
 enum ExitCode {
-    EXIT_ANSWERED = 0,         // status below 400
-    EXIT_USAGE = 2,            // also: a file cannot be read or written
+    EXIT_ANSWERED = 0,  // status below 400
+    EXIT_USAGE = 2,     // also: a file cannot be read or written
     EXIT_CANNOT_CONNECT = 3,
     EXIT_REQUEST_FAILED = 4,
     EXIT_CONNECTION_LOST = 5,
     EXIT_TIMED_OUT = 6,
-    EXIT_ERROR_STATUS = 22     // status 400 and above
+    EXIT_ERROR_STATUS = 22  // status 400 and above
 };
 
 struct Header {

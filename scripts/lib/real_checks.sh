@@ -1,6 +1,6 @@
 # shellcheck shell=bash
 # The checks of a real server that scripts/demo and tests/real share. Callers source servers.sh,
-# set WORK and H2REQUEST, and start the servers.
+# set WORK and H2REQUEST, start the servers, and look at FAILED_CHECKS in the end.
 
 FAILED_CHECKS=0
 
@@ -13,72 +13,87 @@ make_documents() {
     head -c 1000000 /dev/urandom >"$WORK/upload.bin"
 }
 
+# verdict GOT EXPECTED WHAT
 verdict() {
     if [ "$1" = "$2" ]; then
-        echo "  ok: $3"
+        echo "  ok: $3 ($1)"
     else
-        echo "  FAILED: $3: expected $2, got $1"
+        echo "  FAILED: $3: expected '$2', got '$1'"
         FAILED_CHECKS=$((FAILED_CHECKS + 1))
     fi
 }
 
-# request ARGS... : runs h2request and shows how. Its output goes to $WORK/answer, its exit code
-# to CODE.
+# request ARGS... : shows the command and runs it. Its output goes to $WORK/answer.
 request() {
+    local code=0
     echo "\$ h2request $*"
-    CODE=0
-    "$H2REQUEST" --timeout 60000 "$@" >"$WORK/answer" || CODE=$?
+    "$H2REQUEST" "$@" >"$WORK/answer" || code=$?
+    if grep -qP '[^\t\n -~]' "$WORK/answer"; then
+        echo "  | $(wc -c <"$WORK/answer") bytes, not text"
+    else
+        sed 's/^/  | /' "$WORK/answer"
+    fi
+    verdict "$code" 0 "exit code"
 }
 
-show_answer() { sed 's/^/  | /' "$WORK/answer"; }
+# The head and the body that -i has printed.
+answer_head() { sed '/^$/,$d' "$WORK/answer"; }
+answer_body() { sed '1,/^$/d' "$WORK/answer"; }
 
-# check_get PORT [OPTION]: one GET whose head and body are shown and compared.
+# In each of the following: PORT [OPTION].
+
 check_get() {
     local port=$1
     shift
-    request -i "$@" 127.0.0.1 "$port" /hello.txt
-    show_answer
-    verdict "$CODE" 0 "exit code"
+    request --timeout 60000 "$@" -i 127.0.0.1 "$port" /hello.txt
     verdict "$(head -1 "$WORK/answer")" "status: 200" "status"
-    verdict "$(tail -1 "$WORK/answer")" "Hello over HTTP/2" "body"
+    verdict "$(answer_body)" "Hello over HTTP/2" "body"
 }
 
-# All response headers arrive only from a server that does not Huffman-code them.
+# After check_get. All response headers arrive only from a server that does not Huffman-code them.
 check_all_headers() {
-    verdict "$(grep -cE '^(server|date|content-length|last-modified): .' "$WORK/answer")" 4 \
+    verdict "$(answer_head | grep -cE '^(server|date|content-length|last-modified): .')" 4 \
         "server, date, content-length and last-modified arrived"
 }
 
+# The body is a stream to the client: it comes out of a pipe.
 check_post() {
     local port=$1
     shift
-    request -X POST --data-file "$WORK/upload.bin" "$@" 127.0.0.1 "$port" /echo
-    verdict "$CODE" 0 "exit code"
-    verdict "$(digest <"$WORK/answer")" "$(digest <"$WORK/upload.bin")" "digest of the 1 MB that came back"
+    echo "\$ cat upload.bin |"
+    request --timeout 60000 "$@" -X POST --data-file - 127.0.0.1 "$port" /echo \
+        < <(cat "$WORK/upload.bin")
+    verdict "$(digest <"$WORK/answer")" "$(digest <"$WORK/upload.bin")" \
+        "SHA-256 of the 1 MB that came back"
 }
 
 check_delete() {
     local port=$1
     shift
-    request -i -X DELETE "$@" 127.0.0.1 "$port" /hello.txt
-    show_answer
-    verdict "$CODE" 0 "exit code"
+    request --timeout 60000 "$@" -i -X DELETE 127.0.0.1 "$port" /hello.txt
     verdict "$(head -1 "$WORK/answer")" "status: 200" "status"
+    verdict "$(answer_body)" "Hello over HTTP/2" "body"
 }
 
 check_ten_gets() {
     local port=$1
     shift
-    request --repeat 10 "$@" 127.0.0.1 "$port" /hello.txt
-    show_answer
-    verdict "$CODE" 0 "exit code"
-    verdict "$(grep -c '^Hello over HTTP/2$' "$WORK/answer")" 10 "answers on one connection"
+    request --timeout 60000 "$@" --repeat 10 127.0.0.1 "$port" /hello.txt
+    verdict "$(sort "$WORK/answer" | uniq -c | tr -s ' ')" " 10 Hello over HTTP/2" \
+        "the answers, counted"
 }
 
 check_download() {
     local port=$1
     shift
-    request "$@" 127.0.0.1 "$port" /10mb.bin
-    verdict "$CODE" 0 "exit code"
-    verdict "$(digest <"$WORK/answer")" "$(digest <"$WORK/docroot/10mb.bin")" "digest of the 10 MB"
+    request --timeout 60000 "$@" 127.0.0.1 "$port" /10mb.bin
+    verdict "$(digest <"$WORK/answer")" "$(digest <"$WORK/docroot/10mb.bin")" \
+        "SHA-256 of the 10 MB"
+}
+
+check_blocking() {
+    local port=$1
+    shift
+    request --timeout 60000 "$@" --blocking 127.0.0.1 "$port" /hello.txt
+    verdict "$(cat "$WORK/answer")" "Hello over HTTP/2" "body from the blocking call"
 }

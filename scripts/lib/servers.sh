@@ -5,6 +5,7 @@
 # After start_servers: PLAIN_PORT and TLS_PORT are HAProxy's, NGHTTPD_PORT is nghttpd's own; all
 # serve $WORK/docroot, and what is posted to them comes back.
 
+PATH=$PATH:/usr/sbin
 SERVER_PIDS=()
 
 stop_servers() {
@@ -14,47 +15,75 @@ stop_servers() {
     SERVER_PIDS=()
 }
 
-port_answers() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+# Prints the inode of each socket that listens on the port of 127.0.0.1, or of any address.
+listeners() {
+    awk -v port=":$(printf '%04X' "$1")" \
+        '$4 == "0A" && $2 ~ port "$" && $2 ~ /^(0100007F|00000000):/ { print $10 }' /proc/net/tcp
+}
+
+# Whether it is this process that listens on the port.
+listens() {
+    local inode
+    for inode in $(listeners "$2"); do
+        if find "/proc/$1/fd" -lname "socket:\[$inode\]" 2>/dev/null | grep -q .; then return 0; fi
+    done
+    return 1
+}
 
 # Prints a port that nobody listens on, below those that the system hands out by itself.
 free_port() {
     local port
     while :; do
         port=$((10000 + (RANDOM * 32768 + RANDOM) % 22000))
-        port_answers "$port" || break
+        [ -n "$(listeners "$port")" ] || break
     done
     printf '%s\n' "$port"
 }
 
-# Waits until the port answers; fails when its server has ended or 10 s have gone by.
-wait_for_port() {
-    local port=$1 pid=$2 i
-    for ((i = 0; i < 200; i++)); do
-        kill -0 "$pid" 2>/dev/null || return 1
-        port_answers "$port" && return 0
+# Waits until the process listens on the port; fails when it has ended or 20 s have gone by.
+wait_for_server() {
+    local pid=$1 port=$2 end=$((SECONDS + 20))
+    while kill -0 "$pid" 2>/dev/null && [ "$SECONDS" -lt "$end" ]; do
+        if listens "$pid" "$port"; then return 0; fi
         sleep 0.05
     done
     return 1
 }
 
+# start_server LOG COMMAND ARGS... : starts a child that ends with this script, whatever ends the
+# script. Its process identifier goes to SERVER_PID.
+start_server() {
+    local log=$1
+    shift
+    setpriv --pdeathsig TERM -- "$@" >"$log" 2>&1 </dev/null &
+    SERVER_PID=$!
+    SERVER_PIDS+=("$SERVER_PID")
+}
+
 make_certificate() {
-    openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost \
-        -keyout "$WORK/key.pem" -out "$WORK/cert.pem" 2>/dev/null
+    local log=$WORK/openssl.log
+    if ! openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost \
+        -keyout "$WORK/key.pem" -out "$WORK/cert.pem" >"$log" 2>&1; then
+        cat "$log" >&2
+        return 1
+    fi
     cat "$WORK/cert.pem" "$WORK/key.pem" >"$WORK/both.pem"
 }
 
 start_nghttpd() {
     NGHTTPD_PORT=$(free_port)
-    nghttpd --no-tls --echo-upload -d "$WORK/docroot" -a 127.0.0.1 "$NGHTTPD_PORT" \
-        >"$WORK/nghttpd.log" 2>&1 &
-    SERVER_PIDS+=($!)
-    wait_for_port "$NGHTTPD_PORT" $!
+    start_server "$WORK/nghttpd.log" nghttpd --no-tls --echo-upload -d "$WORK/docroot" \
+        -a 127.0.0.1 "$NGHTTPD_PORT"
+    wait_for_server "$SERVER_PID" "$NGHTTPD_PORT"
 }
 
+# Without noreuseport HAProxy would share a port with another HAProxy that has it already.
 start_haproxy() {
     PLAIN_PORT=$(free_port)
     TLS_PORT=$(free_port)
     cat >"$WORK/haproxy.cfg" <<CFG
+global
+    noreuseport
 defaults
     mode http
     timeout connect 10s
@@ -69,22 +98,20 @@ frontend tls
 backend nghttpd
     server s1 127.0.0.1:$NGHTTPD_PORT proto h2
 CFG
-    "$(PATH=$PATH:/usr/sbin command -v haproxy)" -db -f "$WORK/haproxy.cfg" \
-        >"$WORK/haproxy.log" 2>&1 &
-    SERVER_PIDS+=($!)
-    wait_for_port "$PLAIN_PORT" $! && wait_for_port "$TLS_PORT" $!
+    start_server "$WORK/haproxy.log" haproxy -db -f "$WORK/haproxy.cfg"
+    wait_for_server "$SERVER_PID" "$PLAIN_PORT" && wait_for_server "$SERVER_PID" "$TLS_PORT"
 }
 
 # Somebody may take a port between its choice and its use, so a failed start is tried again.
 start_servers() {
     local try
     mkdir -p "$WORK/docroot"
-    make_certificate
-    for try in 1 2 3; do
+    make_certificate || return 1
+    for try in 1 2 3 4 5; do
         if start_nghttpd && start_haproxy; then return 0; fi
         stop_servers
     done
     echo "cannot start the servers after $try tries; their last words:" >&2
-    cat "$WORK"/*.log >&2
+    cat "$WORK"/nghttpd.log "$WORK"/haproxy.log >&2
     return 1
 }
