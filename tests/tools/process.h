@@ -1,0 +1,90 @@
+#ifndef HTTP2CLIENT_TESTS_TOOLS_PROCESS_H
+#define HTTP2CLIENT_TESTS_TOOLS_PROCESS_H
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace h2test {
+
+// Longer than any limit of the server's, so that a test ends for the reason it is about.
+constexpr std::chrono::milliseconds kProcessLimit{60000};
+
+// How a process's standard streams start. Its SIGPIPE has the default disposition.
+struct Streams {
+    bool closedInput = false;     // default: a pipe
+    bool closedOutput = false;    // default: a pipe, read as the process writes
+    bool unreadOutput = false;    // a pipe that is not read
+    std::string outputFile;       // an existing file
+    bool terminalErrors = false;  // standard error is a terminal; default: a pipe
+};
+
+// A running program and what it has written. Destruction kills it.
+class Process {
+public:
+    Process(const std::string& program, const std::vector<std::string>& arguments,
+            const Streams& streams = {});
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    // Hands `bytes` to standard input; false when the process does not take them.
+    bool writeInput(std::string_view bytes);
+    void closeInput();
+    // No reader is left for what the process writes from now on.
+    void closeOutput();
+    void signal(int number) const;
+
+    // Waits for `text` in what has been written to standard output.
+    [[nodiscard]] bool waitOutput(std::string_view text);
+    // Waits for the end of the process and of its output. Returns the exit code; 1000 and the
+    // signal's number when it was killed; -1, after killing it, when it does not end.
+    int wait();
+
+    std::string output() const;
+    std::string errors() const;
+
+private:
+    struct Captured {
+        std::string text;
+        bool ended = false;
+    };
+    void capture(int fd, Captured& captured);
+
+    pid_t m_pid = -1;  // -1 when it has been waited for
+    int m_code = -1;
+    int m_input = -1;
+    int m_unread = -1;  // the reading end of an output that is not read
+    int m_outputFd = -1;
+    int m_errorFd = -1;
+    int m_stop[2] = {-1, -1};  // a byte here stops the reading of standard output
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    Captured m_output;  // both guarded by m_mutex
+    Captured m_errors;
+    std::thread m_outputReader;
+    std::thread m_errorReader;
+};
+
+// What is left of a process that has ended.
+struct Ended {
+    int code = -1;
+    std::string output;
+    std::string errors;
+};
+
+// Runs h2request to its end, with `input` on standard input.
+Ended runTool(const std::vector<std::string>& arguments, std::string_view input = {},
+              const Streams& streams = {});
+
+}  // namespace h2test
+
+#endif  // HTTP2CLIENT_TESTS_TOOLS_PROCESS_H

@@ -1,0 +1,95 @@
+// h2request's command line: its help, and what it refuses.
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tool_support.h"
+
+namespace h2test {
+namespace {
+
+TEST(H2requestUsage, HelpFitsAScreenAndNamesEverything) {
+    for (const char* option : {"--help", "-h"}) {
+        const Ended ended = runTool({option});
+        EXPECT_EQ(ended.code, 0);
+        EXPECT_EQ(ended.errors, "");
+        for (const char* name :
+             {"--tls",       "-X",    "-H",       "--volatile-header", "--data",
+              "--data-file", "-i",    "-o",       "--timeout",         "--repeat",
+              "--blocking",  "-v",    "--help",   "IP PORT PATH",      "0 answered",
+              "22 answered", "2 bad", "3 cannot", "4 request failed",  "5 connection lost",
+              "6 timed out"}) {
+            EXPECT_TRUE(contains(ended.output, name)) << name;
+        }
+        std::istringstream lines(ended.output);
+        size_t count = 0;
+        for (std::string line; std::getline(lines, line); ++count) {
+            EXPECT_LE(line.size(), 80u) << line;
+        }
+        EXPECT_LE(count, 24u);
+    }
+}
+
+TEST(H2requestUsage, HelpThatCannotBeWrittenIsAnError) {
+    Streams streams;
+    streams.outputFile = "/dev/full";
+    expectComplaint(runTool({"--help"}, {}, streams), kUsage, "cannot write to standard output");
+}
+
+TEST(H2requestUsage, RefusesWhatMakesNoSense) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> lines = {
+        {{}, "IP is required"},
+        {{"127.0.0.1"}, "PORT is required"},
+        {{"127.0.0.1", "1"}, "PATH is required"},
+        {{"127.0.0.1", "1", "/", "more"}, "more"},
+        {{"--unknown", "127.0.0.1", "1", "/"}, "--unknown"},
+        {{"localhost", "1", "/"}, "'localhost' is no IPv4 address; names are not looked up"},
+        {{"127.1", "1", "/"}, "'127.1' is no IPv4 address"},
+        {{"127.0.0.1 x", "1", "/"}, "is no IPv4 address"},
+        {{"::1", "1", "/"}, "'::1' is no IPv4 address"},
+        {{"127.0.0.1", "0", "/"}, "0"},
+        {{"127.0.0.1", "65536", "/"}, "65536"},
+        {{"127.0.0.1", "http", "/"}, "http"},
+        {{"127.0.0.1", "1", "index.html"}, "PATH must start with '/'"},
+        {{"127.0.0.1", "1", ""}, "PATH must start with '/'"},
+        {{"127.0.0.1", "1", "/a b"}, "must be escaped"},
+        {{"127.0.0.1", "1", "/\xc3\xa4"}, "must be escaped"},
+        {{"-X", "PUT", "127.0.0.1", "1", "/"}, "PUT"},
+        {{"-X", "get", "127.0.0.1", "1", "/"}, "get"},
+        {{"--data", "x", "127.0.0.1", "1", "/"}, "add -X POST"},
+        {{"--data-file", "x", "127.0.0.1", "1", "/"}, "add -X POST"},
+        {{"-X", "POST", "--data", "x", "--data-file", "y", "127.0.0.1", "1", "/"}, "--data"},
+        {{"-H", "no colon", "127.0.0.1", "1", "/"}, "'no colon' is no header"},
+        {{"-H", ": value", "127.0.0.1", "1", "/"}, "': value' is no header"},
+        {{"-H", ":path: /x", "127.0.0.1", "1", "/"}, "':path: /x' is no header"},
+        {{"-H", "a b: c", "127.0.0.1", "1", "/"}, "'a b: c' is no header"},
+        {{"-H", "a:", "127.0.0.1", "1", "/"}, "has no value"},
+        {{"--volatile-header", "a: ", "127.0.0.1", "1", "/"}, "has no value"},
+        {{"-H", "a: b\r\nc: d", "127.0.0.1", "1", "/"}, "has a line end"},
+        {{"-H", "a: " + std::string(16300, 'x'), "127.0.0.1", "1", "/"}, "at most 16283"},
+        {{"--timeout", "0", "127.0.0.1", "1", "/"}, "--timeout"},
+        {{"--timeout", "soon", "127.0.0.1", "1", "/"}, "soon"},
+        {{"--repeat", "0", "127.0.0.1", "1", "/"}, "--repeat"},
+        {{"--repeat", "-1", "127.0.0.1", "1", "/"}, "--repeat"},
+    };
+    for (const auto& [arguments, message] : lines) {
+        const Ended ended = runTool(arguments);
+        expectComplaint(ended, kUsage, message);
+        EXPECT_TRUE(ended.errors.ends_with("\nTry 'h2request --help'.\n")) << ended.errors;
+        EXPECT_EQ(ended.output, "");
+    }
+}
+
+TEST(H2requestUsage, SendsHeadersUpToTheLimit) {
+    ScriptedServer server(answeringWith(200, "ok"));
+    // PATH has 1 byte, "host" and its value are given.
+    const std::string value(16283 - 1 - 5 - 1, 'x');
+    expectAnswer(runTool(request(server, {"-H", "host: h", "-H", "a: " + value})), "ok");
+    ASSERT_EQ(server.frames(0, kHeaders).size(), 1u);
+    EXPECT_TRUE(server.frames(0, kHeaders)[0].hasFlags(kEndHeaders));
+    expectComplaint(runTool(request(server, {"-H", "host: h", "-H", "a: x" + value})), kUsage,
+                    "have 16284 bytes together");
+}
+
+}  // namespace
+}  // namespace h2test
