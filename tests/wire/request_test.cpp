@@ -1,4 +1,6 @@
 // One request from its first byte to its last callback, and what follows it on the connection.
+#include <algorithm>
+#include <atomic>
 #include <climits>
 #include <map>
 #include <set>
@@ -6,7 +8,11 @@
 #include <thread>
 #include <vector>
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
 
 #include "wire_support.h"
 
@@ -712,6 +718,91 @@ TEST_P(Request, StartsFromNothingAfterClearClient) {
     expectReceived(m_server, 0, opening() + getRequest(1, "/new", tls()));
     m_server.send(0, okResponse(1));
     ASSERT_TRUE(client.waitEnd());
+}
+
+// ---- a server that does not keep up
+
+// A body that never ends: the numbers from 0 on, 4096 in a piece. No byte of it is 0, so that no
+// frame header can be taken for a part of it.
+struct Numbers {
+    std::atomic<uint32_t> next{0};
+
+    static std::string number(uint32_t value) {
+        return be32(0x80808080u | (value & 0x7F) | (value << 1 & 0x7F00) | (value << 2 & 0x7F0000) |
+                    (value << 3 & 0x7F000000));
+    }
+    static std::string piece(uint32_t first) {
+        std::string out;
+        for (uint32_t i = 0; i < 4096; ++i) out += number(first + i);
+        return out;
+    }
+    static int read(char* buf, size_t len, void* opaque) {
+        const std::string bytes = piece(static_cast<Numbers*>(opaque)->next.fetch_add(4096));
+        EXPECT_EQ(bytes.size(), len);
+        std::copy(bytes.begin(), bytes.end(), buf);
+        return static_cast<int>(len);
+    }
+};
+
+// This process's end of a connection to `port`.
+int descriptorTo(uint16_t port) {
+    for (int fd = 0; fd < FD_SETSIZE; ++fd) {
+        sockaddr_in peer{};
+        socklen_t size = sizeof(peer);
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
+            peer.sin_family == AF_INET && ntohs(peer.sin_port) == port) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+TEST(SlowServer, IsSentWhatWasWrittenAgainInsteadOfTheRest) {
+    RunningLibrary library;
+    ServerOptions options;
+    options.receiveBuffer = 4096;
+    ScriptedServer server(options);
+    Numbers numbers;
+    RecordingClient client;
+    ASSERT_EQ(connectTo(client, server), 0);
+    // So small a send buffer is writable when there is no room in it for a whole piece.
+    const int descriptor = descriptorTo(server.port());
+    const int size = 16 * 1024;
+    ASSERT_EQ(setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+    ASSERT_EQ(client.setContent(&Numbers::read, &numbers), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitFramesOf(0, kData));
+    const std::string start =
+        opening() + headers(1, requestBlock(hex("83"), "/", false), kEndHeaders);
+    const std::string pieceStart = frameHeader(16384, kData, 0, 1);
+    const size_t pieceSize = pieceStart.size() + 16384;
+    // Where the stream ceases to be one whole piece after the other.
+    size_t wrong = start.size();
+    uint32_t pieces = 0;  // whole ones up to there
+    const auto isWrong = [&](const std::string& bytes) {
+        while (bytes.size() >= wrong + pieceSize) {
+            const std::string right = pieceStart + Numbers::piece(pieces * 4096);
+            if (bytes.compare(wrong, pieceSize, right) != 0) {
+                wrong += static_cast<size_t>(
+                    std::mismatch(right.begin(), right.end(), &bytes[wrong]).first - right.begin());
+                return true;
+            }
+            wrong += pieceSize;
+            ++pieces;
+        }
+        return false;
+    };
+    ASSERT_TRUE(server.waitReceived(0, isWrong));
+    // There the piece with which that write began is sent again from its start.
+    ASSERT_TRUE(server.waitReceived(0, wrong + 13));
+    EXPECT_EQ(client.cancelRequest(), 0);
+    const std::string bytes = server.received(0);
+    EXPECT_EQ(toHex(bytes.substr(wrong, 9)), toHex(pieceStart));
+    const std::string number = bytes.substr(wrong + 9, 4);
+    uint32_t again = 0;
+    while (again < pieces && number != Numbers::number(again * 4096)) ++again;
+    EXPECT_EQ(toHex(number), toHex(Numbers::number(again * 4096)));
 }
 
 // ---- the console

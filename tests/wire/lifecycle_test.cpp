@@ -1,0 +1,558 @@
+// Starting and stopping the library, and clients that come and go while requests run.
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include "wire_support.h"
+
+namespace h2test {
+namespace {
+
+size_t threadsOfThisProcess() {
+    size_t out = 0;
+    DIR* const folder = opendir("/proc/self/task");
+    if (folder == nullptr) return 0;
+    while (const dirent* entry = readdir(folder)) out += entry->d_name[0] != '.' ? 1 : 0;
+    closedir(folder);
+    return out;
+}
+
+// An ended thread leaves the list a moment after it has been joined.
+bool waitThreads(size_t count) {
+    return waitFor([count] { return threadsOfThisProcess() == count; });
+}
+
+// The number of threads, when those of earlier tests have left the list.
+size_t settledThreads() {
+    size_t count = 0;
+    int same = 0;
+    waitFor([&] {
+        const size_t now = threadsOfThisProcess();
+        same = now == count ? same + 1 : 0;
+        count = now;
+        return same == 20;
+    });
+    return count;
+}
+
+void startGet(RecordingClient& client, ScriptedServer& server, size_t index = 0) {
+    ASSERT_EQ(connectTo(client, server), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitFramesOf(index, kHeaders));
+}
+
+// ---- the library's thread
+
+TEST(Library, StartsAndStopsOneThread) {
+    const NullCout quiet;
+    EXPECT_EQ(destroyHttp2Client(), 1);  // none runs
+    // Any runtime thread of a sanitizer is there once a first thread has been made.
+    std::thread([] {}).join();
+    const size_t before = settledThreads();
+    ASSERT_GT(before, 0u);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(initHttp2Client(1), 1);
+        EXPECT_TRUE(waitThreads(before + 1));
+        EXPECT_EQ(initHttp2Client(600'000), 1);
+        EXPECT_EQ(threadsOfThisProcess(), before + 1);
+        EXPECT_EQ(destroyHttp2Client(), 1);
+        EXPECT_TRUE(waitThreads(before));
+        EXPECT_EQ(destroyHttp2Client(), 1);
+        EXPECT_TRUE(waitThreads(before));
+    }
+}
+
+TEST(Library, IgnoresTheSecondPollTime) {
+    const NullCout quiet;
+    const LibraryThread library(1);
+    EXPECT_EQ(initHttp2Client(3'600'000), 1);  // would not look for new requests for an hour
+    ScriptedServer server;
+    RecordingClient client;
+    startGet(client, server);
+    server.send(0, okResponse(1));
+    EXPECT_TRUE(client.waitEnd());
+}
+
+TEST(Library, StopWaitsForTheCallbackThatIsUnderWay) {
+    const NullCout quiet;
+    ASSERT_EQ(initHttp2Client(5), 1);
+    ScriptedServer server;
+    Event inside;
+    Event release;
+    RecordingClient client([&](const Callback&) {
+        inside.set();
+        EXPECT_TRUE(release.wait());
+    });
+    startGet(client, server);
+    server.send(0, headers(1, hpackIndexed(8)));
+    ASSERT_TRUE(inside.wait());
+    std::atomic<bool> stopped{false};
+    std::thread stopping([&] {
+        destroyHttp2Client();
+        stopped = true;
+    });
+    EXPECT_FALSE(waitFor([&] { return stopped.load(); }, std::chrono::milliseconds(100)));
+    release.set();
+    stopping.join();
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{okCallbacks()[0]});
+}
+
+TEST(Library, KeepsConnectionsFromOneThreadToTheNext) {
+    const NullCout quiet;
+    ScriptedServer server;
+    RecordingClient client;
+    {
+        const LibraryThread library;
+        startGet(client, server);
+        server.send(0, headers(1, hpackIndexed(8)) + data(1, "one "));
+        ASSERT_TRUE(client.waitContent());
+    }
+    // Stopped: what the server sends now waits in the socket.
+    server.send(0, data(1, "two", kEndStream));
+    ASSERT_TRUE(server.waitSent(0));
+    EXPECT_FALSE(client.waitEnd(std::chrono::milliseconds(100)));
+    EXPECT_EQ(client.startRequest(nullptr), 8);
+    {
+        const LibraryThread library;
+        ASSERT_TRUE(client.waitEnd());
+        EXPECT_EQ(client.callbacks(),
+                  (std::vector<Callback>{okCallbacks()[0], Callback::content("one ", true),
+                                         Callback::content("two", false)}));
+        expectReceived(server, 0, opening() + getRequest(1, "/") + rstStream(1, kCancel));
+    }
+    // A request started meanwhile goes out with the next thread.
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    {
+        const LibraryThread library;
+        expectReceived(server, 0,
+                       opening() + getRequest(1, "/") + rstStream(1, kCancel) + getRequest(3, "/"));
+        server.send(0, okResponse(3));
+        ASSERT_TRUE(client.waitEnd());
+        EXPECT_EQ(client.callbacks(), okCallbacks());
+    }
+    EXPECT_EQ(server.connections(), 1u);
+    EXPECT_FALSE(server.closedByPeer(0));
+}
+
+TEST(Library, ClientsComeAndGoWhileItIsStopped) {
+    const NullCout quiet;
+    ASSERT_EQ(initHttp2Client(5), 1);
+    ASSERT_EQ(destroyHttp2Client(), 1);
+    ScriptedServer server;
+    RecordingClient kept;
+    ASSERT_EQ(connectTo(kept, server), 0);
+    ASSERT_EQ(kept.startRequest(nullptr), 0);
+    {
+        RecordingClient gone;
+        ASSERT_EQ(connectTo(gone, server), 0);
+        ASSERT_EQ(gone.startRequest(nullptr), 0);
+    }
+    const LibraryThread library;
+    ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
+    server.send(0, okResponse(1));
+    ASSERT_TRUE(kept.waitEnd());
+    // The destroyed client's connection is served as well; its request is not sent.
+    expectReceived(server, 1, opening() + rstStream(1, kCancel));
+}
+
+// ---- clients without a connection
+
+TEST(Client, RefusesSettingsBeforeItIsConnected) {
+    const RunningLibrary library;
+    RecordingClient client;
+    EXPECT_EQ(client.setUri("/", HTTP_GET), 4);
+    EXPECT_EQ(client.addHeader("a", "b", false), nullptr);
+    EXPECT_EQ(client.setContent("a", 1), 4);
+    EXPECT_EQ(client.setContent(&BodySource::read, nullptr), 4);
+    EXPECT_EQ(client.startRequest(nullptr), 4);
+    EXPECT_EQ(client.cancelRequest(), 4);
+    EXPECT_EQ(client.parseHttpClientStatus(nullptr), 4);
+    client.clearClient();
+
+    // Nothing of it was kept.
+    ScriptedServer server;
+    ASSERT_EQ(connectTo(client, server), 0);
+    EXPECT_EQ(client.parseHttpClientStatus(nullptr), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    expectReceived(server, 0, opening() + headers(1, hex("4200 86 4400"), kWhole));
+}
+
+// ---- cancelling
+
+TEST(Cancel, ResetsTheStreamAndSilencesIt) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    startGet(client, server);
+    EXPECT_EQ(client.cancelRequest(), 0);
+    std::string expected = opening() + getRequest(1, "/") + rstStream(1, kCancel);
+    expectReceived(server, 0, expected);
+
+    server.send(0, okResponse(1));  // too late: the DATA frame is answered with another reset
+    expected += rstStream(1, kCancel);
+    expectReceived(server, 0, expected);
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>());
+
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    expected += getRequest(3, "/");
+    expectReceived(server, 0, expected);
+    server.send(0, okResponse(3));
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), okCallbacks());
+}
+
+TEST(Cancel, WithoutARequestResetsTheLastStreamAgain) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    startGet(client, server);
+    server.send(0, okResponse(1));
+    ASSERT_TRUE(client.waitEnd());
+    std::string expected = opening() + getRequest(1, "/") + rstStream(1, kCancel);
+    expectReceived(server, 0, expected);
+    EXPECT_EQ(client.cancelRequest(), 0);
+    expected += rstStream(1, kCancel);
+    expectReceived(server, 0, expected);
+}
+
+TEST(Cancel, BeforeTheFirstRequestResetsStreamZero) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    ASSERT_EQ(connectTo(client, server), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    EXPECT_EQ(client.cancelRequest(), 0);
+    EXPECT_EQ(client.cancelRequest(), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    expectReceived(server, 0, opening() + rstStream(0, kCancel) + getRequest(1, "/"));
+}
+
+TEST(Cancel, LeavesTheReaderAlone) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    struct Endless {
+        size_t calls = 0;
+        static int read(char* buf, size_t len, void* opaque) {
+            ++static_cast<Endless*>(opaque)->calls;
+            std::fill_n(buf, len, 'x');
+            return static_cast<int>(len);
+        }
+    };
+    for (uint32_t streamId = 1; streamId < 9; streamId += 2) {
+        auto body = std::make_unique<Endless>();
+        ASSERT_EQ(connectTo(client, server), 0);
+        const size_t index = streamId / 2;
+        ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+        ASSERT_EQ(client.setContent(&Endless::read, body.get()), 0);
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        ASSERT_TRUE(server.waitFramesOf(index, kData, 3));
+        EXPECT_EQ(client.cancelRequest(), 0);
+        const size_t calls = body->calls;
+        ASSERT_TRUE(server.waitFramesOf(index, kRstStream));
+        EXPECT_EQ(body->calls, calls);
+        EXPECT_EQ(server.frames(index, kData).size(), calls);
+        body.reset();
+    }
+}
+
+TEST(Cancel, RacesWithTheAnswerWithoutHarm) {
+    const RunningLibrary library;
+    ServerOptions options;
+    options.responder = echoPath;
+    ScriptedServer server(options);
+    for (int i = 0; i < 100; ++i) {
+        RecordingClient client;
+        ASSERT_EQ(connectTo(client, server), 0);
+        ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        if (i % 2 == 0) {
+            ASSERT_TRUE(client.waitHeaders());
+        }
+        EXPECT_EQ(client.cancelRequest(), 0);
+        const std::vector<Callback> seen = client.callbacks();
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        ASSERT_TRUE(client.waitCallbacks(seen.size() + 2));
+        std::vector<Callback> all = client.callbacks();
+        all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(seen.size()));
+        ASSERT_EQ(all, okCallbacks("/"));
+    }
+}
+
+// ---- destruction
+
+TEST(Destroy, EndsTheRunningRequest) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    auto client = std::make_unique<RecordingClient>();
+    startGet(*client, server);
+    client.reset();
+    expectReceived(server, 0, opening() + getRequest(1, "/") + rstStream(1, kCancel));
+    // The connection outlives its client, and hears of answers that come too late.
+    server.send(0, okResponse(1));
+    expectReceived(server, 0,
+                   opening() + getRequest(1, "/") + rstStream(1, kCancel) + rstStream(1, kCancel));
+    server.send(0, goaway(1, 0));
+    EXPECT_TRUE(server.waitClosedByPeer(0));
+}
+
+// Counts its callbacks elsewhere, and cancels in its destructor, as an application should.
+class CountingClient : public tiny::HttpClientInterface {
+public:
+    CountingClient(Counter& callbacks, std::atomic<bool>& alive)
+        : m_callbacks(callbacks), m_alive(alive) {
+        m_alive = true;
+    }
+    ~CountingClient() override {
+        cancelRequest();
+        m_alive = false;
+    }
+    void onSocketClosed() override { note(); }
+    void onFailed(HTTP_ERROR) override { note(); }
+    void onHeaderReceived(int, const HeaderDef*, size_t) override { note(); }
+    void onContentReceived(const char*, size_t, bool) override { note(); }
+
+private:
+    void note() {
+        EXPECT_TRUE(m_alive);
+        m_callbacks.add();
+    }
+    Counter& m_callbacks;
+    std::atomic<bool>& m_alive;
+};
+
+TEST(Destroy, MakesNoCallbackAfterwards) {
+    const RunningLibrary library;
+    ServerOptions options;
+    options.keepReceived = false;
+    // A flood that never ends by itself.
+    options.responder = [](size_t, const WireFrame& frame) {
+        std::string out;
+        if (frame.type != kHeaders) return out;
+        out = headers(frame.streamId, hpackIndexed(8));
+        for (int i = 0; i < 500; ++i) out += data(frame.streamId, "drop");
+        return out;
+    };
+    ScriptedServer server(options);
+    for (int i = 0; i < 50; ++i) {
+        Counter callbacks;
+        std::atomic<bool> alive{false};
+        auto client = std::make_unique<CountingClient>(callbacks, alive);
+        ASSERT_EQ(connectTo(*client, server), 0);
+        ASSERT_EQ(client->startRequest(nullptr), 0);
+        ASSERT_TRUE(callbacks.waitAtLeast(static_cast<size_t>(1 + i * 5)));
+        client.reset();
+        const size_t seen = callbacks.count();
+        EXPECT_FALSE(alive);
+        // Another exchange on the same thread: the flood's rest has had its chance.
+        RecordingClient other;
+        ASSERT_EQ(connectTo(other, server), 0);
+        ASSERT_EQ(other.startRequest(nullptr), 0);
+        ASSERT_TRUE(other.waitContent(3));
+        EXPECT_EQ(callbacks.count(), seen);
+    }
+}
+
+TEST(Destroy, RacesWithTheConnectionsEndWithoutHarm) {
+    const RunningLibrary library;
+    ServerOptions options;
+    options.responder = [](size_t index, const WireFrame& frame) {
+        if (frame.type != kHeaders) return std::string();
+        switch (index % 3) {
+            case 0: return goaway(0, 0);
+            case 1: return rstStream(1, 2);
+            default: return h2test::frame(77, 0, 0, "");
+        }
+    };
+    ScriptedServer server(options);
+    for (int i = 0; i < 90; ++i) {
+        Counter callbacks;
+        std::atomic<bool> alive{false};
+        auto client = std::make_unique<CountingClient>(callbacks, alive);
+        ASSERT_EQ(connectTo(*client, server), 0);
+        ASSERT_EQ(client->startRequest(nullptr), 0);
+        ASSERT_TRUE(server.waitFramesOf(static_cast<size_t>(i), kHeaders));
+        if (i % 2 == 0) {
+            ASSERT_TRUE(callbacks.waitAtLeast(1));
+        }
+        client.reset();
+        EXPECT_LE(callbacks.count(), 1u);
+    }
+}
+
+// ---- two connections of one client
+
+TEST(Reconnect, OpensASecondConnectionAndUsesIt) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    startGet(client, server);
+    server.send(0, okResponse(1));
+    ASSERT_TRUE(client.waitEnd());
+    client.clear();
+    ASSERT_EQ(connectTo(client, server), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    expectReceived(server, 1, opening() + getRequest(1, "/"));
+    server.send(1, okResponse(1, "new"));
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), okCallbacks("new"));
+    // The first is open and served, but no longer this client's.
+    EXPECT_FALSE(server.closedByPeer(0));
+    server.close(0);
+    EXPECT_TRUE(server.waitClosedByPeer(0));
+    EXPECT_EQ(client.callbacks(), okCallbacks("new"));
+}
+
+TEST(Reconnect, TheRequestOnTheFirstConnectionGoesOn) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    startGet(client, server);
+    ASSERT_EQ(connectTo(client, server), 0);
+    EXPECT_EQ(client.startRequest(nullptr), 8);
+    server.send(0, okResponse(1, "from the first"));
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), okCallbacks("from the first"));
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    expectReceived(server, 1, opening() + getRequest(1, "/"));
+}
+
+TEST(Reconnect, DestroyedClientIsForgottenByBothConnections) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    Counter callbacks;
+    std::atomic<bool> alive{false};
+    auto client = std::make_unique<CountingClient>(callbacks, alive);
+    ASSERT_EQ(connectTo(*client, server), 0);
+    ASSERT_EQ(client->setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(client->startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
+    ASSERT_EQ(connectTo(*client, server), 0);
+    client.reset();
+    // The stream has no client any more, so its data is answered with a reset.
+    server.send(0, headers(1, hpackIndexed(8)) + data(1, "for nobody"));
+    ASSERT_TRUE(server.waitFramesOf(0, kRstStream));
+    EXPECT_EQ(server.frames(0, kRstStream)[0], parseFrames(rstStream(1, kCancel))[0]);
+    server.send(0, goaway(0, 0));
+    EXPECT_TRUE(server.waitClosedByPeer(0));
+    EXPECT_EQ(callbacks.count(), 0u);
+}
+
+TEST(Reconnect, DestroyedClientHearsNothingOfEitherConnectionsFailure) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    for (size_t i = 0; i < 40; i += 2) {
+        Counter callbacks;
+        std::atomic<bool> alive{false};
+        auto client = std::make_unique<CountingClient>(callbacks, alive);
+        ASSERT_EQ(connectTo(*client, server), 0);
+        ASSERT_EQ(client->startRequest(nullptr), 0);
+        ASSERT_TRUE(server.waitFramesOf(i, kHeaders));
+        ASSERT_EQ(connectTo(*client, server), 0);
+        server.send(i, i % 4 == 0 ? frame(10, 0, 0, "") : goaway(0, 0));
+        client.reset();
+        EXPECT_LE(callbacks.count(), 1u);
+        EXPECT_TRUE(server.waitClosedByPeer(i));
+        EXPECT_LE(callbacks.count(), 1u);
+    }
+}
+
+// ---- settings while a request runs
+
+TEST(SettingsWhileRunning, NewUriSendsTheHeadersAnew) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    startGet(client, server);
+    EXPECT_EQ(client.setUri("/new", HTTP_POST), 0);
+    std::string expected =
+        opening() + getRequest(1, "/") + headers(1, requestBlock(hex("83"), "/new", false), kWhole);
+    expectReceived(server, 0, expected);
+    server.send(0, okResponse(1));
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), okCallbacks());
+    expectReceived(server, 0, expected + rstStream(1, kCancel));
+}
+
+TEST(SettingsWhileRunning, NewHeaderIsForTheNextRequest) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    startGet(client, server);
+    EXPECT_EQ(client.addHeader("x", "y", false), &client);
+    server.send(0, okResponse(1));
+    ASSERT_TRUE(client.waitEnd());
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    expectReceived(server, 0,
+                   opening() + getRequest(1, "/") + rstStream(1, kCancel) +
+                       getRequest(3, "/", false, hpackLiteral("x", "y", Literal::kIncremental)));
+}
+
+TEST(SettingsWhileRunning, NewReaderSendsItsBody) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    BodySource body("late body");
+    RecordingClient client;
+    startGet(client, server);
+    EXPECT_EQ(client.setContent(&BodySource::read, &body), 0);
+    expectReceived(server, 0, opening() + getRequest(1, "/") + data(1, "late body", kEndStream));
+    server.send(0, okResponse(1));
+    ASSERT_TRUE(client.waitEnd());
+}
+
+TEST(SettingsWhileRunning, AreKeptApartFromTheRequest) {
+    const RunningLibrary library;
+    ServerOptions options;
+    options.responder = [](size_t, const WireFrame& frame) {
+        return frame.type == kHeaders
+                   ? headers(frame.streamId, hpackIndexed(8)) + data(frame.streamId, "more")
+                   : std::string();
+    };
+    options.keepReceived = false;
+    ScriptedServer server(options);
+    RecordingClient client;
+    ASSERT_EQ(connectTo(client, server), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    BodySource body(std::string(100'000, 'x'));
+    for (size_t i = 1; i <= 50; ++i) {
+        const std::string text(i * 20, 'v');
+        ASSERT_EQ(client.setUri(text.c_str(), HTTP_POST), 0);  // asks for one more answer
+        ASSERT_EQ(client.addHeader("name", text.c_str(), i % 2 == 0), &client);
+        ASSERT_EQ(client.setContent(text.data(), text.size()), 0);
+        ASSERT_EQ(client.setContent(&BodySource::read, &body), 0);
+        ASSERT_EQ(client.startRequest(nullptr), 8);
+        ASSERT_TRUE(client.waitContent(i));
+    }
+    EXPECT_EQ(client.count(Callback::Kind::kFailed), 0u);
+    EXPECT_EQ(client.count(Callback::Kind::kClosed), 0u);
+    EXPECT_EQ(client.cancelRequest(), 0);
+}
+
+TEST(SettingsWhileRunning, ClearClientForgetsTheRequestButNotItsStream) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    RecordingClient client;
+    startGet(client, server);
+    client.clearClient();
+    EXPECT_EQ(client.parseHttpClientStatus(nullptr), 0);
+    // Cleared, the request counts as not sent: its headers go out once more, with nothing in them.
+    const std::string expected =
+        opening() + getRequest(1, "/") + headers(1, hex("82 86 4400"), kWhole);
+    expectReceived(server, 0, expected);
+    server.send(0, okResponse(1));
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), okCallbacks());
+    expectReceived(server, 0, expected + rstStream(1, kCancel));
+}
+
+}  // namespace
+}  // namespace h2test
