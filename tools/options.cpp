@@ -22,8 +22,8 @@ Usage: h2request [options] IP PORT PATH   (IP: an IPv4 address)
   -H 'name: value'     a request header; repeatable. host is added unless given
   --volatile-header 'name: value'   the same, never put into a compression table
   --data TEXT          a body, for -X
-  --data-file FILE     the same from a file; "-" is standard input, which is read
-                       to its end before the request starts
+  --data-file FILE     the same from a file; "-" is standard input, read whole
+                       before the request starts
   -i                   print status and headers before the body
   -o FILE              write the body to FILE
   --timeout MS         limit for connecting, and for each request (wall clock)

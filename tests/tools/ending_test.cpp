@@ -1,4 +1,5 @@
 // How h2request ends: every exit code, its time-outs, and what breaks on either side.
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <map>
@@ -66,9 +67,10 @@ TEST_P(H2requestEnding, KnowsAnswersWithoutABody) {
     const std::vector<std::pair<int, std::string>> answers = {
         {204, ""}, {304, ""}, {200, field("content-length", "0")}};
     for (const auto& [status, fields] : answers) {
-        ScriptedServer server(answering([&](uint32_t streamId, size_t) {
-            return headers(streamId, statusField(status) + fields, kEndHeaders | kEndStream);
-        }));
+        ScriptedServer server(
+            answering([status = status, fields = fields](uint32_t streamId, size_t) {
+                return headers(streamId, statusField(status) + fields, kEndHeaders | kEndStream);
+            }));
         std::string head = "status: " + std::to_string(status) + "\n";
         if (!fields.empty()) head += "content-length: 0\n";
         expectAnswer(runTool(request(server, with({"-i"}))), head + "\n");
@@ -217,10 +219,10 @@ TEST(H2requestEnding, PrintsWhatCameBeforeTheConnectionWasLost) {
 }
 
 TEST_P(H2requestEnding, StopsARepeatWhenTheConnectionIsLost) {
-    ScriptedServer* connected = nullptr;
+    std::atomic<ScriptedServer*> connected{nullptr};
     ServerOptions options = answering([&](uint32_t streamId, size_t nth) {
         if (nth == 1) return response(streamId, 200, "first");
-        connected->close(0);
+        connected.load()->close(0);
         return std::string();
     });
     ScriptedServer server(options);
