@@ -9,9 +9,9 @@ namespace {
 using namespace h2test;
 using Streams = std::vector<uint32_t>;
 
-const std::string kSettingsBytes = hex(
-    "00 00 1E 04 00 00 00 00 00 | 00 02 00 00 00 00 | 00 03 00 00 00 64 | 00 04 40 00 00 00 |"
-    "00 05 00 80 00 00 | 00 06 00 00 FF FF");
+const std::string kSettingsBytes =
+    hex("00 00 1E 04 00 00 00 00 00 | 00 02 00 00 00 00 | 00 03 00 00 00 64 | 00 04 40 00 00 00 |"
+        "00 05 00 80 00 00 | 00 06 00 00 FF FF");
 
 class Http2Encode : public EngineTest {
 protected:
@@ -69,8 +69,8 @@ TEST_F(Http2Encode, SendsAGetAsOneFrame) {
     addHeader(client, "x-a", "1", true);
     sendOpening();
     EXPECT_EQ(encode(), headers(1,
-                                hex("82 | 86 | 44 02") + "/a" + hex("66 01") + "h" +
-                                    hex("10 03") + "x-a" + hex("01") + "1",
+                                hex("82 | 86 | 44 02") + "/a" + hex("66 01") + "h" + hex("10 03") +
+                                    "x-a" + hex("01") + "1",
                                 kEndHeaders | kEndStream));
     EXPECT_TRUE(client->ctx()->httpHandshake());
     EXPECT_EQ(encode(), "");
