@@ -145,7 +145,8 @@ TEST(Buffer, AppendsItself) {
     EXPECT_EQ(text(buffer), "12345678123456781234567812345678");
     buffer.Append(buffer.buffer + 6, 26);
     EXPECT_EQ(text(buffer).substr(32), "78123456781234567812345678");
-    buffer = buffer;
+    const Buffer& itself = buffer;
+    buffer = itself;
     EXPECT_EQ(buffer.Length(), 58U);
     Buffer withTerminator("0123456789abcdefgh\0rest", 23);
     withTerminator = withTerminator.buffer + 2;

@@ -58,9 +58,9 @@ TEST(SettingsFrame, DefaultConstructedEncodesNothing) {
 }
 
 TEST(SettingsFrame, EncodesTheDefaultsInThirtyBytes) {
-    const std::string expected = hex(
-        "00 02 00 00 00 00 | 00 03 00 00 00 64 | 00 04 40 00 00 00 |"
-        "00 05 00 80 00 00 | 00 06 00 00 FF FF");
+    const std::string expected =
+        hex("00 02 00 00 00 00 | 00 03 00 00 00 64 | 00 04 40 00 00 00 |"
+            "00 05 00 80 00 00 | 00 06 00 00 FF FF");
     SettingsFrame frame;
     Settings settings;
     frame.setSettings(settings);
@@ -137,8 +137,8 @@ TEST(SettingsFrame, DecodesEachParameter) {
 
 TEST(SettingsFrame, LastOfARepeatedParameterHolds) {
     SettingsFrame frame;
-    EXPECT_TRUE(decode(frame, be16be32(3, 7) + be16be32(8, 1) + be16be32(0x0103, 2) +
-                                  be16be32(3, 9)));
+    EXPECT_TRUE(
+        decode(frame, be16be32(3, 7) + be16be32(8, 1) + be16be32(0x0103, 2) + be16be32(3, 9)));
     EXPECT_EQ(frame.getSettings().getMaxConcurrentStream(), 9U);
 }
 

@@ -112,11 +112,10 @@ TEST_F(FrameCtxTest, ReportsTheQueueWhileAnotherFrameIsAwaited) {
 TEST_F(FrameCtxTest, FramesComeOutInWireOrder) {
     EXPECT_EQ(feed(data(1, "ab") + windowUpdate(3, 5) + data(5, "", kEndStream)),
               FrameCtx::CTX_DONE);
-    EXPECT_EQ(drained(m_ctx),
-              "DATA stream=1 flags=0 length=2 data=" + toHex("ab") +
-                  "\n"
-                  "WINDOW_UPDATE stream=3 flags=0 length=4\n"
-                  "DATA stream=5 flags=1 length=0 data=\n");
+    EXPECT_EQ(drained(m_ctx), "DATA stream=1 flags=0 length=2 data=" + toHex("ab") +
+                                  "\n"
+                                  "WINDOW_UPDATE stream=3 flags=0 length=4\n"
+                                  "DATA stream=5 flags=1 length=0 data=\n");
     EXPECT_EQ(m_ctx.getFrame(), nullptr);
 }
 
@@ -190,8 +189,8 @@ TEST_F(FrameCtxTest, PushPromiseTakesWhatFollowsOrZeros) {
 // No PUSH_PROMISE and no reference to a dynamic entry: those depend on the cuts.
 std::string mixedStream() {
     return settings({{3, 7}, {5, 16384}}) + headers(1, hex("88") + hpackLiteral("n", "v")) +
-           data(1, "hello") + dataPadded(1, "pad", 4) + ping(9) +
-           frame(kSettings, 0, 0, "12345") + windowUpdate(0, 1) + continuation(1, "xyz") +
+           data(1, "hello") + dataPadded(1, "pad", 4) + ping(9) + frame(kSettings, 0, 0, "12345") +
+           windowUpdate(0, 1) + continuation(1, "xyz") +
            frame(kPriority, 0, 3, hex("80 00 00 01 10")) + data(1, "", kEndStream) +
            goaway(1, 0, "bye") + rstStream(3, 8);
 }

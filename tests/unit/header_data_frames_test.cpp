@@ -29,8 +29,7 @@ bool decode(Frame& frame, const std::string& bytes, const std::string& after = "
     return frame.decodeFramePayload(guarded.data(), static_cast<int>(bytes.size()), table);
 }
 
-HeadersFrame::HeaderList list(
-    std::initializer_list<std::pair<const char*, const char*>> fields) {
+HeadersFrame::HeaderList list(std::initializer_list<std::pair<const char*, const char*>> fields) {
     HeadersFrame::HeaderList out;
     for (const auto& [name, value] : fields) {
         HeaderFieldRepresentation header;
@@ -137,8 +136,8 @@ TEST(HeadersFrame, EncodesItsListAgainWhenSerialised) {
 TEST(HeadersFrame, EncodesPlainTextWithoutATable) {
     hpack::Table table;
     HeadersFrame frame;
-    frame.m_headerList = list({{":method", "GET"}, {":scheme", "http"}, {":path", "/a"},
-                               {"host", "h"}});
+    frame.m_headerList =
+        list({{":method", "GET"}, {":scheme", "http"}, {":path", "/a"}, {"host", "h"}});
     EXPECT_EQ(payload(frame), "GET /a\r\nhost: h\r\n\r\n");
     HeadersFrame post;
     post.setHeaderList(list({{":method", "POST"}, {":path", "/x"}, {"te", "trailers"}}), table);
