@@ -180,11 +180,15 @@ int runBlocking(const Run& run, bool isLast) {
 
     Arrived head;  // the status and headers, when they have come
     while (future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-        Arrived arrived = run.exchange.wait(deadline);
+        Arrived arrived = run.exchange.wait(nextLook(run, deadline));
         const Arrived::End end = arrived.end;
         const bool beforeLibrary = arrived.beforeLibrary;
         const bool hadBody = arrived.hadBody;
+        if (!head.status) run.output.showUpload(run.body.sent(), run.body.size());
         if (arrived.status) head = std::move(arrived);
+        if (head.status || end != Arrived::NONE || run.body.error() != 0 || isOver(deadline)) {
+            run.output.endProgress();
+        }
         if (beforeLibrary) {
             head.hadBody = hadBody;
             leaveAfterHeaders(run, head, isLast);

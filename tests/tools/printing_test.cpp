@@ -173,10 +173,10 @@ TEST(H2requestProgress, CountsWhatHasNoKnownSize) {
     EXPECT_FALSE(contains(ended.errors, "%")) << ended.errors;
 }
 
-TEST(H2requestProgress, ShowsALargeUpload) {
+TEST_P(H2requestPrinting, AProgressBarForALargeUpload) {
     ScriptedServer server(answeringWith(200, "ok"));
     const Ended ended =
-        onTerminal(request(server, {"-X", "POST", "--data-file", "-"}), binaryBytes(1500000));
+        onTerminal(request(server, with({"-X", "POST", "--data-file", "-"})), binaryBytes(1500000));
     EXPECT_EQ(ended.code, kAnswered);
     EXPECT_EQ(ended.output, "ok");
     EXPECT_TRUE(contains(ended.errors, "\rsent [")) << ended.errors;
