@@ -284,12 +284,37 @@ TEST(H2requestEnding, ComplainsOfAClosedPipe) {
     server.send(0, headers(1, statusField(200)) + data(1, "first"));
     ASSERT_TRUE(process.waitOutput("first"));
     process.closeOutput();
-    // So much that the library's thread waits for room when the output breaks.
     server.send(0, bodyFrames(1, std::string(60000000, 'x')));
     EXPECT_EQ(process.wait(), kUsage);
     EXPECT_TRUE(contains(process.errors(),
                          "h2request: cannot write the answer to standard output: Broken pipe"))
         << process.errors();
+}
+
+// What waits for the output is bounded, so the library's thread is in a callback, with its locks
+// held, when the output breaks.
+TEST(H2requestEnding, ComplainsOfAPipeThatIsClosedWhileTheServerIsHeldBack) {
+    constexpr size_t kMostPending = 16u * 1024 * 1024;
+    ScriptedServer server(silent());
+    Streams streams;
+    streams.unreadOutput = true;
+    Process process(H2REQUEST_PROGRAM, request(server), streams);
+    ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
+    const size_t before = process.residentBytes();
+    server.send(0, headers(1, statusField(200)) + bodyFrames(1, std::string(60000000, 'x')));
+    // It is held back when it has that much and grows no more.
+    size_t resident = 0;
+    size_t looks = 0;
+    const auto hasStalled = [&] {
+        const size_t now = process.residentBytes();
+        looks = now == resident && now >= before + kMostPending ? looks + 1 : 0;
+        resident = now;
+        return looks >= 300;
+    };
+    ASSERT_TRUE(waitFor(hasStalled, kProcessLimit));
+    process.closeOutput();
+    EXPECT_EQ(process.wait(), kUsage);
+    EXPECT_TRUE(contains(process.errors(), "to standard output: Broken pipe")) << process.errors();
 }
 
 TEST_P(H2requestEnding, ComplainsOfAnOutputThatIsClosedFromTheStart) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <fstream>
 #include <stdexcept>
 
 #include <fcntl.h>
@@ -180,6 +181,14 @@ void Process::closeOutput() {
 }
 
 void Process::signal(int number) const { kill(m_pid, number); }
+
+size_t Process::residentBytes() const {
+    std::ifstream statm("/proc/" + std::to_string(m_pid) + "/statm");
+    size_t total = 0;
+    size_t resident = 0;
+    statm >> total >> resident;
+    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
 
 bool Process::waitOutput(std::string_view text) {
     std::unique_lock<std::mutex> lock(m_mutex);

@@ -42,6 +42,8 @@ public:
     // No reader is left for what the process writes from now on.
     void closeOutput();
     void signal(int number) const;
+    // What it has in memory now.
+    size_t residentBytes() const;
 
     // Waits for `text` in what has been written to standard output.
     [[nodiscard]] bool waitOutput(std::string_view text);
