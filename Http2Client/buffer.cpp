@@ -88,9 +88,9 @@ uint64_t Buffer::GetValue(unsigned int bytes, unsigned int idx) const {
 
 bool Buffer::SetValue(uint64_t value, int bytes, unsigned int idx) {
     if (bytes > static_cast<int>(kMaxIntegerBytes)) return false;
-    if (bytes < 0) bytes = 0;
-    const uint64_t end = uint64_t{idx} + static_cast<unsigned int>(bytes);
-    GrowTo(end);
+    const int64_t end = int64_t{idx} + bytes;
+    if (end <= 0) return true;
+    GrowTo(static_cast<uint64_t>(end));
     for (int i = 0; i < bytes; ++i) {
         buffer[uint64_t{idx} + static_cast<unsigned int>(i)] =
             static_cast<char>(value >> (8 * (bytes - 1 - i)));

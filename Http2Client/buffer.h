@@ -47,7 +47,8 @@ public:
     // the length; bytes past the capacity read as 0.
     uint64_t GetValue(unsigned int bytes, unsigned int idx) const;
     // Writes the low `bytes` bytes of `value`, most significant first, growing the buffer to hold
-    // them; never shortens it. Returns false, and changes nothing, when `bytes` is above 8.
+    // them; never shortens it. Returns false, and changes nothing, when `bytes` is above 8. A
+    // negative `bytes` writes nothing, and the buffer still reaches to `idx` + `bytes`.
     bool SetValue(uint64_t value, int bytes, unsigned int idx);
 
     char& operator[](unsigned int i) { return buffer[i]; }  // unchecked
