@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tests/support/bytes.h"
+#include "tests/unit/guarded_buffer.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ std::string integer(uint32_t value, uint8_t prefix, uint8_t pattern) {
 }
 
 uint32_t decoded(const std::string& bytes, uint8_t prefix, uint32_t& offset) {
-    return DecodeInteger(Buffer(bytes.data(), static_cast<unsigned>(bytes.size())), offset, prefix);
+    return DecodeInteger(GuardedBuffer(bytes).get(), offset, prefix);
 }
 
 uint32_t decoded(const std::string& bytes, uint8_t prefix) {
@@ -54,6 +55,13 @@ TEST(EncodeInteger, IsLongerThanTheIntegerFrom256Up) {
     EXPECT_EQ(integer(127 + 16384, 7, 0), hex("7F 80 80 01") + std::string(126, '\0'));
 }
 
+TEST(EncodeInteger, WritesTheLargestValue) {
+    const std::string bytes = integer(0xFFFFFFFF, 7, 0x80);
+    EXPECT_EQ(bytes.size(), 0x1FFFFFFU + 2);
+    EXPECT_EQ(bytes.substr(0, 8), hex("FF 80 FF FF FF 0F 00 00"));
+    EXPECT_EQ(bytes.find_first_not_of('\0', 6), std::string::npos);
+}
+
 TEST(EncodeInteger, LeavesOldContentsInTheSurplusBytes) {
     Buffer buffer("abcdefgh");
     EncodeInteger(buffer, 127 + 300, 7, 0);
@@ -66,6 +74,20 @@ TEST(EncodeInteger, EmptiesTheBufferForAnImpossiblePrefix) {
         EncodeInteger(buffer, 1, prefix, 0);
         EXPECT_EQ(buffer.Length(), 0U);
     }
+}
+
+TEST(DecodeInteger, ReadsTheShortestAndTheLongestPrefix) {
+    uint32_t offset = 0;
+    EXPECT_EQ(decoded(hex("FE"), 1, offset), 0U);
+    EXPECT_EQ(offset, 1U);
+    EXPECT_EQ(decoded(hex("01 05"), 1), 6U);
+    EXPECT_EQ(decoded(hex("FE"), 8), 254U);
+    EXPECT_EQ(decoded(hex("FF 01"), 8), 256U);
+}
+
+TEST(EncodeInteger, WritesTheShortestPrefix) {
+    EXPECT_EQ(integer(0, 1, 0xFE), hex("FE"));
+    EXPECT_EQ(integer(1, 1, 0xFE), hex("FF 00"));
 }
 
 TEST(EncodeInteger, WritesTheEightBitPrefix) {
@@ -132,6 +154,15 @@ TEST(DecodeInteger, TakesBytesFromPosition128OnModulo128) {
     EXPECT_EQ(offset, 130U);
 }
 
+TEST(DecodeInteger, ReadsTheLastOneByteContinuationAtPosition127) {
+    std::string bytes(129, '\x05');
+    bytes[126] = '\x7F';
+    bytes[127] = '\x22';
+    uint32_t offset = 126;
+    EXPECT_EQ(decoded(bytes, 7, offset), 127U + 0x22U);
+    EXPECT_EQ(offset, 128U);
+}
+
 TEST(DecodeInteger, EndsAtTheEndOfEndlessContinuation) {
     uint32_t offset = 0;
     EXPECT_EQ(decoded("\x7F" + std::string(100000, '\xFF'), 7, offset), 0U);
@@ -144,49 +175,28 @@ TEST(DecodeInteger, WrapsAtThirtyTwoBits) {
     EXPECT_EQ(decoded(hex("7F FF FF FF FF FF 10"), 7), expected);
 }
 
-TEST(StaticTable, HasSixtyOneEntriesAndAPlaceholder) {
-    EXPECT_EQ(sizeof(static_table) / sizeof(static_table[0]), 62U);
-    EXPECT_EQ(static_table[0].Name() + static_table[0].Value(), "");
-    const std::pair<int, std::pair<std::string, std::string>> rows[] = {
-        {1, {":authority", ""}},
-        {2, {":method", "GET"}},
-        {3, {":method", "POST"}},
-        {4, {":path", "/"}},
-        {5, {":path", "/index.html"}},
-        {6, {":scheme", "http"}},
-        {7, {":scheme", "https"}},
-        {8, {":status", "200"}},
-        {14, {":status", "500"}},
-        {15, {"accept-charset", ""}},
-        {16, {"accept-encoding", "gzip, deflate"}},
-        {28, {"content-length", ""}},
-        {31, {"content-type", ""}},
-        {33, {"date", ""}},
-        {38, {"host", ""}},
-        {54, {"server", ""}},
-        {58, {"user-agend", ""}},
-        {61, {"www-authenticate", ""}}};
-    for (const auto& [index, field] : rows) {
-        EXPECT_EQ(static_table[index].Name(), field.first) << index;
-        EXPECT_EQ(static_table[index].Value(), field.second) << index;
+TEST(StaticTable, HoldsTheStandardsEntriesButOne) {
+    // RFC 7541, Appendix A, behind a placeholder; entry 58 has a spelling of its own.
+    const char* rows =
+        ":|:authority:|:method:GET|:method:POST|:path:/|:path:/index.html|:scheme:http|"
+        ":scheme:https|:status:200|:status:204|:status:206|:status:304|:status:400|:status:404|"
+        ":status:500|accept-charset:|accept-encoding:gzip, deflate|accept-language:|"
+        "accept-ranges:|accept:|access-control-allow-origin:|age:|allow:|authorization:|"
+        "cache-control:|content-disposition:|content-encoding:|content-language:|"
+        "content-length:|content-location:|content-range:|content-type:|cookie:|date:|etag:|"
+        "expect:|expires:|from:|host:|if-match:|if-modified-since:|if-none-match:|if-range:|"
+        "if-unmodified-since:|last-modified:|link:|location:|max-forwards:|"
+        "proxy-authenticate:|proxy-authorization:|range:|referer:|refresh:|retry-after:|"
+        "server:|set-cookie:|strict-transport-security:|transfer-encoding:|user-agend:|vary:|"
+        "via:|www-authenticate:|";
+    std::string listed;
+    size_t count = 0;
+    for (const HeaderField& field : static_table) {
+        listed += field.Name() + ":" + field.Value() + "|";
+        ++count;
     }
-}
-
-TEST(StaticTable, NamesAreThoseOfTheStandard) {
-    std::string names;
-    for (const HeaderField& field : static_table) names += field.Name() + field.Value() + ",";
-    EXPECT_EQ(names,
-              ",:authority,:methodGET,:methodPOST,:path/,:path/index.html,:schemehttp,"
-              ":schemehttps,:status200,:status204,:status206,:status304,:status400,:status404,"
-              ":status500,accept-charset,accept-encodinggzip, deflate,accept-language,"
-              "accept-ranges,accept,access-control-allow-origin,age,allow,authorization,"
-              "cache-control,content-disposition,content-encoding,content-language,"
-              "content-length,content-location,content-range,content-type,cookie,date,etag,"
-              "expect,expires,from,host,if-match,if-modified-since,if-none-match,if-range,"
-              "if-unmodified-since,last-modified,link,location,max-forwards,"
-              "proxy-authenticate,proxy-authorization,range,referer,refresh,retry-after,"
-              "server,set-cookie,strict-transport-security,transfer-encoding,user-agend,vary,"
-              "via,www-authenticate,");
+    EXPECT_EQ(listed, rows);
+    EXPECT_EQ(count, 62U);
 }
 
 TEST(AppendToTable, EvictsFromTheBack) {
@@ -199,6 +209,15 @@ TEST(AppendToTable, EvictsFromTheBack) {
     EXPECT_EQ(table[1].Name(), "b");
     AppendToTable(table, 0, HeaderField("d", "4"));
     EXPECT_TRUE(table.empty());
+}
+
+TEST(AppendToTable, MovesNoEntryToMakeRoom) {
+    std::deque<HeaderField> table;
+    AppendToTable(table, 4096, HeaderField("first", "1"));
+    const HeaderField* first = &table.front();
+    for (int i = 0; i < 4095; ++i) AppendToTable(table, 4096, HeaderField("later", "2"));
+    EXPECT_EQ(&table.back(), first);
+    EXPECT_EQ(first->Name(), "first");
 }
 
 TEST(FindFromTable, PrefersStaticThenNewestDynamic) {

@@ -2,11 +2,26 @@
 #include "Http2Client/huffman.cpp"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "tests/unit/guarded_buffer.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TEST_HAS_ASAN
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define TEST_HAS_ASAN
+#endif
+#ifdef TEST_HAS_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
 
 namespace {
 
@@ -96,6 +111,53 @@ TEST(HuffmanTree, IsBuiltWholeAndCutOffFromTheRoot) {
     }
 }
 
+std::vector<Huffman::node*> cutOffNodes() {
+    std::vector<Huffman::node*> nodes = {unlinked_left, unlinked_right};
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        for (Huffman::node* child : {nodes[i]->left, nodes[i]->right}) {
+            if (child != nullptr) nodes.push_back(child);
+        }
+    }
+    return nodes;
+}
+
+TEST(HuffmanTree, HasTwoChildrenAtEachInnerNode) {
+    // 257 leaves and 255 inner nodes below the root: every code is in use.
+    const std::vector<Huffman::node*> nodes = cutOffNodes();
+    EXPECT_EQ(nodes.size(), 512U);
+    for (const Huffman::node* node : nodes) {
+        EXPECT_EQ(node->left == nullptr, node->value != -1);
+        EXPECT_EQ(node->right == nullptr, node->value != -1);
+    }
+}
+
+// Ends the process: 0 when the holder's destructor has left nothing of the tree.
+[[noreturn]] void unloadAndJudge() {
+    [[maybe_unused]] const std::vector<Huffman::node*> nodes = cutOffNodes();
+    Huffman::m_huffmanGarbage.~HuffmanGarbage();
+    bool released = unlinked_left == nullptr && unlinked_right == nullptr &&
+                    Huffman::m_huffmanRoot.left == nullptr &&
+                    Huffman::m_huffmanRoot.right == nullptr;
+#ifdef TEST_HAS_ASAN
+    for (const Huffman::node* node : nodes) {
+        released = released && __asan_address_is_poisoned(node) != 0;
+    }
+#endif
+    _exit(released ? 0 : 1);
+}
+
+TEST(HuffmanTreeDeathTest, IsReleasedAtUnload) {
+    EXPECT_EXIT(unloadAndJudge(), testing::ExitedWithCode(0), "");
+}
+
+TEST(HuffmanTree, NodeKeepsItsFieldsInOrder) {
+    EXPECT_EQ(offsetof(Huffman::node, left), 0U);
+    EXPECT_EQ(offsetof(Huffman::node, right), 8U);
+    EXPECT_EQ(offsetof(Huffman::node, value), 16U);
+    EXPECT_EQ(offsetof(HuffmanCode, code), 0U);
+    EXPECT_EQ(offsetof(HuffmanCode, code_len), 4U);
+}
+
 TEST(HuffmanTree, NodeStartsAsBareInnerNode) {
     const Huffman::node node;
     EXPECT_EQ(node.left, nullptr);
@@ -114,23 +176,35 @@ protected:
         Huffman::m_huffmanRoot.left = nullptr;
         Huffman::m_huffmanRoot.right = nullptr;
     }
-    static std::string decoded(const char* bytes, unsigned int length) {
+    static std::string decoded(std::string_view code, bool success = true) {
         Buffer target("stale");
-        EXPECT_TRUE(Huffman::Decode(target, Buffer(bytes, length)));
+        EXPECT_EQ(Huffman::Decode(target, GuardedBuffer(code).get()), success);
         return std::string(target.Length() == 0 ? "" : target.Address(0), target.Length());
     }
 };
 
 TEST_F(HuffmanWithTree, DecodesAndIgnoresPadding) {
     // RFC 7541, C.4.1: "www.example.com".
-    EXPECT_EQ(decoded("\xf1\xe3\xc2\xe5\xf2\x3a\x6b\xa0\xab\x90\xf4\xff", 12), "www.example.com");
-    EXPECT_EQ(decoded("\x18", 1), "a");  // "a" is 00011, the rest 000 is padding of any kind
-    EXPECT_EQ(decoded("\x1f", 1), "a");
+    EXPECT_EQ(decoded("\xf1\xe3\xc2\xe5\xf2\x3a\x6b\xa0\xab\x90\xf4\xff"), "www.example.com");
+    EXPECT_EQ(decoded("\x18"), "a");  // "a" is 00011, the rest 000 is padding of any kind
+    EXPECT_EQ(decoded("\x1f"), "a");
+}
+
+TEST_F(HuffmanWithTree, DecodesHighSymbolsToOneByte) {
+    // 0xFF is 0x3ffffee in 26 bits, then six bits of padding.
+    EXPECT_EQ(decoded("\xff\xff\xfb\xbf"), "\xff");
+}
+
+TEST_F(HuffmanWithTree, KeepsWhatCameBeforeAMissingBranch) {
+    Huffman::m_huffmanRoot.right = nullptr;
+    EXPECT_EQ(decoded("\x18"), "a");
+    // "a" twice (00011 00011), then a 1.
+    EXPECT_EQ(decoded(std::string_view("\x18\xe0\x00", 3), false), "aa");
 }
 
 TEST_F(HuffmanWithTree, StopsAtEndOfString) {
     // "a", then the 30 ones of EOS, then bits that would be more text.
-    EXPECT_EQ(decoded("\x1f\xff\xff\xff\xf8\x18\x18", 7), "a");
+    EXPECT_EQ(decoded("\x1f\xff\xff\xff\xf8\x18\x18"), "a");
 }
 
 }  // namespace

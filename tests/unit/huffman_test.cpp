@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "tests/support/bytes.h"
+#include "tests/unit/guarded_buffer.h"
 
 namespace {
 
@@ -12,20 +12,23 @@ using hpack::Huffman;
 
 std::string encoded(const std::string& text) {
     Buffer target("stale");
-    EXPECT_TRUE(Huffman::Encode(target, Buffer(text.data(), static_cast<unsigned>(text.size()))));
+    EXPECT_TRUE(Huffman::Encode(target, GuardedBuffer(text).get()));
     return std::string(target.buffer, target.Length());
 }
 
 TEST(Huffman, DecodesOnlyTheEmptyString) {
     Buffer target("stale");
-    EXPECT_TRUE(Huffman::Decode(target, Buffer()));
+    EXPECT_TRUE(Huffman::Decode(target, GuardedBuffer("").get()));
     EXPECT_EQ(target.Length(), 0U);
     for (int byte = 0; byte < 256; ++byte) {
         target = "stale";
-        const char code = static_cast<char>(byte);
-        EXPECT_FALSE(Huffman::Decode(target, Buffer(&code, 1))) << byte;
+        const std::string code(1, static_cast<char>(byte));
+        EXPECT_FALSE(Huffman::Decode(target, GuardedBuffer(code).get())) << byte;
         EXPECT_EQ(target.Length(), 0U);
     }
+    target = "stale";
+    EXPECT_FALSE(Huffman::Decode(target, GuardedBuffer("\x1F\xFF\xFF").get()));
+    EXPECT_EQ(target.Length(), 0U);
 }
 
 TEST(Huffman, EncodesNothingToNothing) { EXPECT_EQ(encoded(""), ""); }
@@ -42,6 +45,11 @@ TEST(Huffman, CarriesShortSymbolsByAndIntoTheNextByte) {
     EXPECT_EQ(encoded("a&"), std::string(1, '\0'));
     // " " (0x20, 6 bits): AND (0x20 << 2 = 0x80), then "X" (0x58, 8 bits): 0x80 AND 0x58 = 0.
     EXPECT_EQ(encoded(" X"), std::string(1, '\0'));
+    // "e" (0x65, 5 bits): AND (0x65 << 3 = 0x28), then "*" (0x2A, 8 bits): 0x28 AND 0x2A = 0x28.
+    EXPECT_EQ(encoded("e*"), "\x28");
+    // "\\" (0x5C, 19 bits) writes 0x00 and 0x0B; its last 3 bits, 0x5C << 5 = 0x80, stay for the
+    // first byte of 0xFF (26 bits).
+    EXPECT_EQ(encoded("\\\xFF"), std::string("\x00\x0B\x80\xFF\xFF", 5));
 }
 
 TEST(Huffman, WritesLengthDividedByEightBytes) {
