@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -385,6 +386,38 @@ TEST_F(ClientInterface, StartingWithoutTheConnectionLeavesItReady) {
     EXPECT_EQ(impl.errorMessage(), "");
     EXPECT_EQ(impl.streamId(), 0u);
     EXPECT_EQ(m_context->m_newHttp2Set.count(kNowhere), 0u);
+}
+
+TEST_F(ClientInterface, IsMarkedAsRunningBeforeItsRequestIsRegistered) {
+    const auto start = [](HttpClientInterface& client) {
+        EXPECT_EQ(client.startRequest(nullptr), 0);
+    };
+    const auto block = [](HttpClientInterface& client) {
+        int status = 0;
+        std::map<std::string, std::string> headerMap;
+        std::string content;
+        const char* errMsg = nullptr;
+        EXPECT_EQ(client.blockedRequest(status, headerMap, content, errMsg, 0), 1);
+    };
+    for (const auto& call : {std::function<void(HttpClientInterface&)>(start),
+                             std::function<void(HttpClientInterface&)>(block)}) {
+        RecordingClient client;
+        connect(client);
+        Http2& served = engine(client);
+        std::thread caller;
+        {
+            // The call registers the request and then wants this lock, with its work half done.
+            SingleLock hold(&m_context->m_newLock);
+            caller = std::thread([&] { call(client); });
+            EXPECT_TRUE(waitFor([&] {
+                SingleLock registry(&served.m_httpClientLock);
+                return !served.m_httpClientMap.empty();
+            }));
+            EXPECT_EQ(client.ctx()->clientStatus(),
+                      tiny::CLI_STATUS_CONNECTED | tiny::CLI_STATUS_REQUESTING);
+        }
+        caller.join();
+    }
 }
 
 TEST_F(ClientInterface, AnswerEndsTheRequestBeforeItsCallback) {

@@ -631,6 +631,16 @@ TEST_P(Request, ReturnsCreditFromTheThresholdOn) {
     EXPECT_EQ(toHex(m_server.received(0).substr(0, expected.size())), toHex(expected));
 }
 
+TEST_P(Request, ReturnsCreditForPaddingToo) {
+    RecordingClient client;
+    startGet(client);
+    // 16384 octets each: the padding's length, the body, the padding.
+    const std::string frame = dataPadded(1, std::string(16384 - 100 - 1, 'x'), 100);
+    m_server.send(0, frame + frame);
+    std::string expected = sentSoFar() + windowUpdate(0, 32768) + windowUpdate(1, 32768);
+    expectReceived(m_server, 0, expected);
+}
+
 TEST_P(Request, ReturnsNoCreditBelowTheThreshold) {
     RecordingClient client;
     startGet(client);
