@@ -66,6 +66,9 @@ TEST(EncodeInteger, LeavesOldContentsInTheSurplusBytes) {
     Buffer buffer("abcdefgh");
     EncodeInteger(buffer, 127 + 300, 7, 0);
     EXPECT_EQ(text(buffer), hex("7F AC 02") + "d");
+    buffer = "abcdefghijklmnop";
+    EncodeInteger(buffer, 1337, 5, 0);  // 12 bytes long, within the same capacity
+    EXPECT_EQ(text(buffer), hex("1F 9A 0A") + "defghijkl");
 }
 
 TEST(EncodeInteger, EmptiesTheBufferForAnImpossiblePrefix) {

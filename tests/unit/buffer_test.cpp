@@ -103,6 +103,16 @@ TEST(Buffer, ResizeKeepsOldContentsAndZeroesNewMemory) {
     EXPECT_EQ(memory(buffer), "12345678" + zeros(8));
 }
 
+TEST(Buffer, UpdateBufferSizeCutsTheLengthToTheNewCapacity) {
+    Buffer buffer("0123456789");
+    buffer.UpdateBufferSize(17);
+    EXPECT_EQ(buffer.max_len, 32U);
+    EXPECT_EQ(text(buffer), "0123456789");
+    buffer.UpdateBufferSize(0);
+    EXPECT_EQ(buffer.max_len, 8U);
+    EXPECT_EQ(text(buffer), "01234567");
+}
+
 TEST(Buffer, ClearFallsBackToCapacityEight) {
     Buffer buffer("a text of more than eight bytes");
     buffer.Clear();

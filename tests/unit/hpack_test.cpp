@@ -153,6 +153,14 @@ TEST(Table, KeepsTheNewestEntriesWithinItsLimit) {
     EXPECT_EQ(table.Find("c", ""), 62U);
 }
 
+TEST(Table, ALoweredLimitDropsAllTheOldestAtOnce) {
+    Table table;
+    for (const char* name : {"a", "b", "c", "d"}) table.Append(HeaderField(name, "1"));
+    table.UpdateSize(1);
+    ASSERT_EQ(table.dynamic_table_.size(), 1U);
+    EXPECT_EQ(table.Find("d", "1"), 62U);
+}
+
 TEST(Table, DropsEverythingAtALimitOfZero) {
     Table table;
     table.Append(HeaderField("a", "1"));
@@ -279,6 +287,8 @@ TEST(TableEncode, LosesFlaggedTexts) {
     EXPECT_EQ(encoded({field("host", "1", kIncremental, true, true)}), hex("66 80"));
     EXPECT_EQ(encoded({field("x-a", std::string(1000, 'v'), kNever, false, true)}),
               hex("10 03 78 2D 61 80"));
+    // Symbols of eight bits and more, of which the coder would make bytes.
+    EXPECT_EQ(encoded({field("&&", "\\XX", kNever, true, true)}), hex("10 80 80"));
 }
 
 TEST(TableEncode, EndsTextsAtTheirFirstNul) {
