@@ -147,11 +147,13 @@ int HttpClientInterface::blockedRequest(int& status, std::map<std::string, std::
     if (checkUsable(m_impl) != ERR_OK) return BLOCKED_NOT_STARTED;
     if (parseHttpClientStatus(errMsg) != 0) return BLOCKED_NOT_STARTED;
     if (registerRequest(m_impl, true) != 0) return BLOCKED_NOT_STARTED;
-    const int contentStatus = waitForContent(m_impl, timeout);
+    int contentStatus = waitForContent(m_impl, timeout);
 
     HttpContext* context = HttpContext::instance();
     context->removeHttpClientImpl(m_impl);
     HttpContext::RequestGuard guard(context);
+    // The end is marked before the last chunk is cached: it may have become an overflow since.
+    if (contentStatus == RECV_STATUS_END) contentStatus = m_impl->receivedHttpContentStatus();
     m_impl->removeClientStatus(CLI_STATUS_REQUESTING);
     status = m_impl->receivedHttpStatus();
     BLOCKED_RESULT result = BLOCKED_FAILED;

@@ -93,7 +93,15 @@ public:
     Drop& operator=(const Drop&) = delete;
 
     // Takes the connection out of the map. m_httpIolock is held.
+    //
+    // A request may have queued the descriptor for the poller since the last step. It is taken
+    // back: removals come before additions, so a closed descriptor would end registered, and the
+    // next select would fail for all connections.
     void take(HttpContext& context, int fd) {
+        {
+            SingleLock lock(&context.m_newLock);
+            context.m_newHttp2Set.erase(fd);
+        }
         const auto found = context.m_httpIoMap.find(fd);
         m_gate = context.m_dropGate;
         m_gate->close();
