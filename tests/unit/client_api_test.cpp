@@ -2,10 +2,11 @@
 
 #include "Http2Client/httpClientApi.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <iostream>
+#include <thread>
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -120,6 +121,28 @@ TEST_F(ClientApiDeathTest, DestroysNothingWhenNothingRuns) {
             CHECK_THAT(initHttp2Client(1) == 1);
             CHECK_THAT(polls());
             CHECK_THAT(destroyHttp2Client() == 1);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ClientApiDeathTest, JoinsItsThreadOnlyOnce) {
+    EXPECT_EXIT(
+        {
+            initHttp2Client(1);
+            destroyHttp2Client();
+            // The system gives the ended thread's handle to the next one made.
+            Event release;
+            std::atomic<bool> ended{false};
+            std::thread other([&] {
+                static_cast<void>(release.wait());
+                ended = true;
+            });
+            CHECK_THAT(destroyHttp2Client() == 1);
+            CHECK_THAT(!ended);
+            CHECK_THAT(other.joinable());
+            release.set();
+            other.join();
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");
