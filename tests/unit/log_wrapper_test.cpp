@@ -12,12 +12,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <chrono>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
