@@ -308,8 +308,8 @@ TEST_P(Failure, DescriptorBeyondSelectIsRefused) {
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit former = limit;
-    ASSERT_GE(limit.rlim_max, 2 * FD_SETSIZE);
-    if (limit.rlim_cur < 2 * FD_SETSIZE) limit.rlim_cur = 2 * FD_SETSIZE;
+    ASSERT_GE(limit.rlim_max, rlim_t{2} * FD_SETSIZE);
+    if (limit.rlim_cur < rlim_t{2} * FD_SETSIZE) limit.rlim_cur = rlim_t{2} * FD_SETSIZE;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 
     RecordingClient low;
