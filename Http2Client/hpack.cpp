@@ -225,6 +225,11 @@ const HeaderField* FieldAt(const std::deque<HeaderField>& dynamic_table, uint32_
 
 namespace hpack {
 
+const std::string& SharedText::emptyText() {
+    static const std::string empty;
+    return empty;
+}
+
 void Table::Append(const HeaderField& header) {
     AppendToTable(dynamic_table_, dynamic_table_size_max_, header);
 }
@@ -305,8 +310,7 @@ bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Bu
             const uint32_t index = DecodeInteger(buff, offset, kIndexed.prefix_length);
             const HeaderField* entry = FieldAt(dynamic_table_, index);
             if (entry == nullptr) return false;
-            header.Field().SetName(entry->Name());
-            header.Field().SetValue(entry->Value());
+            header.Field().ShareText(*entry);
             header.Type() = HeaderField::INDEXED_HEADER_FIELD;
             header_list.push_back(header);
             continue;
@@ -333,7 +337,7 @@ bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Bu
         } else {
             const HeaderField* entry = FieldAt(dynamic_table_, name_index);
             if (entry == nullptr) return false;
-            header.Field().SetName(entry->Name());
+            header.Field().ShareName(*entry);
         }
         if (!DecodeString(buff, offset, text, use_huffman, scratch)) return false;
         header.Field().SetValue(text);

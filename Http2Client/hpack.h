@@ -3,12 +3,29 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "buffer.h"
 
 namespace hpack {
+
+// A text that its copies share and nobody changes. A header list that refers to one table entry
+// thousands of times, at a byte a reference, holds the entry's text once.
+class SharedText {
+public:
+    SharedText() = default;
+    explicit SharedText(const std::string& text) {
+        if (!text.empty()) m_text = std::make_shared<const std::string>(text);
+    }
+    const std::string& str() const { return m_text == nullptr ? emptyText() : *m_text; }
+
+private:
+    static const std::string& emptyText();
+
+    std::shared_ptr<const std::string> m_text;  // null for the empty text
+};
 
 // A header name and value, and whether each is (to be) sent Huffman-coded.
 class HeaderField {
@@ -30,10 +47,17 @@ public:
         LITERAL_HEADER_FIELD_NEVER_INDEXED = 3
     };
 
-    const std::string& Name() const { return m_name; }
-    const std::string& Value() const { return m_value; }
-    void SetName(const std::string& name) { m_name = name; }
-    void SetValue(const std::string& value) { m_value = value; }
+    // The texts stay valid until they are set again or the field ends.
+    const std::string& Name() const { return m_name.str(); }
+    const std::string& Value() const { return m_value.str(); }
+    void SetName(const std::string& name) { m_name = SharedText(name); }
+    void SetValue(const std::string& value) { m_value = SharedText(value); }
+    // Takes over the other field's name, or name and value, without copying a byte of text.
+    void ShareName(const HeaderField& other) { m_name = other.m_name; }
+    void ShareText(const HeaderField& other) {
+        m_name = other.m_name;
+        m_value = other.m_value;
+    }
     bool NameUseHuffman() const { return m_nameUseHuffman; }
     bool ValueUseHuffman() const { return m_valueUseHuffman; }
     bool SetNameUseHuffman(bool use) {
@@ -48,8 +72,8 @@ public:
 private:
     bool m_nameUseHuffman = true;
     bool m_valueUseHuffman = true;
-    std::string m_name;
-    std::string m_value;
+    SharedText m_name;
+    SharedText m_value;
 };
 
 // A header field and the representation it is sent as or came in.

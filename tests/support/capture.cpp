@@ -29,9 +29,14 @@ std::streamsize CoutCapture::Sink::xsputn(const char* text, std::streamsize size
     return size;
 }
 
-CoutCapture::CoutCapture() : m_former(std::cout.rdbuf(&m_sink)) {}
+CoutCapture::CoutCapture() : m_former(std::cout.rdbuf(&m_sink)) {
+    m_formerFormat.copyfmt(std::cout);
+}
 
-CoutCapture::~CoutCapture() { std::cout.rdbuf(m_former); }
+CoutCapture::~CoutCapture() {
+    std::cout.rdbuf(m_former);
+    std::cout.copyfmt(m_formerFormat);
+}
 
 std::vector<std::string> CoutCapture::lines() const {
     std::istringstream text(str());

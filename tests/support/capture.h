@@ -1,6 +1,7 @@
 #ifndef HTTP2CLIENT_TESTS_SUPPORT_CAPTURE_H
 #define HTTP2CLIENT_TESTS_SUPPORT_CAPTURE_H
 
+#include <ios>
 #include <mutex>
 #include <streambuf>
 #include <string>
@@ -15,7 +16,7 @@ namespace h2test {
 class CoutCapture {
 public:
     CoutCapture();
-    ~CoutCapture();  // puts the former buffer back
+    ~CoutCapture();  // puts the former buffer and number format back
     CoutCapture(const CoutCapture&) = delete;
     CoutCapture& operator=(const CoutCapture&) = delete;
 
@@ -44,6 +45,7 @@ private:
 
     Sink m_sink;
     std::streambuf* m_former;
+    std::ios m_formerFormat{nullptr};
 };
 
 // Keeps std::cout quiet as long as it lives; the same rules.

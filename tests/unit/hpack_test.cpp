@@ -399,6 +399,26 @@ TEST(TableDecode, TakesUpIncrementalLiteralsWhateverTheArgumentSays) {
     }
 }
 
+TEST(TableDecode, HoldsATextOnceHoweverOftenItIsReferredTo) {
+    constexpr size_t kReferences = 1'000'000;  // copies of the texts would be 400 MB
+    const std::string name(100, 'n');
+    const std::string value(250, 'v');
+    std::string block = hpackLiteral(name, value, Literal::kIncremental);
+    block += std::string(kReferences, hpackIndexed(62)[0]);  // one byte each
+    Table table;
+    List list;
+    const Buffer buffer(block.data(), static_cast<uint32_t>(block.size()));
+    ASSERT_TRUE(table.Decode(list, buffer, true));
+    ASSERT_EQ(list.size(), 1 + kReferences);
+    const HeaderField& first = list.front().constField();
+    EXPECT_EQ(first.Name(), name);
+    EXPECT_EQ(first.Value(), value);
+    for (const HeaderFieldRepresentation& header : list) {
+        ASSERT_EQ(&header.constField().Name(), &first.Name());
+        ASSERT_EQ(&header.constField().Value(), &first.Value());
+    }
+}
+
 TEST(TableDecode, ResolvesEntriesOfTheSameBlock) {
     EXPECT_EQ(decoded(hpackLiteral("n", "v", Literal::kIncremental) +
                       hpackLiteral("o", "w", Literal::kIncremental) + hpackIndexed(63) +
