@@ -1,5 +1,7 @@
 #include "buffer.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +26,11 @@ uint32_t TextLength(const char* str) {
     return static_cast<uint32_t>(n);
 }
 
+uint32_t CapacityFor(uint32_t min) {
+    if (min > kMaxPowerCapacity) return UINT32_MAX;
+    return std::bit_ceil(std::max(min, kMinCapacity));
+}
+
 bool IsPrintable(char ch) {
     const auto value = static_cast<signed char>(ch);
     return value > 31 && value != 127;
@@ -40,8 +47,11 @@ Buffer::Buffer(unsigned int buff_len) : buffer(nullptr), len(0), max_len(0) {
 Buffer::Buffer(const char* str) : Buffer(str, TextLength(str)) {}
 
 Buffer::Buffer(const char* str, unsigned int str_len) : buffer(nullptr), len(0), max_len(0) {
-    UpdateBufferSize(str_len);
-    if (str != nullptr) Assign(str, str_len, 0);
+    if (str == nullptr || str_len == 0) {
+        UpdateBufferSize(str_len);
+    } else {
+        Assign(str, str_len, 0);
+    }
 }
 
 Buffer::Buffer(const Buffer& a) : Buffer(a.buffer, a.len) {}
@@ -149,17 +159,18 @@ void Buffer::PrintBuffer(const char* buff, int len) {
 
 void Buffer::UpdateBufferSize(unsigned int min) {
     const uint32_t old_max_len = max_len;
-    uint32_t capacity = kMinCapacity;
-    while (capacity < min && capacity < kMaxPowerCapacity) capacity *= 2;
-    if (capacity < min) capacity = UINT32_MAX;
+    const uint32_t capacity = CapacityFor(min);
     if (capacity == old_max_len) return;
+    Reallocate(capacity);
+    if (max_len > old_max_len) std::memset(buffer + old_max_len, 0, max_len - old_max_len);
+    if (len > max_len) len = max_len;
+}
 
+void Buffer::Reallocate(uint32_t capacity) {
     auto* block = static_cast<char*>(realloc(buffer, capacity));
     if (block == nullptr) EndForLackOfMemory();
     buffer = block;
     max_len = capacity;
-    if (max_len > old_max_len) std::memset(buffer + old_max_len, 0, max_len - old_max_len);
-    if (len > max_len) len = max_len;
 }
 
 void Buffer::GrowTo(uint64_t min) {
@@ -167,11 +178,18 @@ void Buffer::GrowTo(uint64_t min) {
     if (max_len < min) UpdateBufferSize(static_cast<uint32_t>(min));
 }
 
-// `src` may point into this buffer, whose block moves when it grows.
+// `src` may point into this buffer, whose block moves when it grows. Of the memory that growth
+// adds, only what the copy does not fill is set to zero.
 void Buffer::Assign(const char* src, uint32_t n, uint64_t at) {
+    const uint64_t end = at + n;
+    if (end > UINT32_MAX) EndForLackOfMemory();
     const bool own = src >= buffer && src < buffer + max_len;
     const size_t own_offset = own ? static_cast<size_t>(src - buffer) : 0;
-    GrowTo(at + n);
+    if (const uint32_t old_max_len = max_len; old_max_len < end) {
+        Reallocate(CapacityFor(static_cast<uint32_t>(end)));
+        if (at > old_max_len) std::memset(buffer + old_max_len, 0, at - old_max_len);
+        std::memset(buffer + end, 0, max_len - end);
+    }
     if (n != 0) std::memmove(buffer + at, own ? buffer + own_offset : src, n);
-    len = static_cast<uint32_t>(at + n);
+    len = static_cast<uint32_t>(end);
 }

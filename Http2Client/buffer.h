@@ -76,6 +76,7 @@ public:
 private:
     void GrowTo(uint64_t min);  // grows, never shrinks; ends the process past 32 bits
     void Assign(const char* src, uint32_t n, uint64_t at);
+    void Reallocate(uint32_t capacity);  // added memory is not set
 
     char* buffer;      // malloc'ed block of max_len bytes, never null
     uint32_t len;      // bytes in use; <= max_len
