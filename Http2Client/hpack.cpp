@@ -1,6 +1,8 @@
 #include "hpack.h"
 
 #include <iostream>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "huffman.h"
@@ -105,14 +107,36 @@ void AppendToTable(std::deque<HeaderField>& dynamic_table, uint32_t dynamic_tabl
     while (dynamic_table.size() > dynamic_table_size_max) dynamic_table.pop_back();
 }
 
+// Where the entries of one name stand in the static table: side by side, each name in one place.
+struct EntryRange {
+    uint32_t first;
+    uint32_t count;
+};
+
+std::unordered_map<std::string_view, EntryRange> RangesOfStaticNames() {
+    std::unordered_map<std::string_view, EntryRange> ranges;
+    for (uint32_t i = 1; i < kFirstDynamicIndex; ++i) {
+        ++ranges.try_emplace(static_table[i].Name(), EntryRange{i, 0}).first->second.count;
+    }
+    return ranges;
+}
+
+// The keys are the static table's own texts.
+const std::unordered_map<std::string_view, EntryRange> static_names = RangesOfStaticNames();
+
 uint32_t FindFromTable(const std::deque<HeaderField>& dynamic_table, const std::string& name,
                        const std::string& value) {
-    const size_t total = dynamic_table.size() + kFirstDynamicIndex;
-    for (size_t i = 1; i < total; ++i) {
-        const HeaderField& entry =
-            i < kFirstDynamicIndex ? static_table[i] : dynamic_table[i - kFirstDynamicIndex];
-        if (entry.Name() != name) continue;
-        if (value.empty() || entry.Value() == value) return static_cast<uint32_t>(i);
+    if (const auto found = static_names.find(name); found != static_names.end()) {
+        const auto [first, count] = found->second;
+        for (uint32_t i = first; i < first + count; ++i) {
+            if (value.empty() || static_table[i].Value() == value) return i;
+        }
+    }
+    for (size_t i = 0; i < dynamic_table.size(); ++i) {
+        if (dynamic_table[i].Name() != name) continue;
+        if (value.empty() || dynamic_table[i].Value() == value) {
+            return static_cast<uint32_t>(i + kFirstDynamicIndex);
+        }
     }
     return 0;
 }
@@ -243,7 +267,7 @@ void Table::UpdateSize(uint32_t size) {
     while (dynamic_table_.size() > dynamic_table_size_max_) dynamic_table_.pop_back();
 }
 
-void Table::Update(std::vector<HeaderFieldRepresentation> header_list) {
+void Table::Update(const std::vector<HeaderFieldRepresentation>& header_list) {
     for (const HeaderFieldRepresentation& header : header_list) {
         if (header.constType() == HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING) {
             Append(header.constField());
@@ -260,8 +284,8 @@ void Table::Print() {
 
 // RFC 7541, 6.2.1 has the encoder add what it sends with incremental indexing to its table. This
 // one does not, so a field sent twice goes out as a literal twice: always valid, never shorter.
-bool Table::Encode(Buffer& encoded_buffer, std::vector<HeaderFieldRepresentation> header_list,
-                   bool /*update*/) {
+bool Table::Encode(Buffer& encoded_buffer,
+                   const std::vector<HeaderFieldRepresentation>& header_list, bool /*update*/) {
     Buffer encode_int;
     Buffer huff;
     encoded_buffer.Clear();

@@ -107,14 +107,14 @@ public:
     void UpdateSize(uint32_t size);
 
     // Appends the fields of those elements that are literals with incremental indexing.
-    void Update(std::vector<HeaderFieldRepresentation> header_list);
+    void Update(const std::vector<HeaderFieldRepresentation>& header_list);
 
     // Writes the dynamic entries to standard output, a line each, newest first.
     void Print();
 
     // Replaces `encoded_buffer` by the header block of `header_list`. Returns true. Never changes
     // the table, whatever `update` says. An element whose type is none of the four emits nothing.
-    bool Encode(Buffer& encoded_buffer, std::vector<HeaderFieldRepresentation> header_list,
+    bool Encode(Buffer& encoded_buffer, const std::vector<HeaderFieldRepresentation>& header_list,
                 bool update);
 
     // Appends the fields of the block in `buff` to `header_list`. Returns false at the first field
