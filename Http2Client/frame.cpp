@@ -1,5 +1,6 @@
 #include "frame.h"
 
+#include <algorithm>
 #include <iostream>
 #include <utility>
 
@@ -634,60 +635,88 @@ FrameCtx::~FrameCtx() {
     delete m_frame;
 }
 
-// Consumed bytes are only counted while frames are cut and erased once at the end: erasing them
-// frame by frame would move the rest each time. The zeros behind the received bytes are what a
-// decoder finds when it reads past the last payload.
-FrameCtx::CONTEXT_STATE FrameCtx::sendPacket(const char* data, size_t length, hpack::Table table,
-                                             bool /*flag*/) {
+// Bytes are stacked only while they wait for the rest of a header or of a payload; what arrived
+// whole is decoded where it lies.
+FrameCtx::CONTEXT_STATE FrameCtx::sendPacket(const char* data, size_t length,
+                                             const hpack::Table& table, bool /*flag*/) {
     if (data == nullptr) return queueState();
     if (m_frame != nullptr && m_frame->length() > kMaxPendingLength) return CTX_FETAL_ERROR;
-    m_stackedData.append(data, length);
-    const size_t size = m_stackedData.size();
-    m_stackedData.append(kReadableTail, '\0');
-
-    size_t used = 0;
-    const CONTEXT_STATE state = cutFrames(used, size, table);
-
-    m_stackedData.resize(size);
-    m_stackedData.erase(0, used);
+    Input input{data, length, &table, std::nullopt};
+    const CONTEXT_STATE state = cutFrames(input);
+    m_stackedData.append(input.data, input.length);
     if (m_stackedData.empty() && m_stackedData.capacity() > kKeptCapacity) {
         std::string().swap(m_stackedData);
     }
     return state;
 }
 
-FrameCtx::CONTEXT_STATE FrameCtx::cutFrames(size_t& used, size_t size, hpack::Table& table) {
+// Takes from the input what it uses; the rest is to be stacked.
+FrameCtx::CONTEXT_STATE FrameCtx::cutFrames(Input& input) {
     if (m_frame != nullptr) {
-        if (m_baseFrame->m_length > size) return queueState();
-        queuePendingFrame(used, m_baseFrame->m_length, table);
-        if (used == size) return CTX_DONE;
+        if (!takePendingPayload(input)) return queueState();
+        if (input.length == 0) return CTX_DONE;
     }
     while (m_frame == nullptr) {
-        if (size - used < kFrameHeaderLength) return queueState();
-        const std::shared_ptr<BaseFrame> header =
-            Frame::decodeBaseFrame(m_stackedData.data() + used);
+        const char* bytes = headerBytes(input);
+        if (bytes == nullptr) return queueState();
+        const std::shared_ptr<BaseFrame> header = Frame::decodeBaseFrame(bytes);
         if (header->m_type > Frame::TYPE_LAST_TYPE) {
             // The header stays in front, so that every later call fails the same way.
             std::cout << "fetal error" << std::endl;
             return CTX_FETAL_ERROR;
         }
-        used += kFrameHeaderLength;
+        if (m_stackedData.empty()) input.skip(kFrameHeaderLength);
+        m_stackedData.clear();
         m_frame = Frame::createFrame(header);
         m_baseFrame = header;
         std::cout << m_frame->getFrameTypeName() << std::endl;
-        if (header->m_length > size - used) return queueState();
-        queuePendingFrame(used, m_frame->length(), table);
+        if (!takePendingPayload(input)) return queueState();
     }
     // Every round of the loop returns or leaves no frame pending, so this is not reached.
-    std::cout << "******* ########### @@@@@@@@@@@ total stacked size = " << size - used
-              << std::endl;
+    std::cout << "******* ########### @@@@@@@@@@@ total stacked size = "
+              << m_stackedData.size() + input.length << std::endl;
     return m_decodedFrameList.size() > kMustReadFrames ? CTX_MUST_READ : CTX_DONE;
 }
 
+// The next 9 bytes, wherever they lie; null when they are not all there. Completes a stacked
+// header from the input.
+const char* FrameCtx::headerBytes(Input& input) {
+    if (m_stackedData.empty()) {
+        return input.length < kFrameHeaderLength ? nullptr : input.data;
+    }
+    if (m_stackedData.size() < kFrameHeaderLength) {
+        const size_t missing = kFrameHeaderLength - m_stackedData.size();
+        if (input.length < missing) return nullptr;
+        m_stackedData.append(input.data, missing);
+        input.skip(missing);
+    }
+    return m_stackedData.data();
+}
+
+// Decodes and queues the pending frame and returns true, or returns false when its payload is not
+// all there. The zeros behind the received bytes are what a decoder finds when it reads past the
+// last payload.
+bool FrameCtx::takePendingPayload(Input& input) {
+    const size_t payload = m_baseFrame->m_length;
+    const size_t missing = payload - m_stackedData.size();
+    if (input.length < missing) return false;
+    const size_t behind = std::min(input.length - missing, kReadableTail);
+    if (m_stackedData.empty() && behind == kReadableTail) {
+        queuePendingFrame(input.data, input);
+    } else {
+        m_stackedData.append(input.data, missing + behind);
+        m_stackedData.append(kReadableTail - behind, '\0');
+        queuePendingFrame(m_stackedData.data(), input);
+        m_stackedData.clear();
+    }
+    input.skip(missing);
+    return true;
+}
+
 // The decoder's result is of no interest here: the engine judges what the frame holds.
-void FrameCtx::queuePendingFrame(size_t& used, uint32_t length, hpack::Table& table) {
-    m_frame->decodeFramePayload(m_stackedData.data() + used, static_cast<int>(length), table);
-    used += m_baseFrame->m_length;
+void FrameCtx::queuePendingFrame(const char* payload, Input& input) {
+    if (!input.ownTable) input.ownTable.emplace(*input.table);
+    m_frame->decodeFramePayload(payload, static_cast<int>(m_baseFrame->m_length), *input.ownTable);
     m_decodedFrameList.emplace_back(m_frame);
     m_frame = nullptr;
     m_baseFrame.reset();

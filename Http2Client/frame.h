@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -430,19 +431,33 @@ public:
     FrameCtx& operator=(const FrameCtx&) = delete;
 
     // Takes `length` more bytes of the stream; a null `data` only asks for the state. All header
-    // blocks completed by this call are decoded against `table`, a copy: what they add to it is
+    // blocks completed by this call are decoded against a copy of `table`: what they add to it is
     // gone with the call. RFC 7541, 2.2 has the table live as long as the connection; a server's
     // later reference to such an entry does not resolve here. `flag` is not used.
-    CONTEXT_STATE sendPacket(const char* data, size_t length, hpack::Table table, bool flag);
+    CONTEXT_STATE sendPacket(const char* data, size_t length, const hpack::Table& table, bool flag);
 
     bool hasFrame() const { return !m_decodedFrameList.empty(); }
     // Takes the oldest queued frame; an empty pointer when there is none.
     std::shared_ptr<Frame> getFrame();
 
 private:
+    // What one call has been given and not used yet.
+    struct Input {
+        void skip(size_t n) {
+            data += n;
+            length -= n;
+        }
+        const char* data;
+        size_t length;
+        const hpack::Table* table;
+        std::optional<hpack::Table> ownTable;  // made for the first frame that is decoded
+    };
+
     CONTEXT_STATE queueState() const { return hasFrame() ? CTX_DONE : CTX_MORE_DATA; }
-    CONTEXT_STATE cutFrames(size_t& used, size_t size, hpack::Table& table);
-    void queuePendingFrame(size_t& used, uint32_t length, hpack::Table& table);
+    CONTEXT_STATE cutFrames(Input& input);
+    const char* headerBytes(Input& input);
+    bool takePendingPayload(Input& input);
+    void queuePendingFrame(const char* payload, Input& input);
 
     // m_baseFrame and m_frame are both set, while a payload is awaited, or both empty.
     std::shared_ptr<BaseFrame> m_baseFrame;
