@@ -138,10 +138,10 @@ std::string Http2::encodeRstStreams() {
 std::string Http2::encodeNextHeaders() {
     std::string bytes;
     SingleLock lock(&m_httpClientLock);
-    if (m_httpClientMap.empty()) return bytes;
-    HeadersFrame frame;
     for (const auto& [streamId, impl] : m_httpClientMap) {
-        if (impl == nullptr || !createHeaderFrame(impl, frame)) continue;
+        if (impl == nullptr || (impl->httpHandshake() && !impl->hasPendingHeaders())) continue;
+        HeadersFrame frame;
+        if (!createHeaderFrame(impl, frame)) continue;
         appendFrame(bytes, frame);
         break;
     }
@@ -153,10 +153,10 @@ std::string Http2::encodeNextHeaders() {
 std::string Http2::encodeNextData() {
     std::string bytes;
     SingleLock lock(&m_httpClientLock);
-    if (m_httpClientMap.empty()) return bytes;
-    DataFrame frame;
     for (const auto& [streamId, impl] : m_httpClientMap) {
-        if (impl == nullptr || !createDataFrame(impl, frame)) continue;
+        if (impl == nullptr || !impl->hasPendingContent()) continue;
+        DataFrame frame;
+        if (!createDataFrame(impl, frame)) continue;
         appendFrame(bytes, frame);
         break;
     }

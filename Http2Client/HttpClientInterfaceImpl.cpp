@@ -67,6 +67,8 @@ uint32_t HttpClientInterfaceImpl::nextHeaderLength() {
     return static_cast<uint32_t>(header.m_name.size() + header.m_value.size());
 }
 
+bool HttpClientInterfaceImpl::hasPendingHeaders() const { return !isFinished(m_headerOffset); }
+
 bool HttpClientInterfaceImpl::takeHttpHeader(HttpHeader& header) {
     if (isFinished(m_headerOffset)) return false;
     if (m_headerOffset >= m_headerLst.size()) {

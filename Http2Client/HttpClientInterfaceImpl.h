@@ -100,6 +100,8 @@ public:
     void addHttpHeader(std::shared_ptr<HttpHeader> header);
     // Length of name and value of the header under the cursor; 0 when there is none.
     uint32_t nextHeaderLength();
+    // Whether the end of the headers has not been found yet.
+    bool hasPendingHeaders() const;
     // Copies the header under the cursor and moves on; false when there is none.
     bool takeHttpHeader(HttpHeader& header);
     void resetHeaderIndex() { m_headerOffset = 0; }

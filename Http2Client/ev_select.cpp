@@ -33,8 +33,8 @@ bool ev_select::removeEvent(int fd, int mask) {
     return true;
 }
 
-std::list<ev::ActiveSocket> ev_select::poll(timeval* timeout) {
-    std::list<ActiveSocket> active;
+ev::ActiveSockets ev_select::poll(timeval* timeout) {
+    ActiveSockets active(&m_listMemory);
     _readfds = readfds;
     _writefds = writefds;
     const int result = select(m_maxfd + 1, &_readfds, &_writefds, nullptr, timeout);
