@@ -110,7 +110,17 @@ SSL_CTX* makeTlsContext(const Certificate& certificate, bool onlyTls12) {
 
 // One thing to do with a connection.
 struct ScriptedServer::Step {
-    enum class Kind { kSend, kSendRaw, kCloseNotify, kFin, kDropInput, kReset };
+    enum class Kind {
+        kSend,
+        kSendRaw,
+        kKeyUpdate,
+        kRenegotiate,
+        kRenegotiateForCertificate,
+        kCloseNotify,
+        kFin,
+        kDropInput,
+        kReset
+    };
     Kind kind;
     std::string bytes;      // of kSend, kSendRaw
     bool whenRead = false;  // not before the client has read all that went out
@@ -412,7 +422,8 @@ struct ScriptedServer::Shared {
 
     bool canTake(Connection& c, const Step& step) const {
         const bool needsTls = step.kind == Step::Kind::kSend && c.ssl != nullptr;
-        if (needsTls && !c.handshakeDone && !c.tlsFailed && !c.inputOver) return false;
+        const bool shakesHands = needsTls && (!c.handshakeDone || SSL_in_init(c.ssl) == 1);
+        if (shakesHands && !c.tlsFailed && !c.inputOver) return false;
         if (!step.whenRead || c.outputOver || clientHasReadAll(c)) return true;
         if (c.whenReadLimit == Clock::time_point{}) c.whenReadLimit = Clock::now() + kWaitLimit;
         c.waitsForClient = Clock::now() < c.whenReadLimit;
@@ -435,6 +446,17 @@ struct ScriptedServer::Shared {
         switch (step.kind) {
             case Step::Kind::kSend: encode(c, step.bytes); break;
             case Step::Kind::kSendRaw: c.out += step.bytes; break;
+            case Step::Kind::kKeyUpdate:
+                SSL_key_update(c.ssl, SSL_KEY_UPDATE_REQUESTED);
+                shakeHands(c);
+                break;
+            case Step::Kind::kRenegotiateForCertificate:
+                SSL_set_verify(c.ssl, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+                [[fallthrough]];
+            case Step::Kind::kRenegotiate:
+                SSL_renegotiate(c.ssl);
+                shakeHands(c);
+                break;
             case Step::Kind::kCloseNotify:
                 if (!c.handshakeDone || c.tlsFailed) break;
                 SSL_shutdown(c.ssl);
@@ -451,6 +473,13 @@ struct ScriptedServer::Shared {
                 closeSocket(c);
                 break;
         }
+    }
+
+    static void shakeHands(Connection& c) {
+        ERR_clear_error();
+        const int result = SSL_do_handshake(c.ssl);
+        if (result != 1) noteTlsResult(c, result);
+        takeTlsOutput(c);
     }
 
     static void closeSocket(Connection& c) {
@@ -552,6 +581,14 @@ void ScriptedServer::sendByteByByte(size_t index, std::string_view bytes) {
 
 void ScriptedServer::sendRaw(size_t index, std::string bytes) {
     queue(index, {{Step::Kind::kSendRaw, std::move(bytes)}});
+}
+
+void ScriptedServer::updateKeys(size_t index) { queue(index, {{Step::Kind::kKeyUpdate, {}}}); }
+
+void ScriptedServer::renegotiate(size_t index, bool wantCertificate) {
+    queue(index,
+          {{wantCertificate ? Step::Kind::kRenegotiateForCertificate : Step::Kind::kRenegotiate,
+            {}}});
 }
 
 void ScriptedServer::sendCloseNotify(size_t index) {

@@ -77,6 +77,12 @@ public:
     // Sends bytes past TLS, such as something that is no TLS record.
     void sendRaw(size_t index, std::string bytes);
 
+    // TLS 1.3: new keys for both directions.
+    void updateKeys(size_t index);
+    // TLS 1.2: asks for a new handshake. A client that is then asked for a certificate and has none
+    // gets a fatal alert.
+    void renegotiate(size_t index, bool wantCertificate);
+
     // Sends a TLS close_notify; nothing on a plain connection.
     void sendCloseNotify(size_t index);
 

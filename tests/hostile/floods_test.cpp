@@ -1,0 +1,94 @@
+// Many frames that each cost the server little.
+#include "hostile_support.h"
+
+namespace h2test {
+namespace {
+
+constexpr size_t kFlood = 20'000;
+
+class Flood : public HostileTest {};
+
+const Callback kHeadersOk = Callback::headers(200, {{":status", "200"}});
+
+TEST_F(Flood, PingsAreBorneAndNotAnswered) {
+    expectBorne(repeated(ping(0x0102030405060708), kFlood));
+}
+
+TEST_F(Flood, SettingsAreBorneAndNotAcknowledged) {
+    expectBorne(repeated(settings({{3, 1}, {4, 1}}), kFlood));
+}
+
+TEST_F(Flood, SettingsWithManyEntriesAreBorne) {
+    std::vector<std::pair<uint16_t, uint32_t>> entries;
+    for (uint32_t i = 0; i < 2400; ++i) entries.emplace_back(static_cast<uint16_t>(i % 9), i);
+    expectBorne(repeated(settings(entries), 20));
+}
+
+TEST_F(Flood, WindowUpdatesAndPrioritiesAreBorne) {
+    expectBorne(repeated(windowUpdate(0, 0x7FFFFFFF) + windowUpdate(1, 0x7FFFFFFF) +
+                             frame(kPriority, 0, 1, be32(3) + be8(255)),
+                         kFlood));
+}
+
+// The first reset ends the connection; what stands behind it is not looked at.
+TEST_F(Flood, ResetsCostTheConnection) {
+    std::string resets;
+    for (uint32_t i = 0; i < kFlood; ++i) resets += rstStream(2 * i + 1, 0);
+    expectDropped(resets, {Callback::failed(ERR_FETAL)});
+}
+
+TEST_F(Flood, ResetsOfOtherStreamsCostTheConnection) {
+    expectDropped(repeated(rstStream(7, 8), kFlood), {Callback::closed()});
+}
+
+TEST_F(Flood, EmptyDataIsReportedFrameByFrame) {
+    play(headers(1, hpackIndexed(8)) + repeated(data(1, ""), kFlood) + data(1, "", kEndStream));
+    ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
+    EXPECT_EQ(m_victim.callbacks(), Callbacks{kHeadersOk} +
+                                        Callbacks(kFlood, Callback::content("", true)) +
+                                        Callbacks{Callback::content("", false)});
+    expectUsable();
+    expectSent({});
+    EXPECT_TRUE(m_server.frames(kVictim, kWindowUpdate).empty());
+}
+
+TEST_F(Flood, DataOfOneByteIsReportedFrameByFrameAndCredited) {
+    play(headers(1, hpackIndexed(8)) + repeated(data(1, "x"), kFlood * 2) +
+         data(1, "", kEndStream));
+    ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
+    EXPECT_EQ(m_victim.callbacks(), Callbacks{kHeadersOk} +
+                                        Callbacks(kFlood * 2, Callback::content("x", true)) +
+                                        Callbacks{Callback::content("", false)});
+    expectUsable();
+    expectSent({});
+    uint32_t credit = 0;
+    for (const WireFrame& frame : m_server.frames(kVictim, kWindowUpdate)) {
+        if (frame.streamId != 1) continue;
+        EXPECT_EQ(frame.payload.substr(0, 2), be16(0));  // no count here reaches 65536
+        credit +=
+            static_cast<uint8_t>(frame.payload[2]) << 8 | static_cast<uint8_t>(frame.payload[3]);
+    }
+    EXPECT_GE(credit, 32768U);
+    EXPECT_LE(credit, kFlood * 2);
+}
+
+// Fragments are neither kept nor decoded: the block ends with its HEADERS frame.
+TEST_F(Flood, ContinuationsAreBorneAndNotDecoded) {
+    const std::string fragment = continuation(1, hpackLiteral("x", "y"), 0);
+    play(headers(1, hpackIndexed(8), 0) + repeated(fragment, kFlood) +
+         continuation(1, hpackLiteral("x", "y")) + data(1, "ok", kEndStream));
+    ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
+    EXPECT_EQ(m_victim.callbacks(), Callbacks{Callback::content("ok", false)});
+    expectUsable();
+    expectSent({});
+}
+
+TEST_F(Flood, EmptyHeaderBlocksAreReportedEachTime) {
+    play(repeated(headers(1, ""), 1000) + okResponse(1));
+    ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
+    EXPECT_EQ(m_victim.callbacks(), Callbacks(1000, Callback::headers(0, {})) + okCallbacks());
+    expectUsable();
+}
+
+}  // namespace
+}  // namespace h2test

@@ -1,0 +1,139 @@
+// Frames whose lengths, padding or fixed fields lie, and types that nobody knows.
+#include "hostile_support.h"
+
+namespace h2test {
+namespace {
+
+class HostileFrame : public HostileTest {};
+
+const Callback kEmptyMore = Callback::content("", true);
+const Callback kNoHeaders = Callback::headers(0, {});
+
+// A payload of `length` bytes, none of which is zero.
+std::string filler(size_t length) { return std::string(length, '\xA5'); }
+
+TEST_F(HostileFrame, ControlFramesOfAnyLengthAreBorne) {
+    std::string bytes;
+    for (const uint8_t type : {kPing, kWindowUpdate, kPriority, kSettings}) {
+        for (size_t length = 0; length <= 16; ++length) bytes += frame(type, 0, 0, filler(length));
+    }
+    expectBorne(bytes);
+}
+
+TEST_F(HostileFrame, ControlFramesOfAnyLengthWithAnyFlagsAreBorne) {
+    std::string bytes;
+    for (const uint8_t type : {kPing, kWindowUpdate, kPriority, kSettings}) {
+        for (size_t length = 0; length <= 16; ++length) {
+            bytes += frame(type, 0xFF, 1, filler(length));
+        }
+    }
+    expectBorne(bytes);
+}
+
+class HostileLength : public HostileTest, public testing::WithParamInterface<int> {
+protected:
+    static std::string payload() { return filler(static_cast<size_t>(GetParam())); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Bytes, HostileLength, testing::Range(0, 17),
+                         [](const auto& info) { return std::to_string(info.param); });
+
+TEST_P(HostileLength, GoawayOfAnyLengthEndsTheConnection) {
+    expectDropped(frame(kGoaway, 0, 0, payload()) + okResponse(1), {Callback::closed()});
+}
+
+TEST_P(HostileLength, ResetOfAnyLengthFailsTheRequest) {
+    expectDropped(frame(kRstStream, 0, 1, payload()) + okResponse(1),
+                  {Callback::failed(ERR_FETAL)});
+}
+
+// The frame's data is empty then; the frame is reported as any other.
+TEST_F(HostileFrame, PaddingBeyondTheDataLeavesNone) {
+    Callbacks heard;
+    std::string bytes;
+    for (const int pad : {4, 5, 6, 255}) {
+        bytes += frame(kData, kPadded, 1, be8(static_cast<uint32_t>(pad)) + "abcd");
+        heard.push_back(kEmptyMore);
+    }
+    expectBorne(bytes + frame(kData, kPadded, 1, ""), heard + Callbacks{kEmptyMore});
+}
+
+TEST_F(HostileFrame, PaddingThatFitsIsCutOff) {
+    expectBorne(dataPadded(1, "abcd", 0) + dataPadded(1, "abcd", 255) +
+                    frame(kData, kPadded, 1, hex("03") + "abcd"),
+                {Callback::content("abcd", true), Callback::content("abcd", true),
+                 Callback::content("a", true)});
+}
+
+TEST_F(HostileFrame, PaddingBeyondTheBlockLeavesNoFields) {
+    Callbacks heard;
+    std::string bytes;
+    for (const int pad : {2, 3, 255}) {
+        bytes +=
+            frame(kHeaders, kPadded | kEndHeaders, 1, be8(static_cast<uint32_t>(pad)) + "\x88");
+        heard.push_back(kNoHeaders);
+    }
+    expectBorne(bytes + frame(kHeaders, kPadded | kEndHeaders, 1, ""),
+                heard + Callbacks{kNoHeaders});
+}
+
+TEST_F(HostileFrame, PriorityThatDoesNotFitLeavesNoFields) {
+    std::string bytes;
+    for (size_t length = 0; length < 5; ++length) {
+        bytes += frame(kHeaders, kPriorityFlag | kEndHeaders, 1, filler(length));
+    }
+    for (size_t length = 0; length < 6; ++length) {
+        bytes +=
+            frame(kHeaders, kPriorityFlag | kPadded | kEndHeaders, 1, std::string(length, '\0'));
+    }
+    expectBorne(bytes, Callbacks(11, kNoHeaders));
+}
+
+// Between 0 and 3 bytes of the promised identifier, and between 0 and 3 bytes behind the payload
+// when it is decoded.
+TEST_F(HostileFrame, PushPromisesThatEndTooSoonAreBorne) {
+    std::string bytes;
+    std::vector<size_t> cuts;
+    for (size_t length = 0; length <= 5; ++length) {
+        for (size_t behind = 0; behind <= 4; ++behind) {
+            bytes += frame(kPushPromise, kEndHeaders, 1, std::string(length, '\x7F'));
+            cuts.push_back(bytes.size() + behind);
+            bytes += ping(0);
+        }
+    }
+    bytes += frame(kPushPromise, kPadded, 1, hex("FF 00 00 00 02 82"));
+    bytes += okResponse(1);
+    m_server.sendCut(kVictim, bytes, cuts);
+    ASSERT_TRUE(m_victim.waitEnd());
+    EXPECT_EQ(m_victim.callbacks(), okCallbacks());
+    expectUsable();
+    expectSent({});
+}
+
+class HostileType : public HostileTest, public testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(Types, HostileType, testing::Values(10, 11, 16, 127, 128, 255),
+                         [](const auto& info) { return std::to_string(info.param); });
+
+TEST_P(HostileType, UnknownTypeFailsTheRequestAndEndsTheConnection) {
+    expectDropped(frame(static_cast<uint8_t>(GetParam()), 0, 1, "abc") + okResponse(1),
+                  {Callback::failed(ERR_FETAL)});
+}
+
+// What came whole in the same read goes down with it.
+TEST_P(HostileType, UnknownTypeBehindTheAnswerFailsTheRequestToo) {
+    expectDropped(okResponse(1) + frame(static_cast<uint8_t>(GetParam()), 0, 0, ""),
+                  {Callback::failed(ERR_FETAL)});
+}
+
+TEST_F(HostileFrame, LargestFrameIsBorne) {
+    const std::string body(16777215, 'z');
+    play(headers(1, hpackIndexed(8)) + data(1, body) + data(1, "", kEndStream));
+    ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
+    EXPECT_EQ(m_victim.body().size(), body.size());
+    EXPECT_EQ(m_victim.callbacks().size(), 3U);
+    expectUsable();
+}
+
+}  // namespace
+}  // namespace h2test

@@ -1,0 +1,152 @@
+#ifndef HTTP2CLIENT_TESTS_HOSTILE_HOSTILE_SUPPORT_H
+#define HTTP2CLIENT_TESTS_HOSTILE_HOSTILE_SUPPORT_H
+
+#include <algorithm>
+#include <chrono>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "tests/wire/wire_support.h"
+
+namespace h2test {
+
+using Callbacks = std::vector<Callback>;
+
+inline std::string repeated(const std::string& bytes, size_t count) {
+    std::string out;
+    out.reserve(bytes.size() * count);
+    for (size_t i = 0; i < count; ++i) out += bytes;
+    return out;
+}
+
+inline Callbacks operator+(Callbacks left, const Callbacks& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// A victim, whose request the server answers with an attack, and a bystander on a connection of its
+// own, whose response is half way meanwhile.
+class HostileTest : public testing::Test {
+protected:
+    explicit HostileTest(const ServerOptions& options = {})
+        : m_tls(options.tls), m_server(options) {
+        start(m_bystander, kBystander);
+        m_server.send(kBystander, headers(1, hpackIndexed(8)) + data(1, "by"));
+        EXPECT_TRUE(m_bystander.waitContent());
+        start(m_victim, kVictim);
+    }
+
+    void TearDown() override {
+        m_server.send(kBystander, data(1, "stander", kEndStream));
+        EXPECT_TRUE(m_bystander.waitEnd());
+        EXPECT_EQ(m_bystander.callbacks(),
+                  (Callbacks{Callback::headers(200, {{":status", "200"}}),
+                             Callback::content("by", true), Callback::content("stander", false)}));
+        EXPECT_FALSE(m_server.closedByPeer(kBystander));
+    }
+
+    void play(const std::string& bytes) { m_server.send(kVictim, bytes); }
+
+    // The connection bears the attack: the answer that follows it arrives as ever, and so does that
+    // of a second request. `heard` is what the attack itself leads to; `sent` are the frames that
+    // it makes the client send, without the WINDOW_UPDATE frames.
+    void expectBorne(const std::string& bytes, const Callbacks& heard = {},
+                     const std::vector<WireFrame>& sent = {}) {
+        play(bytes + okResponse(1));
+        ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
+        EXPECT_EQ(m_victim.callbacks(), heard + okCallbacks());
+        expectUsable();
+        expectSent(sent);
+    }
+
+    // The connection is dropped; the victim hears `heard` and no more.
+    void expectDropped(const std::string& bytes, const Callbacks& heard) {
+        play(bytes);
+        expectDroppedNow(heard);
+    }
+    void expectDroppedNow(const Callbacks& heard) {
+        ASSERT_TRUE(m_server.waitClosedByPeer(kVictim, kLongLimit));
+        EXPECT_EQ(m_victim.callbacks(), heard);
+        EXPECT_EQ(m_victim.startRequest(nullptr), 2);
+    }
+
+    // Another request on the victim's connection is answered.
+    void expectUsable() {
+        const uint32_t stream = m_nextStream;
+        m_nextStream += 2;
+        m_victim.clear();
+        ASSERT_EQ(m_victim.startRequest(nullptr), 0);
+        ASSERT_TRUE(m_server.waitFramesThat(kVictim, [&](const std::vector<WireFrame>& frames) {
+            return !frames.empty() && frames.back().type == kHeaders &&
+                   frames.back().streamId == stream;
+        }));
+        m_server.send(kVictim, okResponse(stream, "again"));
+        ASSERT_TRUE(m_victim.waitEnd());
+        EXPECT_EQ(m_victim.callbacks(), okCallbacks("again"));
+    }
+
+    // Between the victim's first HEADERS frame and its second, the client has sent these frames and
+    // the RST_STREAM that every finished stream gets. (One RST_STREAM a stream: they are collected
+    // per step, so that a stream's may come more than once.)
+    void expectSent(const std::vector<WireFrame>& expected) {
+        std::vector<WireFrame> sent;
+        std::set<uint32_t> reset;
+        size_t requests = 0;
+        for (const WireFrame& frame : m_server.frames(kVictim)) {
+            if (frame.type == kHeaders && ++requests == 2) break;
+            if (frame.type == kHeaders || frame.type == kSettings || frame.type == kWindowUpdate) {
+                continue;
+            }
+            if (frame.type == kRstStream) {
+                EXPECT_EQ(frame.payload, be32(kCancel));
+                if (!reset.insert(frame.streamId).second) continue;
+            }
+            sent.push_back(frame);
+        }
+        std::vector<WireFrame> all = expected;
+        all.push_back(resetOf(1));
+        EXPECT_EQ(sorted(sent), sorted(all));
+    }
+
+    static WireFrame resetOf(uint32_t streamId) {
+        WireFrame frame;
+        frame.length = 4;
+        frame.type = kRstStream;
+        frame.streamId = streamId;
+        frame.payload = be32(kCancel);
+        return frame;
+    }
+
+    void start(RecordingClient& client, size_t index) {
+        EXPECT_EQ(connectTo(client, m_server, m_tls), 0);
+        EXPECT_EQ(client.setUri("/", HTTP_GET), 0);
+        EXPECT_EQ(client.startRequest(nullptr), 0);
+        EXPECT_TRUE(m_server.waitFramesOf(index, kHeaders));
+    }
+
+    static constexpr size_t kBystander = 0;
+    static constexpr size_t kVictim = 1;
+    static constexpr std::chrono::milliseconds kLongLimit{120000};
+
+    const bool m_tls;
+    RunningLibrary m_library;
+    ScriptedServer m_server;
+    RecordingClient m_bystander;
+    RecordingClient m_victim;
+
+private:
+    static std::vector<WireFrame> sorted(std::vector<WireFrame> frames) {
+        std::sort(frames.begin(), frames.end(), [](const WireFrame& a, const WireFrame& b) {
+            return std::tie(a.streamId, a.type) < std::tie(b.streamId, b.type);
+        });
+        return frames;
+    }
+
+    uint32_t m_nextStream = 3;
+};
+
+}  // namespace h2test
+
+#endif  // HTTP2CLIENT_TESTS_HOSTILE_HOSTILE_SUPPORT_H
