@@ -35,6 +35,15 @@ TEST_F(HostileBlock, BombOfReferencesIsOneField) {
     expectBorne(headers(1, bomb), {Callback::headers(0, {{"n", value}})});
 }
 
+// 1.6 GB of text for 114 KB on the wire, were each reference a copy that is kept.
+TEST_F(HostileBlock, BombOfReferencesToALargeFieldIsOneField) {
+    const std::string value(16382, 'v');
+    const std::string bomb = hex("40 01 6E")    // incremental indexing, new name "n"
+                             + hex("7F FF 7F")  // 127 - 1 + 127 * 128 bytes
+                             + value + std::string(100'000, '\xBE');
+    expectBorne(headers(1, bomb), {Callback::headers(0, {{"n", value}})});
+}
+
 TEST_F(HostileBlock, NamesOfNoLengthAreKept) {
     const std::string field = hex("00 00 01 76");  // a new name of length 0, value "v"
     expectBorne(headers(1, repeated(field, 10'000)), {Callback::headers(0, {{"", "v"}})});
@@ -57,6 +66,49 @@ TEST_F(HostileBlock, LengthWithoutEndIsAnEmptyString) {
 }
 
 TEST_F(HostileBlock, IndexThatOverflowsEndsTheBlock) { expectCutOff(hex("FF FF FF FF FF 7F")); }
+
+// Each continuation byte counts with its sign, modulo 2^32: 127 - 128 * 2^7 - 127 * 2^14 -
+// 127 * 2^21 + 17 * 2^28 + (first byte) is the first byte and 127 again.
+constexpr std::string_view kOverflowTail = "80 81 81 11";
+
+TEST_F(HostileBlock, IndexThatOverflowsMayHitAnEntry) {
+    play(headers(1, hex("FF 89") + hex(kOverflowTail) +  // 127 - 119: entry 8
+                        hex("FF 89 00")) +               // the same without an overflow
+         data(1, "ok", kEndStream));
+    ASSERT_TRUE(m_victim.waitEnd());
+    EXPECT_EQ(m_victim.callbacks(), okCallbacks());
+    expectUsable();
+    expectSent({});
+}
+
+TEST_F(HostileBlock, LengthThatOverflowsMayFitTheBlock) {
+    expectBorne(headers(1, hex("00 01 6E 7F 84") + hex(kOverflowTail) + "abc" +  // 127 - 124: 3
+                               hpackLiteral("z", "1")),
+                {Callback::headers(0, {{"n", "abc"}, {"z", "1"}})});
+}
+
+// An index that a literal's prefix leaves open: 0 where the block ends, so a new name, without
+// text as is its value.
+TEST_F(HostileBlock, NameIndexWithoutEndIsANewName) {
+    for (const char first : {'\x7F', '\x0F', '\x1F'}) {
+        play(headers(1, first + std::string(100'000, '\xFF')));
+    }
+    const Callback empty = Callback::headers(0, {{"", ""}});
+    expectBorne("", {empty, empty, empty});
+}
+
+TEST_F(HostileBlock, NameIndexThatOverflowsEndsTheBlock) {
+    for (const char* first : {"7F", "0F", "1F"}) {
+        play(headers(1, hpackLiteral("a", "b") + hex(first) + hex("FF FF FF FF 7F 01 64")));
+    }
+    const Callback cut = Callback::headers(0, {{"a", "b"}});
+    expectBorne("", {cut, cut, cut});
+}
+
+TEST_F(HostileBlock, SizeUpdateWithoutEndIsBorne) {
+    play(headers(1, hpackLiteral("a", "b") + '\x3F' + std::string(100'000, '\x80')));
+    expectBorne("", {Callback::headers(0, {{"a", "b"}})});
+}
 
 TEST_F(HostileBlock, SizeUpdateThatOverflowsIsTaken) {
     expectBorne(headers(1, hex("3F FF FF FF FF 7F") + hpackLiteral("a", "b")),

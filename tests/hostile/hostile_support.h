@@ -61,7 +61,8 @@ protected:
         expectSent(sent);
     }
 
-    // The connection is dropped; the victim hears `heard` and no more.
+    // The connection is dropped; the victim hears `heard` and no more, and the client says nothing
+    // more on it: what it has queued goes down with it. The victim may connect again.
     void expectDropped(const std::string& bytes, const Callbacks& heard) {
         play(bytes);
         expectDroppedNow(heard);
@@ -69,7 +70,19 @@ protected:
     void expectDroppedNow(const Callbacks& heard) {
         ASSERT_TRUE(m_server.waitClosedByPeer(kVictim, kLongLimit));
         EXPECT_EQ(m_victim.callbacks(), heard);
+        EXPECT_EQ(toHex(m_server.received(kVictim)), toHex(opening() + getRequest(1, "/", m_tls)));
+        expectGone();
+    }
+    // Nothing starts on the victim's connection, until it connects again.
+    void expectGone() {
         EXPECT_EQ(m_victim.startRequest(nullptr), 2);
+        EXPECT_EQ(m_victim.parseHttpClientStatus(nullptr), 0);  // no request counts as running
+        m_victim.clear();
+        const size_t next = m_server.connections();
+        start(m_victim, next);
+        m_server.send(next, okResponse(1));
+        ASSERT_TRUE(m_victim.waitEnd());
+        EXPECT_EQ(m_victim.callbacks(), okCallbacks());
     }
 
     // Another request on the victim's connection is answered.
@@ -79,8 +92,9 @@ protected:
         m_victim.clear();
         ASSERT_EQ(m_victim.startRequest(nullptr), 0);
         ASSERT_TRUE(m_server.waitFramesThat(kVictim, [&](const std::vector<WireFrame>& frames) {
-            return !frames.empty() && frames.back().type == kHeaders &&
-                   frames.back().streamId == stream;
+            return std::any_of(frames.begin(), frames.end(), [&](const WireFrame& frame) {
+                return frame.type == kHeaders && frame.streamId == stream;
+            });
         }));
         m_server.send(kVictim, okResponse(stream, "again"));
         ASSERT_TRUE(m_victim.waitEnd());

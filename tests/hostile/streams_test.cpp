@@ -63,12 +63,76 @@ TEST_F(HostileOrder, FramesForAFinishedStreamAreNotHeard) {
     ASSERT_TRUE(m_server.waitFramesOf(kVictim, kRstStream, 2));  // for the stray DATA
     EXPECT_EQ(m_victim.callbacks(), Callbacks());
     expectUsable();
+    expectReceived(m_server, kVictim,
+                   opening() + getRequest(1, "/") + rstStream(1, kCancel) + rstStream(1, kCancel) +
+                       getRequest(3, "/") + rstStream(3, kCancel));
+}
+
+// As above, with the next request half way: it must not take the first one's frames for its own.
+TEST_F(HostileOrder, FramesForAFinishedStreamDoNotReachTheNextRequest) {
+    finishFirst();
+    ASSERT_EQ(m_victim.startRequest(nullptr), 0);
+    ASSERT_TRUE(m_server.waitFramesOf(kVictim, kHeaders, 2));
+    play(headers(3, hpackIndexed(8)) + data(3, "a"));
+    ASSERT_TRUE(m_victim.waitContent());
+    play(headers(1, hpackIndexed(13) + hpackLiteral("stale", "1")) + headers(1, "", 0) +
+         continuation(1, hpackLiteral("stale", "2")) + data(1, "stale") + data(1, "", kEndStream) +
+         windowUpdate(1, 1) + frame(kPriority, 0, 1, be32(3) + be8(1)) +
+         frame(kPushPromise, kEndHeaders, 1, be32(3)) + data(3, "b", kEndStream));
+    ASSERT_TRUE(m_victim.waitEnd());
+    EXPECT_EQ(m_victim.callbacks(),
+              (Callbacks{Callback::headers(200, {{":status", "200"}}), Callback::content("a", true),
+                         Callback::content("b", false)}));
+    // The resets of one step go out together, the lower stream first.
+    expectReceived(m_server, kVictim,
+                   opening() + getRequest(1, "/") + rstStream(1, kCancel) + getRequest(3, "/") +
+                       rstStream(1, kCancel) + rstStream(3, kCancel));
+}
+
+TEST_F(HostileOrder, ResetOfAFinishedStreamTakesTheNextRequestAlong) {
+    finishFirst();
+    ASSERT_EQ(m_victim.startRequest(nullptr), 0);
+    ASSERT_TRUE(m_server.waitFramesOf(kVictim, kHeaders, 2));
+    play(rstStream(1, 0) + okResponse(3));
+    ASSERT_TRUE(m_server.waitClosedByPeer(kVictim));
+    EXPECT_EQ(m_victim.callbacks(), Callbacks{Callback::closed()});
+    EXPECT_EQ(toHex(m_server.received(kVictim)),
+              toHex(opening() + getRequest(1, "/") + rstStream(1, kCancel) + getRequest(3, "/")));
+    expectGone();
+}
+
+// The frame's own stream is looked up, not the last stream that it names.
+TEST_F(HostileOrder, GoawayOnAFinishedStreamFailsNoRequest) {
+    finishFirst();
+    ASSERT_EQ(m_victim.startRequest(nullptr), 0);
+    ASSERT_TRUE(m_server.waitFramesOf(kVictim, kHeaders, 2));
+    play(frame(kGoaway, 0, 1, be32(0) + be32(0)) + okResponse(3));
+    ASSERT_TRUE(m_server.waitClosedByPeer(kVictim));
+    EXPECT_EQ(m_victim.callbacks(), Callbacks{Callback::closed()});
+    expectGone();
+}
+
+// Every stream gets its reset, and its bytes are credited: below the threshold of one stream they
+// stay in the sum of the connection.
+TEST_F(HostileOrder, DataForManyStreamsIsAnsweredByAsManyResets) {
+    std::string bytes;
+    std::vector<WireFrame> resets;
+    for (uint32_t i = 0; i < 3000; ++i) {
+        bytes += data(2 * i, "stray");
+        resets.push_back(resetOf(2 * i));
+    }
+    expectBorne(bytes, {}, resets);
+    EXPECT_TRUE(m_server.frames(kVictim, kWindowUpdate).empty());  // 15,000 bytes in all
 }
 
 TEST_F(HostileOrder, ResetOfAFinishedStreamEndsTheConnectionSilently) {
     finishFirst();
     play(rstStream(1, 0));
-    expectDroppedNow({});
+    ASSERT_TRUE(m_server.waitClosedByPeer(kVictim));
+    EXPECT_EQ(m_victim.callbacks(), Callbacks());
+    EXPECT_EQ(toHex(m_server.received(kVictim)),
+              toHex(opening() + getRequest(1, "/") + rstStream(1, kCancel)));
+    expectGone();
 }
 
 TEST_F(HostileOrder, DataBeforeHeadersIsHeardFirst) {
@@ -83,6 +147,18 @@ TEST_F(HostileOrder, DataThatEndsTheStreamNeedsNoHeaders) {
     expectSent({});
 }
 
+TEST_F(HostileOrder, DataBetweenTheBlocksIsHeardInItsPlace) {
+    play(data(1, "a") + headers(1, hpackIndexed(8), 0) + data(1, "b") +
+         headers(1, hpackLiteral("t", "1")) + data(1, "c", kEndStream));
+    ASSERT_TRUE(m_victim.waitEnd());
+    EXPECT_EQ(m_victim.callbacks(),
+              (Callbacks{Callback::content("a", true), Callback::content("b", true),
+                         Callback::headers(200, {{":status", "200"}, {"t", "1"}}),
+                         Callback::content("c", false)}));
+    expectUsable();
+    expectSent({});
+}
+
 TEST_F(HostileOrder, SecondBlockAddsToTheFirst) {
     play(headers(1, hpackIndexed(13) + hpackLiteral("a", "1")) +
          headers(1, hpackIndexed(8) + hpackLiteral("b", "2")) + data(1, "", kEndStream));
@@ -91,6 +167,8 @@ TEST_F(HostileOrder, SecondBlockAddsToTheFirst) {
               (Callbacks{Callback::headers(404, {{":status", "404"}, {"a", "1"}}),
                          Callback::headers(200, {{":status", "200"}, {"a", "1"}, {"b", "2"}}),
                          Callback::content("", false)}));
+    expectUsable();
+    expectSent({});
 }
 
 TEST_F(HostileOrder, SecondBlockThatIsNotEndedIsKeptAndNotHeard) {
@@ -101,6 +179,8 @@ TEST_F(HostileOrder, SecondBlockThatIsNotEndedIsKeptAndNotHeard) {
               (Callbacks{Callback::headers(404, {{":status", "404"}}), Callback::content("x", true),
                          Callback::headers(200, {{":status", "200"}, {"b", "2"}, {"c", "3"}}),
                          Callback::content("", false)}));
+    expectUsable();
+    expectSent({});
 }
 
 TEST_F(HostileOrder, HeadersThatEndTheStreamDoNotEndTheRequest) {
@@ -119,6 +199,14 @@ TEST_F(HostileOrder, BytesBehindAGoawayAreNotLookedAt) {
     expectDropped(headers(1, hpackIndexed(8)) + goaway(0, 0) + data(1, "ok", kEndStream) +
                       frame(0xEE, 0, 0, "no frame"),
                   {Callback::failed(ERR_FETAL)});
+}
+
+// What comes in a read of its own is not read any more, be it a frame or not.
+TEST_F(HostileOrder, BytesInAReadAfterAGoawayAreNotRead) {
+    const std::string first = headers(1, hpackIndexed(8)) + goaway(1, 0);
+    m_server.sendCut(kVictim, first + data(1, "ok", kEndStream) + frame(0xEE, 0, 0, "no frame"),
+                     {first.size()});
+    expectDroppedNow({Callback::headers(200, {{":status", "200"}}), Callback::closed()});
 }
 
 TEST_F(HostileOrder, FramesBehindAGoawayAreNotHeard) {

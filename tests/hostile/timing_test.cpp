@@ -8,6 +8,8 @@ class HostileTiming : public HostileTest, public testing::WithParamInterface<boo
 protected:
     HostileTiming() : HostileTest(serverOptions(GetParam())) {}
 
+    size_t m_used = 0;  // connections used up
+
     // All that a server sends in one exchange, with what the client hears of each frame.
     struct Piece {
         std::string bytes;
@@ -60,6 +62,47 @@ TEST_P(HostileTiming, CloseAtEveryByteOfAnExchangeIsHeardOnce) {
     }
 }
 
+// As above, but with a RST: what came whole before it has been heard.
+TEST_P(HostileTiming, ResetAtEveryByteOfAnExchangeIsHeardOnce) {
+    const std::vector<Piece> pieces = exchange();
+    const std::string all = allOf(pieces);
+    for (size_t size = 0; size < all.size(); size += 1 + size / 16) {
+        const size_t index = kVictim + 1 + m_used++;
+        RecordingClient client;
+        start(client, index);
+        m_server.send(index, all.substr(0, size));
+        const Callbacks expected = heardOf(pieces, size);
+        ASSERT_TRUE(client.waitCallbacks(expected.size() - 1)) << size;
+        m_server.reset(index);
+        ASSERT_TRUE(client.waitClosed()) << size;
+        ASSERT_EQ(client.callbacks(), expected) << size;
+        ASSERT_EQ(client.startRequest(nullptr), 2) << size;
+    }
+}
+
+// The client's own side of the exchange: nothing, the preface, and then the SETTINGS frame and the
+// request are there before the server goes.
+TEST_P(HostileTiming, CloseAfterEachOfTheClientsPiecesIsHeardOnce) {
+    const std::string request = opening() + getRequest(1, "/", GetParam());
+    for (const size_t size : {size_t{0}, size_t{1}, kPreface.size(), kPreface.size() + 1,
+                              opening().size(), opening().size() + 1, request.size()}) {
+        const size_t index = kVictim + 1 + m_used++;
+        RecordingClient client;
+        ASSERT_EQ(connectTo(client, m_server, GetParam()), 0);
+        ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+        if (size == 0) m_server.close(index);
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        ASSERT_TRUE(m_server.waitReceived(index, size));
+        if (size != 0) m_server.close(index);
+        ASSERT_TRUE(client.waitClosed()) << size;
+        ASSERT_TRUE(m_server.waitClosedByPeer(index)) << size;
+        ASSERT_EQ(client.callbacks(), Callbacks{Callback::closed()}) << size;
+        ASSERT_EQ(client.startRequest(nullptr), 2) << size;
+        const std::string received = m_server.received(index);
+        ASSERT_EQ(toHex(received), toHex(request.substr(0, received.size()))) << size;
+    }
+}
+
 TEST_P(HostileTiming, HalfAFrameThenSilenceThenCloseIsHeardOnce) {
     const std::string all = allOf(exchange());
     m_server.sendCut(kVictim, all.substr(0, all.size() - 3), {all.size() - 20});
@@ -85,6 +128,37 @@ TEST_P(HostileTiming, AByteAtATimeIsBorne) {
     ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
     EXPECT_EQ(m_victim.callbacks(), heardOf(pieces, allOf(pieces).size()));
     expectUsable();
+    expectSent({});
+}
+
+// Between two bytes the poll loop makes many steps, and another connection gets its frames: the
+// victim's half of a frame waits, and costs nobody else anything.
+TEST_P(HostileTiming, AByteAfterALongPauseIsBorne) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::milliseconds kPause{12};  // more than two steps of the poll loop
+    const std::vector<Piece> pieces = exchange();
+    const std::string all = allOf(pieces);
+    RecordingClient other;
+    start(other, kVictim + 1);
+    m_server.send(kVictim + 1, headers(1, hpackIndexed(8)));
+    size_t chunks = 0;
+    for (size_t size = 1; size <= all.size(); ++size) {
+        play(all.substr(size - 1, 1));
+        const auto end = Clock::now() + kPause;
+        do {
+            m_server.send(kVictim + 1, data(1, "c"));
+            ASSERT_TRUE(other.waitContent(++chunks));
+        } while (Clock::now() < end);
+    }
+    ASSERT_TRUE(m_victim.waitEnd());
+    EXPECT_EQ(m_victim.callbacks(), heardOf(pieces, all.size()));
+    expectUsable();
+    expectSent({});
+    m_server.send(kVictim + 1, data(1, "", kEndStream));
+    ASSERT_TRUE(other.waitEnd());
+    EXPECT_EQ(other.callbacks(), Callbacks{Callback::headers(200, {{":status", "200"}})} +
+                                     Callbacks(chunks, Callback::content("c", true)) +
+                                     Callbacks{Callback::content("", false)});
 }
 
 TEST_P(HostileTiming, ServerThatNeverReadsKeepsNobodyElseFromBeingServed) {

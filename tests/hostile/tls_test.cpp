@@ -71,6 +71,52 @@ TEST_P(HostileTls, OverlongRecordIsAnEnd) {
     expectDroppedNow(halfThenClosed());
 }
 
+// A real one, that is: the client takes the record, and hears from it that the server is through.
+TEST_P(HostileTls, FatalAlertInTheBodyIsAnEnd) {
+    playHalf();
+    m_server.sendFatalAlert(kVictim);
+    expectDroppedNow(halfThenClosed());
+    EXPECT_TRUE(m_server.tlsFailed(kVictim));
+}
+
+TEST_P(HostileTls, GarbageRightAfterTheHandshakeIsAnEnd) {
+    const size_t index = kVictim + 1;
+    RecordingClient client;
+    ASSERT_EQ(connectTo(client, m_server, true), 0);
+    m_server.sendRaw(index, "this is no record of TLS at all");
+    ASSERT_TRUE(m_server.waitSent(index));
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(m_server.waitClosedByPeer(index));
+    EXPECT_EQ(client.callbacks(), Callbacks{Callback::closed()});
+    EXPECT_EQ(client.startRequest(nullptr), 2);
+    EXPECT_EQ(m_server.received(index), "");  // the first step reads before it writes
+}
+
+// One connection's failure after another; the error that it leaves must not be taken for one of
+// the bystander's, which is served in between on the same thread.
+TEST_P(HostileTls, FailuresInARowHarmNobodyElse) {
+    RecordingClient other;
+    start(other, kVictim + 1);
+    for (size_t i = 0; i < 6; ++i) {
+        const size_t index = kVictim + 2 + i;
+        RecordingClient broken;
+        start(broken, index);
+        switch (i % 3) {
+            case 0: m_server.sendRaw(index, "garbage that is long enough"); break;
+            case 1: m_server.sendFatalAlert(index); break;
+            default: m_server.closeWithoutCloseNotify(index); break;
+        }
+        m_server.send(kVictim + 1, data(1, "x"));
+        ASSERT_TRUE(broken.waitClosed());
+        EXPECT_EQ(broken.callbacks(), Callbacks{Callback::closed()});
+        ASSERT_TRUE(other.waitContent(i + 1));
+    }
+    m_server.send(kVictim + 1, data(1, "", kEndStream));
+    ASSERT_TRUE(other.waitEnd());
+    EXPECT_EQ(other.callbacks(),
+              Callbacks(6, Callback::content("x", true)) + Callbacks{Callback::content("", false)});
+}
+
 class HostileTls13 : public HostileTest {
 protected:
     HostileTls13() : HostileTest(tlsOptions(false)) {}
@@ -84,8 +130,12 @@ TEST_F(HostileTls13, KeyUpdatesAreBorne) {
     }
     play(data(1, "", kEndStream));
     ASSERT_TRUE(m_victim.waitEnd());
-    EXPECT_EQ(m_victim.body(), std::string(20, 'x'));
+    EXPECT_EQ(m_victim.callbacks(), Callbacks{Callback::headers(200, {{":status", "200"}})} +
+                                        Callbacks(20, Callback::content("x", true)) +
+                                        Callbacks{Callback::content("", false)});
     expectUsable();
+    expectSent({});
+    EXPECT_FALSE(m_server.tlsFailed(kVictim));
 }
 
 class HostileTls12 : public HostileTest {
@@ -100,8 +150,12 @@ TEST_F(HostileTls12, RenegotiationInTheBodyIsBorne) {
     play(data(1, "tween"));
     play(data(1, "", kEndStream));
     ASSERT_TRUE(m_victim.waitEnd());
-    EXPECT_EQ(m_victim.body(), "between");
+    EXPECT_EQ(
+        m_victim.callbacks(),
+        (Callbacks{Callback::headers(200, {{":status", "200"}}), Callback::content("be", true),
+                   Callback::content("tween", true), Callback::content("", false)}));
     expectUsable();
+    expectSent({});
     EXPECT_FALSE(m_server.tlsFailed(kVictim));
 }
 

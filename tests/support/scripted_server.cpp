@@ -116,6 +116,7 @@ struct ScriptedServer::Step {
         kKeyUpdate,
         kRenegotiate,
         kRenegotiateForCertificate,
+        kFatalAlert,
         kCloseNotify,
         kFin,
         kDropInput,
@@ -457,6 +458,7 @@ struct ScriptedServer::Shared {
                 SSL_renegotiate(c.ssl);
                 shakeHands(c);
                 break;
+            case Step::Kind::kFatalAlert: failTls(c); break;
             case Step::Kind::kCloseNotify:
                 if (!c.handshakeDone || c.tlsFailed) break;
                 SSL_shutdown(c.ssl);
@@ -479,6 +481,17 @@ struct ScriptedServer::Shared {
         ERR_clear_error();
         const int result = SSL_do_handshake(c.ssl);
         if (result != 1) noteTlsResult(c, result);
+        takeTlsOutput(c);
+    }
+
+    // OpenSSL sends alerts of its own accord only: it is given a record that does not decrypt.
+    static void failTls(Connection& c) {
+        const std::string forged = hex("17 03 03 00 20") + std::string(32, 'x');
+        BIO_write(c.tlsIn, forged.data(), static_cast<int>(forged.size()));
+        ERR_clear_error();
+        char buffer[1];
+        const int result = SSL_read(c.ssl, buffer, sizeof(buffer));
+        if (result <= 0) noteTlsResult(c, result);
         takeTlsOutput(c);
     }
 
@@ -590,6 +603,8 @@ void ScriptedServer::renegotiate(size_t index, bool wantCertificate) {
           {{wantCertificate ? Step::Kind::kRenegotiateForCertificate : Step::Kind::kRenegotiate,
             {}}});
 }
+
+void ScriptedServer::sendFatalAlert(size_t index) { queue(index, {{Step::Kind::kFatalAlert, {}}}); }
 
 void ScriptedServer::sendCloseNotify(size_t index) {
     queue(index, {{Step::Kind::kCloseNotify, {}}});

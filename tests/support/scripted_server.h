@@ -83,6 +83,10 @@ public:
     // gets a fatal alert.
     void renegotiate(size_t index, bool wantCertificate);
 
+    // Sends a fatal TLS alert, as to a client whose last record did not decrypt, and then nothing
+    // more; the connection stays open. What the client still sends is not decrypted.
+    void sendFatalAlert(size_t index);
+
     // Sends a TLS close_notify; nothing on a plain connection.
     void sendCloseNotify(size_t index);
 
