@@ -1,0 +1,141 @@
+#include "random_server.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "tests/support/bytes.h"
+
+namespace h2test {
+
+namespace {
+
+void require(bool ok, const char* what) {
+    if (ok) return;
+    std::perror(what);
+    std::abort();
+}
+
+}  // namespace
+
+RandomServer::RandomServer(uint32_t seed)
+    : m_random(seed),
+      m_listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)),
+      m_wake(eventfd(0, EFD_CLOEXEC)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    require(bind(m_listener, any, size) == 0, "bind");
+    require(listen(m_listener, SOMAXCONN) == 0, "listen");
+    require(getsockname(m_listener, any, &size) == 0, "getsockname");
+    m_port = ntohs(address.sin_port);
+    m_thread = std::thread([this] { run(); });
+}
+
+RandomServer::~RandomServer() {
+    const uint64_t one = 1;
+    require(write(m_wake, &one, sizeof one) == sizeof one, "wake");
+    m_thread.join();
+    for (const auto& [fd, connection] : m_connections) close(fd);
+    close(m_listener);
+    close(m_wake);
+}
+
+void RandomServer::run() {
+    std::vector<pollfd> set;
+    while (true) {
+        set.assign({{m_wake, POLLIN, 0}, {m_listener, POLLIN, 0}});
+        for (const auto& [fd, connection] : m_connections) {
+            set.push_back(
+                {fd, static_cast<short>(connection.out.empty() ? POLLIN : POLLIN | POLLOUT), 0});
+        }
+        if (poll(set.data(), set.size(), -1) < 0) continue;
+        if (set[0].revents != 0) return;
+        for (size_t i = 2; i < set.size(); ++i) {
+            if (set[i].revents == 0) continue;
+            const auto found = m_connections.find(set[i].fd);
+            if (serve(found->first, found->second, set[i].revents)) continue;
+            close(found->first);
+            m_connections.erase(found);
+        }
+        if (set[1].revents != 0) accept();
+    }
+}
+
+void RandomServer::accept() {
+    const int fd = accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd >= 0) m_connections[fd].out = settings({{3, 100}});
+}
+
+bool RandomServer::serve(int fd, Connection& connection, short events) {
+    if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 && !receive(fd, connection)) return false;
+    answerFrames(fd, connection);
+    return flush(fd, connection) && !(connection.closing && connection.out.empty());
+}
+
+bool RandomServer::receive(int fd, Connection& connection) {
+    char buffer[16384];
+    const ssize_t size = recv(fd, buffer, sizeof buffer, 0);
+    if (size > 0) connection.in.append(buffer, static_cast<size_t>(size));
+    return size != 0;
+}
+
+void RandomServer::answerFrames(int fd, Connection& connection) {
+    if (!connection.prefaceSeen) {
+        if (connection.in.size() < kPreface.size()) return;
+        connection.prefaceSeen = true;
+        connection.in.erase(0, kPreface.size());
+    }
+    size_t rest = 0;
+    for (const WireFrame& frame : parseWholeFrames(connection.in, rest)) {
+        if (frame.type == kHeaders && !connection.closing) answer(fd, connection, frame.streamId);
+    }
+    connection.in.erase(0, rest);
+}
+
+void RandomServer::answer(int fd, Connection& connection, uint32_t streamId) {
+    const std::string head = headers(streamId, hpackIndexed(8) + hpackLiteral("x-a", "b"));
+    const uint32_t dice = m_random() % 100;
+    std::string& out = connection.out;
+    if (dice < 60) {
+        out += head + data(streamId, std::string(m_random() % 3000, 'x')) +
+               data(streamId, "end", kEndStream);
+    } else if (dice < 70) {
+        out += head + data(streamId, std::string(200'000, 'y')) + data(streamId, "", kEndStream);
+    } else if (dice < 76) {
+        out += head + data(streamId, "part");  // and no more
+    } else if (dice < 80) {
+        out += rstStream(streamId, 2);
+    } else if (dice < 84) {
+        out += head + goaway(streamId, 0);
+        connection.closing = true;
+    } else if (dice < 90) {
+        out += head.substr(0, m_random() % head.size());
+        connection.closing = true;
+    } else if (dice < 94) {
+        out += head + frame(0xEE, 0, 0, "no frame");
+    } else if (dice < 98) {
+        const linger abortive{1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+        connection.closing = true;
+    }
+    // Otherwise: silence.
+}
+
+bool RandomServer::flush(int fd, Connection& connection) {
+    if (connection.out.empty()) return true;
+    const ssize_t sent =
+        send(fd, connection.out.data(), connection.out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent > 0) connection.out.erase(0, static_cast<size_t>(sent));
+    return sent > 0 || errno == EAGAIN;
+}
+
+}  // namespace h2test
