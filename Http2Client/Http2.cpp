@@ -401,11 +401,11 @@ void Http2::failAllRequests() {
             impl = m_httpClientMap.begin()->second;
             m_httpClientMap.erase(m_httpClientMap.begin());
         }
-        if (impl != nullptr) failRequestLocked(impl);
+        if (impl != nullptr) failRequest(impl);
     }
 }
 
-void Http2::failRequestLocked(HttpClientInterfaceImpl* impl) {
+void Http2::failRequest(HttpClientInterfaceImpl* impl) {
     HTTP2CLIENT_LOG_INFO("uri: " << impl->uri() << " status: ERR_FETAL!");
     impl->removeClientStatus(CLI_STATUS_REQUESTING);
     impl->client()->onFailed(ERR_FETAL);
@@ -485,7 +485,7 @@ void Http2::processRstStreamFrame(Frame* frame) {
     const auto found = m_httpClientMap.find(streamId);
     if (found == m_httpClientMap.end() || found->second == nullptr) return;
     HttpClientInterfaceImpl* impl = found->second;
-    failRequestLocked(impl);
+    failRequest(impl);
     removeHttpClientLocked(impl);
 }
 
@@ -521,7 +521,7 @@ void Http2::processGoawayFrame(Frame* frame) {
         const uint32_t streamId = entry->first;
         HttpClientInterfaceImpl* impl = entry->second;
         if (impl != nullptr) {
-            failRequestLocked(impl);
+            failRequest(impl);
             removeHttpClientLocked(impl);
         }
         entry = m_httpClientMap.upper_bound(streamId);  // the removal may have taken any entry

@@ -88,7 +88,7 @@ private:
     int drainFrames(const char* data, size_t len);
     void dispatchFrame(Frame* frame);
     void failAllRequests();
-    void failRequestLocked(HttpClientInterfaceImpl* impl);
+    void failRequest(HttpClientInterfaceImpl* impl);  // with or without m_httpClientLock
     void reportSocketClosedLocked(HttpClientInterfaceImpl* impl);
 
     void processDataFrame(Frame* frame);
