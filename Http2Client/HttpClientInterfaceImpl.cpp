@@ -108,7 +108,7 @@ uint32_t HttpClientInterfaceImpl::nextContentLength() {
 }
 
 size_t HttpClientInterfaceImpl::takeHttpContent(const char*& buf, size_t maxLen) {
-    if (m_contentOffset >= m_content.size()) return 0;
+    if (isFinished(m_contentOffset) || m_contentOffset >= m_content.size()) return 0;
     if (m_content.size() - m_contentOffset < maxLen) return 0;
     m_contentOffset += maxLen;
     if (m_content.size() - maxLen >= maxLen) {
