@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <iostream>
+#include <unordered_set>
 #include <vector>
 
 #include "HttpClientInterface.h"
@@ -37,6 +38,20 @@ const std::string& textOf(const std::map<int, std::string>& texts, int key) {
 int toStatus(const std::string& text) {
     return static_cast<int>(
         std::clamp(std::strtol(text.c_str(), nullptr, 10), long{INT_MIN}, long{INT_MAX}));
+}
+
+// The fields that leave a trace when all of `list` are stored in turn, in their order: of those
+// that share one name's text, the last. A block may refer to a long text once a byte; what it costs
+// to store is in proportion to the texts.
+std::vector<const hpack::HeaderField*> lastOfEachName(const HeadersFrame::HeaderList& list) {
+    std::vector<const hpack::HeaderField*> fields;
+    std::unordered_set<const std::string*> names;
+    for (auto header = list.rbegin(); header != list.rend(); ++header) {
+        const hpack::HeaderField& field = header->constField();
+        if (names.insert(&field.Name()).second) fields.push_back(&field);
+    }
+    std::reverse(fields.begin(), fields.end());
+    return fields;
 }
 
 }  // namespace
@@ -455,12 +470,13 @@ void Http2::processHeaderFrame(Frame* frame) {
     const auto found = m_httpClientMap.find(frame->getStreamId());
     if (found == m_httpClientMap.end() || found->second == nullptr) return;
     HttpClientInterfaceImpl* impl = found->second;
-    for (const hpack::HeaderFieldRepresentation& header : headersFrame->getHeaderList()) {
-        const std::string& name = header.constField().Name();
-        const std::string& value = header.constField().Value();
-        std::cout << name << "    " << value << '\n';
-        if (name == ":status") impl->setReceivedHttpStatus(toStatus(value));
-        impl->addReceivedHttpHeader(name, value);
+    const HeadersFrame::HeaderList& list = headersFrame->getHeaderList();
+    for (const hpack::HeaderFieldRepresentation& header : list) {
+        std::cout << header.constField().Name() << "    " << header.constField().Value() << '\n';
+    }
+    for (const hpack::HeaderField* field : lastOfEachName(list)) {
+        if (field->Name() == ":status") impl->setReceivedHttpStatus(toStatus(field->Value()));
+        impl->addReceivedHttpHeader(field->Name(), field->Value());
     }
     if (!headersFrame->hasEndHeadersFlag()) return;
 

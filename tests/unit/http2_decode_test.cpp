@@ -56,6 +56,28 @@ TEST_F(Http2Decode, ReportsHeadersInAscendingOrder) {
     EXPECT_EQ(registered(), Streams{1});
 }
 
+// References share an entry's texts; literals of the same name bring texts of their own.
+TEST_F(Http2Decode, KeepsTheLastValueOfANameHoweverItCame) {
+    RecordingClient* client = request(HTTP_GET, "/u");
+    const std::string block = hpackLiteral("a", "1", Literal::kIncremental) +  // becomes 62, 63, 64
+                              hpackLiteral("a", "2", Literal::kIncremental) +
+                              hpackLiteral(62, "3", Literal::kIncremental) +  // the name of "a: 2"
+                              hpackIndexed(62) + hpackIndexed(64) + hpackLiteral(8, "301") +
+                              hex("88") + hpackLiteral(":status", "404") + hpackLiteral(9, "500") +
+                              hex("89") + hpackLiteral("a", "4") + hpackIndexed(63) +
+                              hpackIndexed(64) + hpackIndexed(62);
+    const std::string console = consoleOf(headers(1, block));
+    EXPECT_EQ(console.substr(console.find("a    1")),
+              "a    1\na    2\na    3\na    3\na    1\n"
+              ":status    301\n:status    200\n:status    404\n:status    500\n:status    204\n"
+              "a    4\na    2\na    1\na    3\n");
+    EXPECT_EQ(client->callbacks(), Calls{Callback::headers(204, {{":status", "204"}, {"a", "3"}})});
+    // Behind a reference to an older entry of the same name, in a call of its own.
+    decode(headers(1, hpackLiteral("a", "5", Literal::kIncremental) + hpackLiteral("a", "6") +
+                          hpackLiteral(8, "101") + hpackIndexed(62)));
+    EXPECT_EQ(client->callbacks().back(), Callback::headers(101, {{":status", "101"}, {"a", "5"}}));
+}
+
 TEST_F(Http2Decode, ConvertsTheStatusLikeAtoi) {
     const std::pair<const char*, int> cases[] = {{"204", 204},
                                                  {"", 0},
