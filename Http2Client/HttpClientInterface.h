@@ -108,7 +108,10 @@ public:
     int startRequest(const char* errMsg);
 
     // Ends the running request, if there is one: the server is sent a RST_STREAM and no further
-    // callback is made. Returns 0: done; 4: not connected; 2: no request state.
+    // callback is made. A RST_STREAM is queued when none is running, too, for the last request's
+    // stream, or stream 0 before the first one. A server that does not know the stream answers by
+    // ending the connection (RFC 9113, 6.4), so cancel only what runs, or connect again.
+    // Returns 0: done; 4: not connected; 2: no request state.
     int cancelRequest();
 
     // Sends the request and waits for the whole response; the callbacks are made as well. The
