@@ -480,11 +480,7 @@ void Http2::processHeaderFrame(Frame* frame) {
     }
     if (!headersFrame->hasEndHeadersFlag()) return;
 
-    std::vector<HttpClientInterface::HeaderDef> headers;
-    headers.reserve(impl->receivedHttpHeaders().size());
-    for (const auto& [name, value] : impl->receivedHttpHeaders()) {
-        headers.push_back({name.c_str(), value.c_str()});
-    }
+    const std::vector<HttpClientInterface::HeaderDef>& headers = impl->receivedHeaderDefs();
     HTTP2CLIENT_LOG_INFO("uri: " << impl->uri() << " status:" << impl->receivedHttpStatus());
     impl->client()->onHeaderReceived(impl->receivedHttpStatus(), headers.data(), headers.size());
 }

@@ -134,11 +134,11 @@ int HttpClientInterface::cancelRequest() {
     if (m_impl == nullptr) return kCannotStart;
     if (!isConnected(m_impl)) return ERR_SOCKET_CLOSED;
     HttpContext* context = HttpContext::instance();
-    const int result = context->removeHttpClientImpl(m_impl);
+    context->forgetHttpClientImpl(m_impl);  // on a former connection too: no callback follows
     m_impl->removeClientStatus(CLI_STATUS_REQUESTING);
     HttpContext::RequestGuard guard(context);
     m_impl->resetToRequest();
-    return result;
+    return ERR_OK;
 }
 
 int HttpClientInterface::blockedRequest(int& status, std::map<std::string, std::string>& headerMap,
@@ -150,7 +150,7 @@ int HttpClientInterface::blockedRequest(int& status, std::map<std::string, std::
     int contentStatus = waitForContent(m_impl, timeout);
 
     HttpContext* context = HttpContext::instance();
-    context->removeHttpClientImpl(m_impl);
+    context->forgetHttpClientImpl(m_impl);
     HttpContext::RequestGuard guard(context);
     // The end is marked before the last chunk is cached: it may have become an overflow since.
     if (contentStatus == RECV_STATUS_END) contentStatus = m_impl->receivedHttpContentStatus();

@@ -1,5 +1,6 @@
 #include "HttpClientInterfaceImpl.h"
 
+#include <algorithm>
 #include <atomic>
 #include <utility>
 
@@ -132,7 +133,61 @@ bool HttpClientInterfaceImpl::hasPendingContent() {
 
 void HttpClientInterfaceImpl::addReceivedHttpHeader(const std::string& headerName,
                                                     const std::string& headerValue) {
-    m_receivedHeaderMap[headerName] = headerValue;
+    const auto [entry, isNew] = m_receivedHeaderMap.try_emplace(headerName);
+    entry->second = headerValue;
+    if (isNew) {
+        m_unrecordedHeaders.push_back(&*entry);
+        return;
+    }
+    const size_t position = headerPosition(headerName);
+    if (position < m_recordedHeaders.size() && m_recordedHeaders[position] == &*entry) {
+        m_headerDefs[position].m_headerValue = entry->second.c_str();  // the text may have moved
+    }
+}
+
+// Where a header of this name is among the recorded ones, or would be.
+size_t HttpClientInterfaceImpl::headerPosition(const std::string& headerName) const {
+    const auto found = std::lower_bound(
+        m_recordedHeaders.begin(), m_recordedHeaders.end(), headerName,
+        [](const ReceivedHeader* header, const std::string& name) { return header->first < name; });
+    return static_cast<size_t>(found - m_recordedHeaders.begin());
+}
+
+// New headers are put in from the last to the first, so that each record moves once at most.
+const std::vector<HttpClientInterface::HeaderDef>& HttpClientInterfaceImpl::receivedHeaderDefs() {
+    std::sort(m_unrecordedHeaders.begin(), m_unrecordedHeaders.end(),
+              [](const ReceivedHeader* a, const ReceivedHeader* b) { return a->first < b->first; });
+    std::vector<size_t> positions;
+    positions.reserve(m_unrecordedHeaders.size());
+    for (const ReceivedHeader* header : m_unrecordedHeaders) {
+        positions.push_back(headerPosition(header->first));
+    }
+    size_t end = m_recordedHeaders.size();  // of what has not moved yet
+    m_recordedHeaders.resize(end + m_unrecordedHeaders.size());
+    m_headerDefs.resize(m_recordedHeaders.size());
+    for (size_t left = m_unrecordedHeaders.size(); left > 0; --left) {
+        const auto position = static_cast<ptrdiff_t>(positions[left - 1]);
+        const auto oldEnd = static_cast<ptrdiff_t>(end);
+        const auto newEnd = static_cast<ptrdiff_t>(end + left);
+        std::move_backward(m_recordedHeaders.begin() + position, m_recordedHeaders.begin() + oldEnd,
+                           m_recordedHeaders.begin() + newEnd);
+        std::move_backward(m_headerDefs.begin() + position, m_headerDefs.begin() + oldEnd,
+                           m_headerDefs.begin() + newEnd);
+        const ReceivedHeader* header = m_unrecordedHeaders[left - 1];
+        const size_t at = positions[left - 1] + left - 1;
+        m_recordedHeaders[at] = header;
+        m_headerDefs[at] = {header->first.c_str(), header->second.c_str()};
+        end = positions[left - 1];
+    }
+    m_unrecordedHeaders.clear();
+    return m_headerDefs;
+}
+
+void HttpClientInterfaceImpl::forgetReceivedHeaders() {
+    m_receivedHeaderMap.clear();
+    m_recordedHeaders.clear();
+    m_headerDefs.clear();
+    m_unrecordedHeaders.clear();
 }
 
 int HttpClientInterfaceImpl::receivedHttpContentStatus() const {
@@ -172,7 +227,7 @@ void HttpClientInterfaceImpl::resetToRequest() {
     removeClientStatus(CLI_STATUS_REQUESTING);
     m_saveContent = false;
     m_receivedStatus = 0;
-    m_receivedHeaderMap.clear();
+    forgetReceivedHeaders();
     storeContentStatus(RECV_STATUS_UNDEFINED);
     m_recvContentStr.clear();
 }

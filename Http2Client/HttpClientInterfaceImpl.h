@@ -8,11 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "HttpClientInterface.h"
 #include "error.h"
 
 namespace tiny {
-
-class HttpClientInterface;
 
 // Bits of a client's status.
 enum HTTP_CLIENT_STATUS {
@@ -130,6 +129,10 @@ public:
     const std::map<std::string, std::string>& receivedHttpHeaders() const {
         return m_receivedHeaderMap;
     }
+    // The same as records, in the same order; their texts are the map's own. Valid until the
+    // response changes. The records are kept, so that a server that sends its headers one by one
+    // does not make each of them cost a walk over all.
+    const std::vector<HttpClientInterface::HeaderDef>& receivedHeaderDefs();
     // A repeated name replaces the earlier value.
     void addReceivedHttpHeader(const std::string& headerName, const std::string& headerValue);
     void setReceivedHttpStatus(int status) { m_receivedStatus = status; }
@@ -158,7 +161,11 @@ public:
     void clear();
 
 private:
+    using ReceivedHeader = std::map<std::string, std::string>::value_type;
+
     void storeContentStatus(RECV_STATUS status);
+    size_t headerPosition(const std::string& headerName) const;
+    void forgetReceivedHeaders();
 
     std::string m_errMsg;
     HttpClientInterface* m_httpClient;  // the owner of this object
@@ -178,6 +185,11 @@ private:
     void* m_opaque = nullptr;
     int32_t m_receivedStatus = 0;
     std::map<std::string, std::string> m_receivedHeaderMap;
+    // Entries of the map: those that have records, in their order, with the records; and those that
+    // have none yet.
+    std::vector<const ReceivedHeader*> m_recordedHeaders;
+    std::vector<HttpClientInterface::HeaderDef> m_headerDefs;
+    std::vector<const ReceivedHeader*> m_unrecordedHeaders;
     bool m_saveContent = false;
     int32_t m_recvContentStatus = RECV_STATUS_UNDEFINED;  // accessed atomically
     std::string m_recvContentStr;

@@ -524,6 +524,18 @@ TEST_F(ClientInterface, DestructionWithdrawsTheRequestFromAFormerConnection) {
     EXPECT_EQ(latter.m_rstFrameMap.count(1), 1u);
 }
 
+TEST_F(ClientInterface, CancellingWithdrawsTheRequestFromAFormerConnection) {
+    CarelessClient client;
+    connect(client);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    Http2& former = engine(client);
+    connect(client);
+    EXPECT_EQ(client.cancelRequest(), 0);
+    EXPECT_TRUE(former.m_httpClientMap.empty());
+    EXPECT_TRUE(former.m_rstFrameMap.empty());
+    EXPECT_EQ(engine(client).m_rstFrameMap.count(1), 1u);
+}
+
 // ---- blocked requests
 
 // One on a thread of its own.

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <random>
 #include <string>
 
 #include "Http2Client/HttpClientInterfaceImpl.h"
@@ -333,6 +334,30 @@ TEST_F(ImplTest, ClearKeepsTheConnectionOnly) {
     m_impl.resetClientStatus(CLI_STATUS_URI);
     m_impl.clear();
     EXPECT_EQ(m_impl.clientStatus(), 0);
+}
+
+// However headers come in, the records are the map's entries, in its order, with its own texts.
+TEST(ReceivedHeaderDefs, FollowTheMap) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 50; ++round) {
+        tiny::HttpClientInterfaceImpl impl(nullptr);
+        for (int report = 0; report < 20; ++report) {
+            for (uint32_t i = random() % 8; i > 0; --i) {
+                std::string name = std::to_string(random() % 40);
+                if (random() % 8 == 0) name += std::string("\0x", 2);
+                impl.addReceivedHttpHeader(name, std::string(random() % 60, 'v'));
+            }
+            if (random() % 10 == 0) impl.resetToRequest();
+            const auto& defs = impl.receivedHeaderDefs();
+            ASSERT_EQ(defs.size(), impl.receivedHttpHeaders().size());
+            size_t at = 0;
+            for (const auto& [name, value] : impl.receivedHttpHeaders()) {
+                ASSERT_EQ(defs[at].m_headerName, name.c_str());
+                ASSERT_EQ(defs[at].m_headerValue, value.c_str());
+                ++at;
+            }
+        }
+    }
 }
 
 }  // namespace
