@@ -29,9 +29,19 @@ constexpr size_t kIdleCalls = 1000;
 constexpr size_t kBlock = size_t{8} << 20;
 constexpr size_t kFlood = 1'000'000;
 
-class NullBuffer : public std::streambuf {
+// Takes the place of standard output's buffer for as long as it lives, and drops what is written.
+class SilentCout : public std::streambuf {
+public:
+    SilentCout() : m_former(std::cout.rdbuf(this)) {}
+    ~SilentCout() override { std::cout.rdbuf(m_former); }
+    SilentCout(const SilentCout&) = delete;
+    SilentCout& operator=(const SilentCout&) = delete;
+
+private:
     int_type overflow(int_type c) override { return traits_type::not_eof(c); }
     std::streamsize xsputn(const char*, std::streamsize size) override { return size; }
+
+    std::streambuf* m_former;
 };
 
 std::string repeated(const std::string& text, size_t count) {
@@ -256,10 +266,7 @@ std::vector<Case> allCases() {
     return all;
 }
 
-void silenceConsole() {
-    static NullBuffer silence;
-    std::cout.rdbuf(&silence);
-}
+void silenceConsole() { static const SilentCout silence; }
 
 }  // namespace growth
 

@@ -56,7 +56,10 @@ private:
 // Keeps the library's console lines off the fuzzer's output: one of these stands in each harness.
 class QuietCout {
 public:
-    QuietCout() { std::cout.rdbuf(&m_sink); }
+    QuietCout() : m_former(std::cout.rdbuf(&m_sink)) {}
+    ~QuietCout() { std::cout.rdbuf(m_former); }  // cout is flushed once more, after this
+    QuietCout(const QuietCout&) = delete;
+    QuietCout& operator=(const QuietCout&) = delete;
 
 private:
     class Sink : public std::streambuf {
@@ -64,6 +67,7 @@ private:
         std::streamsize xsputn(const char*, std::streamsize size) override { return size; }
     };
     Sink m_sink;
+    std::streambuf* m_former;
 };
 
 inline std::string textOf(const Buffer& buffer) { return std::string(buffer.buffer, buffer.len); }
