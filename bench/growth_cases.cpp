@@ -176,6 +176,14 @@ std::vector<Case> frames() {
         flood("continuations", continuation(1, "", 0)),
         flood("small_headers", headers(1, hex("82"), 0)),
         flood("small_headers_by_10", headers(1, hex("82"), 0), 10),
+        // Each call of the client is given the headers of all frames so far, in order.
+        {"header_a_frame", 40'000, Growth::kLinear,
+         [](Work& work, size_t n) {
+             work.addRequests(1);
+             for (size_t i = 0; i < n; ++i) {
+                 work.bytes += headers(1, hpackLiteral(distinctName(n - i), "v"));
+             }
+         }},
         // Tables filled anew by each read.
         {"filled_tables", 40'000, Growth::kLinear,
          [](Work& work, size_t n) {
