@@ -1,0 +1,118 @@
+// Leaves a download when enough of it has come, and makes another request on the same connection.
+//
+// Usage: cancel IP PORT PATH BYTES NEXT_PATH
+
+#include <Http2Client/HttpClientInterface.h>
+#include <Http2Client/error.h>
+#include <Http2Client/httpClientApi.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+
+namespace {
+
+class Client : public tiny::HttpClientInterface {
+public:
+    enum End { RUNNING, COMPLETE, LOST };
+
+    ~Client() override { cancelRequest(); }
+
+    // Starts a request of which `enough` bytes are wanted.
+    bool start(const char* path, size_t enough) {
+        setUri(path, HTTP_GET);
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_enough = enough;
+            m_bytes = 0;
+            m_end = RUNNING;
+        }
+        return startRequest(nullptr) == 0;
+    }
+
+    // Waits until enough has come or the request has ended, and tells how it stands.
+    End wait(std::chrono::seconds limit) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait_for(lock, limit, [this] { return m_end != RUNNING || m_bytes >= m_enough; });
+        return m_end;
+    }
+
+    size_t bytes() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_bytes;
+    }
+
+    void onHeaderReceived(int, const HeaderDef*, size_t) override {}
+    // Must not call cancelRequest, which would wait for this very callback: wakes who may.
+    void onContentReceived(const char*, size_t len, bool more) override {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_bytes += len;
+        if (!more) m_end = COMPLETE;
+        m_changed.notify_all();
+    }
+    void onFailed(HTTP_ERROR) override { lose(); }
+    void onSocketClosed() override { lose(); }
+
+private:
+    void lose() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_end = LOST;
+        m_changed.notify_all();
+    }
+
+    std::mutex m_mutex;  // guards what follows
+    std::condition_variable m_changed;
+    size_t m_enough = 0;
+    size_t m_bytes = 0;
+    End m_end = RUNNING;
+};
+
+int run(char** arguments) {
+    Client client;
+    const auto port = static_cast<uint16_t>(std::atoi(arguments[2]));
+    if (client.connectToServer(HTTP_2, arguments[1], port) != 0) {
+        std::cerr << "cannot connect\n";
+        return 1;
+    }
+    client.addHeader("host", arguments[1], false);
+
+    const size_t enough = std::strtoul(arguments[4], nullptr, 10);
+    if (!client.start(arguments[3], enough)) return 1;
+    const Client::End end = client.wait(std::chrono::seconds(30));
+    if (end == Client::LOST) {
+        std::cerr << "connection lost\n";
+        return 1;
+    }
+    if (end == Client::RUNNING) {
+        // Once this has returned, no callback follows. The server is told to stop.
+        client.cancelRequest();
+        std::cerr << "cancelled after " << client.bytes() << " bytes\n";
+    } else {
+        std::cerr << "complete with " << client.bytes() << " bytes\n";
+    }
+
+    if (!client.start(arguments[5], static_cast<size_t>(-1))) return 1;
+    if (client.wait(std::chrono::seconds(30)) != Client::COMPLETE) {
+        std::cerr << "the second request did not end\n";
+        return 1;
+    }
+    std::cerr << "then " << client.bytes() << " bytes\n";
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 6) {
+        std::cerr << "usage: cancel IP PORT PATH BYTES NEXT_PATH\n";
+        return 2;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    initHttp2Client(10);
+    const int code = run(argv);
+    destroyHttp2Client();
+    return code;
+}

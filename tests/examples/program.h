@@ -1,0 +1,23 @@
+#ifndef HTTP2CLIENT_TESTS_EXAMPLES_PROGRAM_H
+#define HTTP2CLIENT_TESTS_EXAMPLES_PROGRAM_H
+
+#include <string>
+#include <vector>
+
+namespace h2test {
+
+// What an example that has ended leaves behind.
+struct Ended {
+    int code = -1;       // its exit code; 1000 and more: a signal's number; -1: it had to be killed
+    std::string output;  // standard output
+    std::string errors;  // standard error
+};
+
+// Runs the example `name` to its end.
+Ended runExample(const std::string& name, const std::vector<std::string>& arguments);
+
+std::string fileContent(const std::string& path);
+
+}  // namespace h2test
+
+#endif  // HTTP2CLIENT_TESTS_EXAMPLES_PROGRAM_H
