@@ -79,10 +79,6 @@ void Buffer::Resize(unsigned int buff_len) {
 
 void Buffer::Clear() { Resize(0); }
 
-const char* Buffer::Address(unsigned int idx) const { return idx >= len ? nullptr : buffer + idx; }
-
-char Buffer::Get(unsigned int idx) const { return idx >= len ? '\0' : buffer[idx]; }
-
 void Buffer::Set(char ch, unsigned int idx) { SetValue(static_cast<unsigned char>(ch), 1, idx); }
 
 uint64_t Buffer::GetValue(unsigned int bytes, unsigned int idx) const {

@@ -37,9 +37,9 @@ public:
 
     unsigned int Length() const { return len; }
     // Null when `idx` is not below the length. Valid until the buffer changes.
-    const char* Address(unsigned int idx) const;
+    const char* Address(unsigned int idx) const { return idx >= len ? nullptr : buffer + idx; }
     // 0 when `idx` is not below the length.
-    char Get(unsigned int idx) const;
+    char Get(unsigned int idx) const { return idx >= len ? '\0' : buffer[idx]; }
     void Set(char ch, unsigned int idx);
 
     // Reads `bytes` bytes, most significant first; 0 when `bytes` is above 8. Each byte is widened

@@ -715,8 +715,10 @@ bool FrameCtx::takePendingPayload(Input& input) {
 
 // The decoder's result is of no interest here: the engine judges what the frame holds.
 void FrameCtx::queuePendingFrame(const char* payload, Input& input) {
-    if (!input.ownTable) input.ownTable.emplace(*input.table);
-    m_frame->decodeFramePayload(payload, static_cast<int>(m_baseFrame->m_length), *input.ownTable);
+    const bool hasBlock = m_frame->getType() == Frame::TYPE_HEADERS_FRAME;
+    if (hasBlock && !input.ownTable) input.ownTable.emplace(*input.table);
+    m_frame->decodeFramePayload(payload, static_cast<int>(m_baseFrame->m_length),
+                                hasBlock ? *input.ownTable : m_noTable);
     m_decodedFrameList.emplace_back(m_frame);
     m_frame = nullptr;
     m_baseFrame.reset();

@@ -204,6 +204,8 @@ public:
     const Buffer& getAdditionalDebugData() const { return m_additionalDebugData; }
 
 private:
+    // A bit of its own beside the header's, of the same name.
+    // cppcheck-suppress duplInheritedMember
     bool m_reserved = false;
     uint32_t m_lastStreamId = 0;
     uint32_t m_errorCode = 0;
@@ -228,6 +230,8 @@ public:
     uint32_t getWindowSizeIncrement() const { return m_windowSizeIncrement; }
 
 private:
+    // A bit of its own beside the header's, of the same name.
+    // cppcheck-suppress duplInheritedMember
     bool m_reserved = false;
     uint32_t m_windowSizeIncrement = 0;
 };
@@ -379,6 +383,8 @@ private:
     uint8_t m_padLength = 0;
     uint32_t m_promisedStreamId = 0;
     Buffer m_headerBlockFragment;
+    // A bit of its own beside the header's, of the same name.
+    // cppcheck-suppress duplInheritedMember
     bool m_reserved = false;
 };
 
@@ -450,7 +456,7 @@ private:
         const char* data;
         size_t length;
         const hpack::Table* table;
-        std::optional<hpack::Table> ownTable;  // made for the first frame that is decoded
+        std::optional<hpack::Table> ownTable;  // made for the first header block
     };
 
     CONTEXT_STATE queueState() const { return hasFrame() ? CTX_DONE : CTX_MORE_DATA; }
@@ -462,6 +468,7 @@ private:
     // m_baseFrame and m_frame are both set, while a payload is awaited, or both empty.
     std::shared_ptr<BaseFrame> m_baseFrame;
     Frame* m_frame = nullptr;  // owned until it is queued
+    hpack::Table m_noTable;    // for the decoders that look at none; always empty
     // Bytes not yet consumed: begins at a frame boundary, or, while a payload is awaited, with it.
     std::string m_stackedData;
     std::list<std::shared_ptr<Frame>> m_decodedFrameList;  // oldest first

@@ -1,5 +1,6 @@
 #include "hpack.h"
 
+#include <algorithm>
 #include <iostream>
 #include <string_view>
 #include <unordered_map>
@@ -11,8 +12,10 @@ namespace {
 
 using hpack::HeaderField;
 using hpack::HeaderFieldRepresentation;
+using hpack::SharedText;
 
 constexpr uint32_t kFirstDynamicIndex = 62;
+constexpr unsigned int kUsualFields = 16;  // of one header block
 
 // RFC 7541, Appendix A. Entry 0 is never referenced. Entry 58 is "user-agent" there; here it is
 // spelt as below, so a request's user-agent goes out with its name in full, and a server's index
@@ -216,24 +219,24 @@ void EncodeString(Buffer& encoded_buffer, const std::string& text, bool use_huff
 // Reads the string literal at `offset` into `text` and its H bit into `use_huffman`, and moves
 // `offset` behind it. Returns false when the string runs past the block or is Huffman-coded and
 // does not decode.
-bool DecodeString(const Buffer& buff, uint32_t& offset, std::string& text, bool& use_huffman,
-                  Buffer& scratch) {
+bool DecodeString(const Buffer& buff, uint32_t& offset, SharedText& text, bool& use_huffman) {
     use_huffman = (static_cast<uint8_t>(buff.Get(offset)) & kHuffmanString.pattern) != 0;
     const uint32_t length = DecodeInteger(buff, offset, kHuffmanString.prefix_length);
     if (length == 0) {
-        text.clear();
+        text = SharedText();
         return true;
     }
     if (offset >= buff.Length() || length > buff.Length() - offset) return false;
     const char* start = buff.Address(offset);
     offset += length;
     if (!use_huffman) {
-        text.assign(start, length);
+        text = SharedText(std::string_view(start, length));
         return true;
     }
+    Buffer decoded;
     hpack::Huffman::GetInstance();
-    if (!hpack::Huffman::Decode(scratch, Buffer(start, length))) return false;
-    text.assign(scratch.Length() == 0 ? "" : scratch.Address(0), scratch.Length());
+    if (!hpack::Huffman::Decode(decoded, Buffer(start, length))) return false;
+    text = SharedText(std::string_view(decoded.Address(0), decoded.Length()));
     return true;
 }
 
@@ -324,19 +327,24 @@ bool Table::Encode(Buffer& encoded_buffer,
 
 bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Buffer& buff,
                    bool /*update_table*/) {
-    Buffer scratch;
-    HeaderFieldRepresentation header;  // reused, so an indexed field keeps the last string's flags
-    std::string text;
+    header_list.reserve(header_list.size() + std::min(buff.Length(), kUsualFields));
+    // A field without a string of its own, be it a name or a value, has the last string's flag.
+    bool name_huffman = true;
+    bool value_huffman = true;
     uint32_t offset = 0;
     while (offset < buff.Length()) {
         const auto first = static_cast<uint8_t>(buff.Get(offset));
+        HeaderFieldRepresentation header;
+        HeaderField& field = header.Field();
         if ((first & kIndexed.pattern) != 0) {
             const uint32_t index = DecodeInteger(buff, offset, kIndexed.prefix_length);
             const HeaderField* entry = FieldAt(dynamic_table_, index);
             if (entry == nullptr) return false;
-            header.Field().ShareText(*entry);
+            field.ShareText(*entry);
+            field.SetNameUseHuffman(name_huffman);
+            field.SetValueUseHuffman(value_huffman);
             header.Type() = HeaderField::INDEXED_HEADER_FIELD;
-            header_list.push_back(header);
+            header_list.push_back(std::move(header));
             continue;
         }
         Representation form = kLiteralWithoutIndexing;
@@ -352,24 +360,24 @@ bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Bu
             header.Type() = HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED;
         }
 
+        SharedText text;
         const uint32_t name_index = DecodeInteger(buff, offset, form.prefix_length);
-        bool use_huffman = false;
         if (name_index == 0) {
-            if (!DecodeString(buff, offset, text, use_huffman, scratch)) return false;
-            header.Field().SetName(text);
-            header.Field().SetNameUseHuffman(use_huffman);
+            if (!DecodeString(buff, offset, text, name_huffman)) return false;
+            field.SetName(std::move(text));
         } else {
             const HeaderField* entry = FieldAt(dynamic_table_, name_index);
             if (entry == nullptr) return false;
-            header.Field().ShareName(*entry);
+            field.ShareName(*entry);
         }
-        if (!DecodeString(buff, offset, text, use_huffman, scratch)) return false;
-        header.Field().SetValue(text);
-        header.Field().SetValueUseHuffman(use_huffman);
-        header_list.push_back(header);
+        if (!DecodeString(buff, offset, text, value_huffman)) return false;
+        field.SetValue(std::move(text));
+        field.SetNameUseHuffman(name_huffman);
+        field.SetValueUseHuffman(value_huffman);
         if (header.Type() == HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING) {
-            AppendToTable(dynamic_table_, dynamic_table_size_max_, header.constField());
+            AppendToTable(dynamic_table_, dynamic_table_size_max_, field);
         }
+        header_list.push_back(std::move(header));
     }
     return true;
 }

@@ -5,6 +5,8 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "buffer.h"
@@ -16,7 +18,7 @@ namespace hpack {
 class SharedText {
 public:
     SharedText() = default;
-    explicit SharedText(const std::string& text) {
+    explicit SharedText(std::string_view text) {
         if (!text.empty()) m_text = std::make_shared<const std::string>(text);
     }
     const std::string& str() const { return m_text == nullptr ? emptyText() : *m_text; }
@@ -52,6 +54,8 @@ public:
     const std::string& Value() const { return m_value.str(); }
     void SetName(const std::string& name) { m_name = SharedText(name); }
     void SetValue(const std::string& value) { m_value = SharedText(value); }
+    void SetName(SharedText name) { m_name = std::move(name); }
+    void SetValue(SharedText value) { m_value = std::move(value); }
     // Takes over the other field's name, or name and value, without copying a byte of text.
     void ShareName(const HeaderField& other) { m_name = other.m_name; }
     void ShareText(const HeaderField& other) {
