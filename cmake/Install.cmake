@@ -19,3 +19,12 @@ file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/Http2Client.pc.in ${PROJECT_BINARY_DIR}/cmake/Http2Client.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/cmake/Http2Client.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+
+# As a part of another build, the names of targets are that build's.
+if(PROJECT_IS_TOP_LEVEL)
+    add_custom_target(uninstall
+        COMMAND ${CMAKE_COMMAND} -D BINARY_DIR=${PROJECT_BINARY_DIR}
+                -P ${PROJECT_SOURCE_DIR}/cmake/Uninstall.cmake
+        COMMENT "Removing what was installed"
+        VERBATIM)
+endif()
