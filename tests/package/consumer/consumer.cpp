@@ -8,10 +8,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <future>
+#include <string>
 #include <typeinfo>
 
 #include <Http2Client/HttpClientInterface.h>
 #include <Http2Client/httpClientApi.h>
+
+#include "peer.h"
 
 namespace {
 
@@ -19,14 +24,25 @@ class Application : public tiny::HttpClientInterface {
 public:
     ~Application() override { cancelRequest(); }
 
-    void onSocketClosed() override {}
-    void onFailed(HTTP_ERROR) override {}
-    void onHeaderReceived(int, const HeaderDef* headers, size_t count) override {
-        for (size_t i = 0; i < count; ++i) {
-            printf("%s: %s\n", headers[i].m_headerName, headers[i].m_headerValue);
-        }
+    void onSocketClosed() override { m_end.set_value("closed"); }
+    void onFailed(HTTP_ERROR) override { m_end.set_value("failed"); }
+    void onHeaderReceived(int status, const HeaderDef*, size_t) override {
+        m_answer = std::to_string(status) + " ";
     }
-    void onContentReceived(const char*, size_t, bool) override {}
+    void onContentReceived(const char* data, size_t len, bool more) override {
+        m_answer.append(data, len);
+        if (!more) m_end.set_value(m_answer);
+    }
+
+    std::string waitForEnd() {
+        std::future<std::string> end = m_end.get_future();
+        if (end.wait_for(std::chrono::seconds(30)) != std::future_status::ready) return "no answer";
+        return end.get();
+    }
+
+private:
+    std::string m_answer;  // background thread only, until m_end is set
+    std::promise<std::string> m_end;
 };
 
 int g_failures = 0;
@@ -53,26 +69,40 @@ uint16_t closedPort(int fd) {
     return ntohs(address.sin_port);
 }
 
+void refused() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const uint16_t port = closedPort(fd);
+    Application application;
+    tiny::HttpClientInterface* base = &application;
+    expect("typeid", 1, typeid(*base) == typeid(Application));
+    expect("dynamic_cast", 1, dynamic_cast<Application*>(base) == &application);
+    expect("startRequest before connecting", ERR_SOCKET_CLOSED, base->startRequest(nullptr));
+    expect("connectToServer, plain", 4, base->connectToServer(HTTP_2, "127.0.0.1", port));
+    expect("connectToServer, TLS", 4, base->connectToServer(HTTPS_2, "127.0.0.1", port));
+    expect("setUri", 4, base->setUri("/", HTTP_GET));
+    expect("addHeader", 1, base->addHeader("host", "localhost", false) == nullptr);
+    expect("cancelRequest", 4, base->cancelRequest());
+    close(fd);
+}
+
+void answered() {
+    Peer peer("hello");
+    Application application;
+    expect("connectToServer", 0, application.connectToServer(HTTP_2, "127.0.0.1", peer.port()));
+    expect("setUri", 0, application.setUri("/", HTTP_GET));
+    expect("addHeader", 1, application.addHeader("host", "localhost", false) == &application);
+    expect("startRequest", 0, application.startRequest(nullptr));
+    const std::string answer = application.waitForEnd();
+    printf("answer: %s\n", answer.c_str());
+    expect("the answer is the peer's", 1, answer == "200 hello");
+}
+
 }  // namespace
 
 int main() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    const uint16_t port = closedPort(fd);
-
     expect("initHttp2Client", 1, initHttp2Client(10));
-    {
-        Application application;
-        tiny::HttpClientInterface* base = &application;
-        expect("typeid", 1, typeid(*base) == typeid(Application));
-        expect("dynamic_cast", 1, dynamic_cast<Application*>(base) == &application);
-        expect("startRequest before connecting", ERR_SOCKET_CLOSED, base->startRequest(nullptr));
-        expect("connectToServer, plain", 4, base->connectToServer(HTTP_2, "127.0.0.1", port));
-        expect("connectToServer, TLS", 4, base->connectToServer(HTTPS_2, "127.0.0.1", port));
-        expect("setUri", 4, base->setUri("/", HTTP_GET));
-        expect("addHeader", 1, base->addHeader("host", "localhost", false) == nullptr);
-        expect("cancelRequest", 4, base->cancelRequest());
-    }
+    refused();
+    answered();
     expect("destroyHttp2Client", 1, destroyHttp2Client());
-    close(fd);
     return g_failures == 0 ? 0 : 1;
 }
