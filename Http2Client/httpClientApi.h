@@ -1,22 +1,27 @@
 #ifndef HTTP2CLIENT_HTTPCLIENTAPI_H
 #define HTTP2CLIENT_HTTPCLIENTAPI_H
 
+/// @file
+/// Starting and stopping the library.
+
 #include "PlatformDef.h"
 
-// Starts the library's one background thread, which does all socket input and output after a
-// connect and makes every callback.
-//
-// `pollTime` is how long, in milliseconds, the thread waits for a ready socket when there is
-// none. It is no latency: with a request under way the thread wakes every millisecond.
-// Returns 1 in every case. A call while the thread runs changes nothing, `pollTime` included.
-//
-// Call it before the first tiny::HttpClientInterface is used, and never at the same time as
-// destroyHttp2Client.
+/// Starts the library's one background thread, which does all socket input and output after a
+/// connect and makes every callback.
+///
+/// Call it before the first tiny::HttpClientInterface is used, and never at the same time as
+/// destroyHttp2Client. A call while the thread runs changes nothing, `pollTime` included.
+///
+/// `pollTime` is how long, in milliseconds, the thread waits for a ready socket when there is none.
+/// The first request of all, and one that follows a time without any connection, may be noticed
+/// that late. As long as a connection lives on which a request was started, the thread wakes every
+/// millisecond.
+/// @return 1 in every case.
 HTTP2CLIENT_API int initHttp2Client(unsigned int pollTime);
 
-// Stops the background thread and waits until it has ended. Connections and clients stay as they
-// are: a later initHttp2Client serves them again. Must not be called from a callback.
-// Returns 1 in every case, also when no thread runs.
+/// Stops the background thread and waits until it has ended. Connections and clients stay as they
+/// are: a later initHttp2Client serves them again. Must not be called from a callback.
+/// @return 1 in every case, also when no thread runs.
 HTTP2CLIENT_API int destroyHttp2Client();
 
 #endif  // HTTP2CLIENT_HTTPCLIENTAPI_H

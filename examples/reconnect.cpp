@@ -60,7 +60,7 @@ public:
         if (!more) finish(COMPLETE);
     }
     // After either of these two the connection is gone, and its descriptor may soon be another's.
-    // Connecting here, on the library's thread, would wait for itself for ever.
+    // Who waits connects again: a callback's thread has locks that connecting would wait for.
     void onFailed(HTTP_ERROR) override { finish(LOST); }
     void onSocketClosed() override { finish(LOST); }
 
