@@ -1,5 +1,5 @@
 # Run by CPack before it makes packages of the staged components: adds to each what Debian wants in
-# every package, and compresses the manual pages.
+# every package, and to the development files the examples; compresses the manual pages.
 set(gzip gzip --best --no-name)
 
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
@@ -16,3 +16,7 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     execute_process(COMMAND ${gzip} ${doc}/changelog.Debian ${doc}/changelog ${manual}
                     COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
+
+set(doc ${CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME})
+file(COPY ${CPACK_HTTP2CLIENT_EXAMPLES_DIR}
+     DESTINATION ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/Development/usr/share/doc/${doc})

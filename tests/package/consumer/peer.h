@@ -1,5 +1,5 @@
-#ifndef CONSUMER_PEER_H
-#define CONSUMER_PEER_H
+#ifndef HTTP2CLIENT_TESTS_PACKAGE_CONSUMER_PEER_H
+#define HTTP2CLIENT_TESTS_PACKAGE_CONSUMER_PEER_H
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -99,4 +99,4 @@ private:
     std::thread m_thread;
 };
 
-#endif  // CONSUMER_PEER_H
+#endif  // HTTP2CLIENT_TESTS_PACKAGE_CONSUMER_PEER_H
