@@ -85,6 +85,7 @@ void addReceiving() {
                 make<peer::Receive>(stream, peer::Delivery::kWholeFrames));
         add(name + "/own_console", make<own::Receive>(stream, own::Console::kDevNull));
         add(name + "/libnghttp2_pieces", make<peer::Receive>(stream, peer::Delivery::kPieces));
+        add(name + "/lines_alone", make<own::WriteLines>(stream));
     };
     all("receive_16k", dataStream(16384));
     all("receive_64", dataStream(64));

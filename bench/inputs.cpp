@@ -110,16 +110,16 @@ std::string indexedBlock(size_t count) {
     return block;
 }
 
-std::string openedStream() {
-    return settings({}) + headers(1, literalBlock(responseFields(kMixedFields)));
-}
+std::string openedStream() { return settings({}) + headers(1, literalBlock(mixedStreamFields())); }
 
 std::string dataStream(size_t frameSize) {
     return repeatedToSize(data(1, std::string(frameSize, 'd')));
 }
 
+Fields mixedStreamFields() { return responseFields(kMixedFields); }
+
 std::string mixedStream() {
-    return repeatedToSize(headers(1, literalBlock(responseFields(kMixedFields))) +
+    return repeatedToSize(headers(1, literalBlock(mixedStreamFields())) +
                           data(1, std::string(kMixedDataSize, 'd')));
 }
 

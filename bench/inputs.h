@@ -31,6 +31,7 @@ std::string openedStream();
 // HEADERS frame of 10 literal fields and a DATA frame of 1000 bytes.
 std::string dataStream(size_t frameSize);
 std::string mixedStream();
+Fields mixedStreamFields();  // of each HEADERS frame
 
 // How much one call gets: what the client reads from a socket at once.
 constexpr size_t kReadChunk = 8192;

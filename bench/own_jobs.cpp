@@ -3,10 +3,14 @@
 #include <ext/stdio_sync_filebuf.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
+#include <string_view>
 
 #include "Http2Client/HttpClientInterfaceImpl.h"
+#include "tests/support/bytes.h"
 
 namespace bench::own {
 
@@ -34,6 +38,24 @@ public:
 
 private:
     size_t m_count = 0;
+};
+
+// One line for the console, made in memory that is kept.
+class Line {
+public:
+    void add(std::string_view text) { m_text += text; }
+    void add(uint32_t number) {
+        char digits[10];
+        m_text.append(digits, std::to_chars(digits, std::end(digits), number).ptr);
+    }
+    void write() {
+        m_text += '\n';
+        std::cout.write(m_text.data(), static_cast<std::streamsize>(m_text.size()));
+        m_text.clear();
+    }
+
+private:
+    std::string m_text;
 };
 
 HeaderField::HEADER_FIELD_TYPE representation(const std::string& name) {
@@ -130,6 +152,40 @@ Receive::~Receive() {
 }
 
 void Receive::run() { feed(m_engine, m_stream); }
+
+WriteLines::WriteLines(const std::string& stream)
+    : m_size(stream.size()), m_console(std::make_unique<NullStreamBuffer>()) {
+    for (const h2test::WireFrame& frame : h2test::parseFrames(stream)) {
+        const bool isHeaders = frame.type == h2test::kHeaders;
+        m_frames.push_back({isHeaders ? "HEADERS" : "DATA", frame.streamId, frame.length,
+                            isHeaders ? mixedStreamFields() : Fields()});
+    }
+    m_formerConsole = std::cout.rdbuf(m_console.get());
+}
+
+WriteLines::~WriteLines() { std::cout.rdbuf(m_formerConsole); }
+
+void WriteLines::run() {
+    Line line;
+    for (const FrameLines& frame : m_frames) {
+        line.add(frame.type);
+        line.write();
+        std::cout.flush();
+        line.add("received a stream: id = ");
+        line.add(frame.stream);
+        line.add(" name = ");
+        line.add(frame.type);
+        line.add("    length = ");
+        line.add(frame.length);
+        line.write();
+        for (const auto& [name, value] : frame.fields) {
+            line.add(name);
+            line.add("    ");
+            line.add(value);
+            line.write();
+        }
+    }
+}
 
 ProduceGet::ProduceGet(const Fields& fields) : m_client(requestOf(fields, HTTP_GET)) {
     sendOpening(m_engine);

@@ -77,6 +77,29 @@ private:
     tiny::Http2 m_engine;  // ends before the client, which it tells so
 };
 
+// Makes the lines that Receive writes to the console and writes them there, each in one call, and
+// does nothing else: what receiving can hardly cost less than.
+class WriteLines : public Job {
+public:
+    explicit WriteLines(const std::string& stream);
+    ~WriteLines() override;
+    void run() override;
+    size_t bytes() const override { return m_size; }
+
+private:
+    struct FrameLines {
+        std::string type;
+        uint32_t stream;
+        uint32_t length;
+        Fields fields;  // of a HEADERS frame
+    };
+
+    size_t m_size;
+    std::vector<FrameLines> m_frames;
+    std::unique_ptr<std::streambuf> m_console;
+    std::streambuf* m_formerConsole;
+};
+
 // Registers a GET request, makes its bytes and ends its registration.
 class ProduceGet : public Job {
 public:

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Runs the codec benchmarks and prints their medians of processor time, ours beside the peer's.
+"""Runs the codec benchmarks.
 
-Usage: codec.py CODEC_BENCH [--quick] [--filter REGEX]
+Usage: codec.py CODEC_BENCH [--quick] [--filter REGEX]    prints the medians of processor time, ours
+                                                          beside the peers'
 """
 
 import argparse
@@ -10,6 +11,8 @@ import os
 import statistics
 import subprocess
 import tempfile
+
+import rows
 
 
 def run(program, quick=False, pattern="."):
@@ -32,28 +35,10 @@ def run(program, quick=False, pattern="."):
             for case, of_case in times.items()}
 
 
-def readable(nanoseconds):
-    for unit, size in (("ms", 1e6), ("us", 1e3), ("ns", 1)):
-        if nanoseconds >= size:
-            return f"{nanoseconds / size:.3g} {unit}"
-    return f"{nanoseconds:.3g} ns"
-
-
-def rows(results):
-    """Every variant of ours beside every one of a peer's: (case, ours, time, peer, time, ratio)."""
-    for case, times in results.items():
-        ours = [name for name in times if name.startswith("own")]
-        peers = [name for name in times if not name.startswith("own")]
-        for own in ours:
-            for peer in peers:
-                yield case, own, times[own], peer, times[peer], times[own] / times[peer]
-
-
 def print_table(results):
-    print(f"{'case':24} {'ours':12} {'time':>9}   {'peer':18} {'time':>9} {'ratio':>6}")
-    for case, own, own_time, peer, peer_time, ratio in rows(results):
-        print(f"{case:24} {own:12} {readable(own_time):>9}   {peer:18} {readable(peer_time):>9} "
-              f"{ratio:6.2f}")
+    for row in rows.codec(results):
+        what, own, peer, theirs, ratio = row.cells()
+        print(f"{what:58} {own:>8}  {peer:21} {theirs:>8} {ratio:>6}")
 
 
 def main():

@@ -1,0 +1,78 @@
+"""Holds the results against the goals."""
+
+from dataclasses import dataclass
+
+from rows import CODEC_TEXTS, rate_text, time_text
+
+BODY_BUFFER = 16384
+
+
+@dataclass
+class Goal:
+    text: str
+    met: bool
+    figure: str
+    reason: str = ""  # where it is not met: what stands against it
+
+
+NAGLE = (
+    "A stream that has ended is reset, and the RST_STREAM frame goes out alone, in the step that "
+    "brought the answer: each write event has one output. Nagle's algorithm stays on, so the "
+    "system holds the next request's HEADERS frame back until the server's system has acknowledged "
+    "those 13 bytes, and that one delays acknowledgements by up to 40 ms: 40 ms and 2 steps.")
+
+LINES = (
+    "Every frame writes two lines to standard output and every header field one, also when nobody "
+    "reads them. Making and writing them alone takes {lines}, which libnghttp2 has nothing to set "
+    "against: without them it would be {without:.2f} times.")
+
+
+def codec(results):
+    for case, times in results.items():
+        peer = "memcpy" if "memcpy" in times else "libnghttp2"
+        limit = 1.5 if peer == "memcpy" else 1.0
+        ratio = times["own"] / times[peer]
+        reason = ""
+        if "lines_alone" in times:
+            lines = times["lines_alone"]
+            reason = LINES.format(lines=time_text(lines * 1e-9),
+                                  without=(times["own"] - lines) / times[peer])
+        yield Goal(f"{CODEC_TEXTS[case]}: at most {limit} times {peer}'s time", ratio <= limit,
+                   f"{ratio:.2f} times", reason)
+
+
+def client(gets, paced, idle):
+    step = 1 / idle[("plain", 1)]["steps_per_second"]
+    yield Goal("A GET takes no more poll steps than the rules force: one to send it, one to take "
+               "the answer in", paced["steps_p50"] <= 2,
+               f"{paced['steps_p50']:.0f} steps after a pause, {time_text(paced['p50'])} at a step "
+               f"of {time_text(step)}; {gets[1]['own']['steps_p50']:.0f} steps and "
+               f"{time_text(gets[1]['own']['p50'])} right after another one", NAGLE)
+    for what, own in (("after a pause", paced), ("right after another one", gets[1]["own"])):
+        spread = own["p99"] - own["p50"]
+        yield Goal(f"p99 within one step of p50, {what}", spread <= step,
+                   f"{time_text(spread)} apart at a step of {time_text(step)}")
+    base = gets[1]["own"]["requests_per_second"]
+    shares = {count: sides["own"]["requests_per_second"] / base / count
+              for count, sides in gets.items()}
+    full = {count for count, sides in gets.items() if sides["own"]["busy"] > 0.9}
+    yield Goal("Requests per second grow with the connections until the cores are full",
+               all(share >= 0.8 or count in full for count, share in shares.items()),
+               ", ".join(f"{rate_text(sides['own']['requests_per_second'])} at {count} "
+                         f"({sides['own']['busy']:.0%} of the cores busy)"
+                         for count, sides in gets.items()))
+    ratio = gets[64]["own"]["cpu_per_request"] / gets[64]["h2load"]["cpu_per_request"]
+    yield Goal("Processor time a request at 64 connections: at most 2 times h2load's", ratio <= 2,
+               f"{ratio:.2f} times: {time_text(gets[64]['own']['cpu_per_request'])} and "
+               f"{time_text(gets[64]['h2load']['cpu_per_request'])}")
+    heap = idle[("plain", 512)]["heap_per_connection"]
+    yield Goal("An idle connection: under 40 KB beside its 16 KiB body buffer",
+               heap - BODY_BUFFER < 40_000, f"{(heap - BODY_BUFFER) / 1000:.1f} KB")
+
+
+def growth(cases):
+    worst, name = max((case["points"][-1][1] / case["points"][0][1], name)
+                      for name, case in cases.items() if case["growth"] == "constant")
+    yield Goal("No cost that grows with a connection's history", worst < 2,
+               f"8 times the finished streams: {worst:.2f} times the time a call, at most ({name}); "
+               "the test `Cost.GrowsNoFasterThanItsInput` holds the instruction counts")
