@@ -32,6 +32,8 @@ public:
     public:
         HuffmanGarbage();
         ~HuffmanGarbage();
+        HuffmanGarbage(const HuffmanGarbage&) = delete;
+        HuffmanGarbage& operator=(const HuffmanGarbage&) = delete;
         Huffman* m_instance;
     };
 
