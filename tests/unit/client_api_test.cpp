@@ -8,11 +8,11 @@
 #include <iostream>
 #include <thread>
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include "Http2Client/HttpContext.h"
+#include "tests/support/threads.h"
 #include "tests/support/wait.h"
 
 extern pthread_t g_http2Thread;
@@ -24,14 +24,6 @@ using tiny::HttpContext;
 
 constexpr int kMark = 900;  // a descriptor that nobody uses
 constexpr std::chrono::milliseconds kNotNow{100};
-
-size_t threadsOfThisProcess() {
-    size_t out = 0;
-    DIR* const folder = opendir("/proc/self/task");
-    while (const dirent* entry = readdir(folder)) out += entry->d_name[0] != '.' ? 1 : 0;
-    closedir(folder);
-    return out;
-}
 
 // A poll step takes the mark away.
 void setMark() {

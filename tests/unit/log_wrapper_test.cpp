@@ -2,7 +2,6 @@
 
 #include "CLogWrapper/CLogWrapper.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -20,6 +19,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "tests/support/threads.h"
 
 namespace {
 
@@ -88,16 +89,6 @@ std::vector<std::string> linesOf(const std::string& text) {
         at = end + 1;
     }
     return lines;
-}
-
-int threadCount() {
-    int count = 0;
-    DIR* tasks = opendir("/proc/self/task");
-    while (const dirent* entry = readdir(tasks)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
-    closedir(tasks);
-    return count;
 }
 
 TEST_F(LogWrapper, StartsAtLevelError) { EXPECT_EQ(kLevelAtStart, 40000); }
@@ -192,6 +183,7 @@ TEST_F(LogWrapper, WritesWholeLinesFromManyThreads) {
     const std::string filler(300, '.');
     StderrCapture capture;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([t, &filler] {
             for (int i = 0; i < kMessages; ++i) {
@@ -221,22 +213,23 @@ TEST_F(LogWrapper, WritesWholeLinesFromManyThreads) {
 
 TEST_F(LogWrapper, KeepsNoBackgroundThread) {
 #if defined(__SANITIZE_THREAD__)
-    constexpr int kExpected = 2;  // the sanitizer has one of its own
+    constexpr size_t kExpected = 2;  // the sanitizer has one of its own
 #elif defined(__has_feature)
 #if __has_feature(thread_sanitizer)
-    constexpr int kExpected = 2;
+    constexpr size_t kExpected = 2;
 #else
-    constexpr int kExpected = 1;
+    constexpr size_t kExpected = 1;
 #endif
 #else
-    constexpr int kExpected = 1;
+    constexpr size_t kExpected = 1;
 #endif
     // A thread that has been joined may be listed for a moment longer.
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (threadCount() != kExpected && std::chrono::steady_clock::now() < limit) {
+    while (h2test::threadsOfThisProcess() != kExpected &&
+           std::chrono::steady_clock::now() < limit) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    EXPECT_EQ(threadCount(), kExpected);
+    EXPECT_EQ(h2test::threadsOfThisProcess(), kExpected);
 }
 
 TEST_F(LogWrapper, LetsAForkedChildLogAndExit) {

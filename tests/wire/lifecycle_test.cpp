@@ -6,22 +6,13 @@
 #include <thread>
 #include <vector>
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/threads.h"
 #include "wire_support.h"
 
 namespace h2test {
 namespace {
-
-size_t threadsOfThisProcess() {
-    size_t out = 0;
-    DIR* const folder = opendir("/proc/self/task");
-    if (folder == nullptr) return 0;
-    while (const dirent* entry = readdir(folder)) out += entry->d_name[0] != '.' ? 1 : 0;
-    closedir(folder);
-    return out;
-}
 
 // An ended thread leaves the list a moment after it has been joined.
 bool waitThreads(size_t count) {
