@@ -84,7 +84,7 @@ int readBody(char* buffer, size_t length, void* opaque) {
 
 class Session {
 public:
-    explicit Session(h2fuzz::Input input) : m_input(input) {}
+    explicit Session(const h2fuzz::Input& input) : m_input(input) {}
 
     std::string play() {
         while (!m_input.empty() && !m_over) step();

@@ -74,7 +74,7 @@ TEST_P(CostOf, AllocatesInProportionToTheInput) {
     EXPECT_LE(many.peak, kHeldForAByte * many.input + kHeldAnyway);
 }
 
-INSTANTIATE_TEST_SUITE_P(, CostOf, testing::ValuesIn(growth::allCases()),
+INSTANTIATE_TEST_SUITE_P(Hostile, CostOf, testing::ValuesIn(growth::allCases()),
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

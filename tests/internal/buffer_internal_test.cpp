@@ -23,7 +23,7 @@ void* observedRealloc(void* block, size_t size) {
 }  // namespace
 
 #define realloc observedRealloc
-#include "Http2Client/buffer.cpp"
+#include "Http2Client/buffer.cpp"  // NOLINT(bugprone-suspicious-include): see the CMakeLists.txt
 #undef realloc
 
 namespace {

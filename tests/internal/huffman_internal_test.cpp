@@ -1,5 +1,5 @@
 // The code table and the decoding tree, which huffman.cpp keeps to itself.
-#include "Http2Client/huffman.cpp"
+#include "Http2Client/huffman.cpp"  // NOLINT(bugprone-suspicious-include): see the CMakeLists.txt
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -74,6 +74,7 @@ TEST(HuffmanTable, IsComplete) {
 
 TEST(HuffmanTable, IsCanonical) {
     std::vector<std::pair<int, int>> order;  // length, symbol
+    order.reserve(257);
     for (int i = 0; i < 257; ++i) order.emplace_back(huffman_codes[i].code_len, i);
     std::sort(order.begin(), order.end());
     uint32_t next = 0;
@@ -92,17 +93,15 @@ TEST(HuffmanTree, IsBuiltWholeAndCutOffFromTheRoot) {
     EXPECT_EQ(Huffman::m_huffmanRoot.left, nullptr);
     EXPECT_EQ(Huffman::m_huffmanRoot.right, nullptr);
     EXPECT_EQ(Huffman::m_huffmanRoot.value, -1);
+    Huffman::node root;
+    root.left = unlinked_left;
+    root.right = unlinked_right;
     for (int symbol = 0; symbol < 257; ++symbol) {
         const HuffmanCode& entry = huffman_codes[symbol];
-        const Huffman::node* current = nullptr;
+        const Huffman::node* current = &root;
         for (int bit = entry.code_len - 1; bit >= 0; --bit) {
-            const bool right = ((entry.code >> bit) & 1) != 0;
-            if (current == nullptr) {
-                current = right ? unlinked_right : unlinked_left;
-            } else {
-                ASSERT_EQ(current->value, -1);
-                current = right ? current->right : current->left;
-            }
+            ASSERT_EQ(current->value, -1);
+            current = ((entry.code >> bit) & 1) != 0 ? current->right : current->left;
             ASSERT_NE(current, nullptr);
         }
         EXPECT_EQ(current->value, symbol);

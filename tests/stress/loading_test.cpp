@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -48,14 +49,15 @@ class Loading : public testing::TestWithParam<bool> {
 protected:
     // A whole life of the library.
     void round() {
-        void* module = dlopen(LOADING_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+        std::unique_ptr<void, int (*)(void*)> module(dlopen(LOADING_PLUGIN, RTLD_NOW | RTLD_LOCAL),
+                                                     dlclose);
         ASSERT_NE(module, nullptr) << dlerror();
         ASSERT_GT(mappings("libHttp2Client"), 0U);
         const auto use =
-            reinterpret_cast<int (*)(int, unsigned short)>(dlsym(module, "useLibrary"));
+            reinterpret_cast<int (*)(int, unsigned short)>(dlsym(module.get(), "useLibrary"));
         ASSERT_NE(use, nullptr);
         ASSERT_EQ(use(GetParam() ? 1 : 0, m_server.port()), 200);
-        ASSERT_EQ(dlclose(module), 0);
+        ASSERT_EQ(dlclose(module.release()), 0);
     }
 
     // Answers a connection's first request and ends the connection at the second.

@@ -162,8 +162,8 @@ public:
     uint16_t port() const { return m_port; }
 
 private:
+    uint16_t m_port = 0;
     int m_socket;  // bound, never listening
-    uint16_t m_port;
 };
 
 }  // namespace h2test

@@ -90,7 +90,7 @@ TempDir::~TempDir() {
 }
 
 std::string TempDir::write(std::string_view name, std::string_view content) const {
-    const std::string path = m_path + "/" + std::string(name);
+    std::string path = m_path + "/" + std::string(name);
     std::ofstream file(path, std::ios::binary);
     file.write(content.data(), static_cast<std::streamsize>(content.size()));
     file.close();

@@ -69,6 +69,8 @@ protected:
         });
     }
     // The server's bytes, as the poll thread would bring them.
+    // The engine takes bytes that it could write to.
+    // cppcheck-suppress passedByValue
     int deliver(HttpClientInterface& client, std::string bytes) {
         SingleLock hold(&m_context->m_httpIolock);
         return engine(client).decodeFrame(bytes.data(), bytes.size());
