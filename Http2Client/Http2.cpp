@@ -1,10 +1,14 @@
 #include "Http2.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <iostream>
+#include <memory_resource>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "HttpClientInterface.h"
@@ -25,6 +29,8 @@ const std::string preface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n";
 // Lengths of names and values, and of the URI, that one HEADERS frame may carry.
 constexpr int32_t kHeaderBudget = 16283;
 
+constexpr size_t kUsualFields = 16;  // of a request
+
 constexpr int kNeedClose = -2;
 constexpr int kFetalError = -1;
 
@@ -44,8 +50,11 @@ int toStatus(const std::string& text) {
 // that share one name's text, the last. A block may refer to a long text once a byte; what it costs
 // to store is in proportion to the texts.
 std::vector<const hpack::HeaderField*> lastOfEachName(const HeadersFrame::HeaderList& list) {
+    std::array<std::byte, 2048> room;  // enough for most blocks
+    std::pmr::monotonic_buffer_resource memory(room.data(), room.size());
+    std::pmr::unordered_set<const std::string*> names(&memory);
     std::vector<const hpack::HeaderField*> fields;
-    std::unordered_set<const std::string*> names;
+    fields.reserve(std::min(list.size(), kUsualFields));
     for (auto header = list.rbegin(); header != list.rend(); ++header) {
         const hpack::HeaderField& field = header->constField();
         if (names.insert(&field.Name()).second) fields.push_back(&field);
@@ -224,10 +233,7 @@ std::string Http2::encodeKeepAlive(int& status) {
     return bytes;
 }
 
-void Http2::appendFrame(std::string& bytes, Frame& frame) {
-    const std::shared_ptr<Buffer> buffer = Frame::serializeFrame(&frame, &m_hpackTable, false);
-    bytes.append(buffer->Address(0), buffer->Length());
-}
+void Http2::appendFrame(std::string& bytes, Frame& frame) { frame.appendTo(bytes, &m_hpackTable); }
 
 void Http2::appendWindowUpdate(std::string& bytes, uint32_t streamId, uint32_t increment) {
     WindowUpdateFrame frame;
@@ -241,15 +247,13 @@ void Http2::appendWindowUpdate(std::string& bytes, uint32_t streamId, uint32_t i
 // 9113, 8.3.1 leaves that to a "host" header of the application's).
 bool Http2::createHeaderFrame(HttpClientInterfaceImpl* impl, HeadersFrame& frame) {
     HeadersFrame::HeaderList list;
-    hpack::HeaderFieldRepresentation entry;
-    entry.Field().SetNameUseHuffman(false);
-    entry.Field().SetValueUseHuffman(false);
-    const auto append = [&](const std::string& name, const std::string& value,
-                            hpack::HeaderField::HEADER_FIELD_TYPE type) {
-        entry.Field().SetName(name);
-        entry.Field().SetValue(value);
+    list.reserve(kUsualFields);
+    const auto append = [&list](const std::string& name, const std::string& value,
+                                hpack::HeaderField::HEADER_FIELD_TYPE type) {
+        hpack::HeaderFieldRepresentation entry;
+        entry.Field() = hpack::HeaderField(false, false, name, value);
         entry.Type() = type;
-        list.push_back(entry);
+        list.push_back(std::move(entry));
     };
 
     uint32_t total = 0;
@@ -268,25 +272,23 @@ bool Http2::createHeaderFrame(HttpClientInterfaceImpl* impl, HeadersFrame& frame
     }
 
     bool allTaken = false;
+    HttpClientInterfaceImpl::HttpHeader header("", "", false);
     while (true) {
         total += impl->nextHeaderLength();
         if (static_cast<int32_t>(total) > kHeaderBudget) break;
-        HttpClientInterfaceImpl::HttpHeader header("", "", false);
         if (!impl->takeHttpHeader(header)) {
             allTaken = true;
             break;
         }
-        const std::string name = header.name();
-        const std::string value = header.value();
-        if (name.empty() || value.empty()) continue;
-        append(name, value,
+        if (header.name().empty() || header.value().empty()) continue;
+        append(header.name(), header.value(),
                header.isValueChangable()
                    ? hpack::HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED
                    : hpack::HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING);
     }
     if (list.empty()) return false;
 
-    frame.setHeaderList(list, m_hpackTable);
+    frame.setHeaderList(std::move(list), m_hpackTable);
     frame.setStreamId(impl->streamId());
     if (allTaken) frame.setEndHeadersFlag();
     if (!impl->hasPendingContent()) frame.setEndStreamFlag();
@@ -301,8 +303,7 @@ bool Http2::createDataFrame(HttpClientInterfaceImpl* impl, DataFrame& frame) {
     } else if (impl->nextContentLength() != 0) {
         const char* chunk = nullptr;
         const size_t taken = impl->takeHttpContent(chunk, m_bufferLen);
-        Buffer data(chunk, static_cast<unsigned int>(taken));
-        frame.setData(data);
+        frame.setData(chunk, static_cast<unsigned int>(taken));
         if (impl->nextContentLength() == 0) {
             frame.setEndStreamFlag();
             impl->setContentFinished(true);
@@ -319,8 +320,7 @@ bool Http2::readContent(HttpClientInterfaceImpl* impl, DataFrame& frame) {
     const int count = impl->contentReader()(m_buffer, m_bufferLen, impl->contentOpaque());
     if (count <= 0) return false;
     const size_t filled = std::min(static_cast<size_t>(count), m_bufferLen);
-    Buffer data(m_buffer, static_cast<unsigned int>(filled));
-    frame.setData(data);
+    frame.setData(m_buffer, static_cast<unsigned int>(filled));
     if (filled < m_bufferLen) {
         frame.setEndStreamFlag();
         impl->setContentFinished(true);

@@ -48,8 +48,8 @@ public:
     public:
         // A null text counts as empty.
         HttpHeader(const char* name, const char* value, bool valueChangable);
-        std::string name() const { return m_name; }
-        std::string value() const { return m_value; }
+        const std::string& name() const { return m_name; }
+        const std::string& value() const { return m_value; }
         bool isValueChangable() const { return m_valueChangable; }
 
     private:

@@ -247,7 +247,14 @@ bool HttpContext::writeEventHandler(int fd) {
         return true;
     }
     int err = 0;
-    if (!io->bufferOverLimit()) io->buffer() += io->httpParser()->encodeFrame(err);
+    if (!io->bufferOverLimit()) {
+        std::string bytes = io->httpParser()->encodeFrame(err);
+        if (io->buffer().empty()) {
+            io->buffer().swap(bytes);
+        } else {
+            io->buffer() += bytes;
+        }
+    }
     if (err == kNeedClose) {
         HTTP2CLIENT_LOG_INFO("http link Error Need Close!");
         queueRemoval(fd);

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr uint32_t kMinCapacity = 8;
 constexpr uint32_t kMaxPowerCapacity = 0x80000000;
 constexpr unsigned int kMaxIntegerBytes = 8;
 constexpr int kDumpColumns = 8;
@@ -26,9 +25,9 @@ uint32_t TextLength(const char* str) {
     return static_cast<uint32_t>(n);
 }
 
-uint32_t CapacityFor(uint32_t min) {
+uint32_t CapacityFor(uint32_t min, uint32_t least) {
     if (min > kMaxPowerCapacity) return UINT32_MAX;
-    return std::bit_ceil(std::max(min, kMinCapacity));
+    return std::bit_ceil(std::max(min, least));
 }
 
 bool IsPrintable(char ch) {
@@ -71,13 +70,6 @@ void Buffer::Copy(const char* buff, unsigned int buff_len, unsigned int at) {
 }
 
 void Buffer::Copy(char ch, unsigned int at) { Set(ch, at); }
-
-void Buffer::Resize(unsigned int buff_len) {
-    UpdateBufferSize(buff_len);
-    len = buff_len;
-}
-
-void Buffer::Clear() { Resize(0); }
 
 void Buffer::Set(char ch, unsigned int idx) { SetValue(static_cast<unsigned char>(ch), 1, idx); }
 
@@ -155,7 +147,7 @@ void Buffer::PrintBuffer(const char* buff, int len) {
 
 void Buffer::UpdateBufferSize(unsigned int min) {
     const uint32_t old_max_len = max_len;
-    const uint32_t capacity = CapacityFor(min);
+    const uint32_t capacity = CapacityFor(min, kMinCapacity);
     if (capacity == old_max_len) return;
     Reallocate(capacity);
     if (max_len > old_max_len) std::memset(buffer + old_max_len, 0, max_len - old_max_len);
@@ -182,7 +174,7 @@ void Buffer::Assign(const char* src, uint32_t n, uint64_t at) {
     const bool own = src >= buffer && src < buffer + max_len;
     const size_t own_offset = own ? static_cast<size_t>(src - buffer) : 0;
     if (const uint32_t old_max_len = max_len; old_max_len < end) {
-        Reallocate(CapacityFor(static_cast<uint32_t>(end)));
+        Reallocate(CapacityFor(static_cast<uint32_t>(end), kMinCapacity));
         if (at > old_max_len) std::memset(buffer + old_max_len, 0, at - old_max_len);
         std::memset(buffer + end, 0, max_len - end);
     }

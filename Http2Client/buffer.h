@@ -32,8 +32,11 @@ public:
     void Copy(char ch, unsigned int at);
 
     // Sets length and capacity. New bytes are old contents of the memory, or zeros.
-    void Resize(unsigned int buff_len);
-    void Clear();
+    void Resize(unsigned int buff_len) {
+        if (buff_len > kMinCapacity || max_len != kMinCapacity) UpdateBufferSize(buff_len);
+        len = buff_len;
+    }
+    void Clear() { Resize(0); }
 
     unsigned int Length() const { return len; }
     // Null when `idx` is not below the length. Valid until the buffer changes.
@@ -74,6 +77,8 @@ public:
     void UpdateBufferSize(unsigned int min);
 
 private:
+    static constexpr uint32_t kMinCapacity = 8;
+
     void GrowTo(uint64_t min);  // grows, never shrinks; ends the process past 32 bits
     void Assign(const char* src, uint32_t n, uint64_t at);
     void Reallocate(uint32_t capacity);  // added memory is not set

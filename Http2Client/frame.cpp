@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <string_view>
 #include <utility>
 
 namespace tiny {
@@ -51,6 +52,13 @@ uint32_t assembleWord(const char* p, uint32_t topByteMask) {
     return ((signedByte(p) << 24) & topByteMask) | (signedByte(p + 1) << 16) |
            (signedByte(p + 2) << 8) | signedByte(p + 3);
 }
+
+// Writes the low `bytes` bytes of `value`, most significant first.
+void putInteger(char* p, uint64_t value, int bytes) {
+    for (int i = bytes; i > 0; --i) *p++ = static_cast<char>(value >> (8 * (i - 1)));
+}
+
+std::string_view bytesOf(const Buffer& buffer) { return {buffer.Address(0), buffer.Length()}; }
 
 // A 31-bit value and the flag that shares its word.
 uint32_t wordWithFlag(uint32_t value, bool flag) {
@@ -117,6 +125,22 @@ Buffer* Frame::encodeFrame(hpack::Table* table) {
     frame->SetValue(wordWithFlag(m_streamId, m_reserved), kWordLength, 5);
     frame->Append(*payload);
     return frame;
+}
+
+void Frame::appendTo(std::string& bytes, hpack::Table* table) {
+    const size_t start = bytes.size();
+    bytes.append(kFrameHeaderLength, '\0');
+    appendPayload(bytes, table);
+    char* header = &bytes[start];
+    putInteger(header, bytes.size() - start - kFrameHeaderLength, 3);
+    putInteger(header + 3, m_type, 1);
+    putInteger(header + 4, m_flags, 1);
+    putInteger(header + 5, wordWithFlag(m_streamId, m_reserved), kWordLength);
+}
+
+void Frame::appendPayload(std::string& bytes, hpack::Table* table) {
+    const std::unique_ptr<Buffer> payload(encodeFramePayload(table));
+    bytes.append(bytesOf(*payload));
 }
 
 std::shared_ptr<BaseFrame> Frame::decodeBaseFrame(const char* p) {
@@ -324,11 +348,20 @@ WindowUpdateFrame::WindowUpdateFrame(uint32_t windowSizeIncrement)
 
 void WindowUpdateFrame::updateLength() { m_length = kWordLength; }
 
+uint32_t WindowUpdateFrame::word() const {
+    return (m_windowSizeIncrement & kStreamIdMask) | (m_reserved ? kTopBit : 0);
+}
+
 Buffer* WindowUpdateFrame::encodeFramePayload(hpack::Table* /*table*/) {
     auto* payload = new Buffer(static_cast<unsigned int>(kWordLength));
-    const uint32_t word = (m_windowSizeIncrement & kStreamIdMask) | (m_reserved ? kTopBit : 0);
-    payload->SetValue(word, kWordLength, 0);
+    payload->SetValue(word(), kWordLength, 0);
     return payload;
+}
+
+void WindowUpdateFrame::appendPayload(std::string& bytes, hpack::Table* /*table*/) {
+    const size_t start = bytes.size();
+    bytes.append(kWordLength, '\0');
+    putInteger(&bytes[start], word(), kWordLength);
 }
 
 bool WindowUpdateFrame::decodeFramePayload(const char* data, int length, hpack::Table& /*table*/) {
@@ -480,8 +513,8 @@ bool HeadersFrame::decodeFramePayload(const char* data, int length, hpack::Table
     return true;
 }
 
-void HeadersFrame::setHeaderList(const HeaderList& list, hpack::Table& table) {
-    m_headerList = list;
+void HeadersFrame::setHeaderList(HeaderList list, hpack::Table& table) {
+    m_headerList = std::move(list);
     updateHeaderBlockFragment(table);
 }
 
@@ -613,8 +646,19 @@ bool DataFrame::decodeFramePayload(const char* data, int length, hpack::Table& /
     return true;
 }
 
+void DataFrame::appendPayload(std::string& bytes, hpack::Table* /*table*/) {
+    if (hasPadFlag()) bytes.push_back(static_cast<char>(m_padLength));
+    bytes.append(bytesOf(m_data));
+}
+
 void DataFrame::setData(Buffer& data) {
     m_data = data;
+    updateLength();
+}
+
+void DataFrame::setData(const char* data, unsigned int length) {
+    m_data.Clear();
+    m_data.Append(data, length);
     updateLength();
 }
 

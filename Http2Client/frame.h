@@ -109,6 +109,9 @@ public:
     // "UNKNOWN" for a type code above 9.
     std::string getFrameTypeName() const;
 
+    // Appends header and payload to `bytes`, as encodeFrame gives them.
+    void appendTo(std::string& bytes, hpack::Table* table);
+
     // Returns header and payload in a new Buffer, which the caller owns. The header's length is
     // that of the payload just encoded.
     Buffer* encodeFrame(hpack::Table* table);
@@ -122,6 +125,10 @@ public:
     static std::shared_ptr<Buffer> serializeFrame(Frame* frame, hpack::Table* table, bool print);
 
 protected:
+    // Appends what encodeFramePayload returns. Frames that are sent all the time do it without
+    // the buffer.
+    virtual void appendPayload(std::string& bytes, hpack::Table* table);
+
     uint32_t m_length = 0;
     FRAME_TYPE m_type = TYPE_SETTINGS_FRAME;
     uint8_t m_flags = 0;
@@ -229,7 +236,12 @@ public:
     }
     uint32_t getWindowSizeIncrement() const { return m_windowSizeIncrement; }
 
+protected:
+    void appendPayload(std::string& bytes, hpack::Table* table) override;
+
 private:
+    uint32_t word() const;  // the payload
+
     // A bit of its own beside the header's, of the same name.
     // cppcheck-suppress duplInheritedMember
     bool m_reserved = false;
@@ -301,7 +313,7 @@ public:
     uint32_t getStreamDependency() const { return m_streamDependency; }
     void setWeight(uint8_t weight) { m_weight = weight; }
     uint8_t getWeight() const { return m_weight; }
-    void setHeaderList(const HeaderList& list, hpack::Table& table);
+    void setHeaderList(HeaderList list, hpack::Table& table);
     const HeaderList& getHeaderList() const { return m_headerList; }
     // Replaces the block by the encoded header list.
     void updateHeaderBlockFragment(hpack::Table& table);
@@ -398,6 +410,7 @@ public:
     void updateLength() override;
 
     void setData(Buffer& data);
+    void setData(const char* data, unsigned int length);
     const Buffer& getData() const { return m_data; }
     void setPadLength(uint8_t padLength) { m_padLength = padLength; }
     uint8_t getPadLength() const { return m_padLength; }
@@ -407,6 +420,9 @@ public:
     void setEndStreamFlag() { setFlags(FLAG_END_STREAM); }
     bool hasEndStreamFlag() const { return hasFlags(FLAG_END_STREAM); }
     void clearEndStreamFlag() { clearFlags(FLAG_END_STREAM); }
+
+protected:
+    void appendPayload(std::string& bytes, hpack::Table* table) override;
 
 private:
     uint8_t m_padLength = 0;

@@ -201,7 +201,7 @@ uint32_t DecodeInteger(const Buffer& buff, uint32_t& offset, uint8_t prefix_leng
 // text's capacity. Both are how this client has always sent them; the request builder clears the
 // flags.
 void EncodeString(Buffer& encoded_buffer, const std::string& text, bool use_huffman,
-                  Buffer& encode_int, Buffer& huff) {
+                  Buffer& encode_int) {
     const auto length = static_cast<uint32_t>(text.size());
     if (!use_huffman) {
         EncodeInteger(encode_int, length, kPlainString.prefix_length, kPlainString.pattern);
@@ -209,6 +209,7 @@ void EncodeString(Buffer& encoded_buffer, const std::string& text, bool use_huff
         encoded_buffer += text.c_str();
         return;
     }
+    Buffer huff;
     hpack::Huffman::GetInstance();
     hpack::Huffman::Encode(huff, Buffer(length));
     EncodeInteger(encode_int, huff.Length(), kHuffmanString.prefix_length, kHuffmanString.pattern);
@@ -238,6 +239,15 @@ bool DecodeString(const Buffer& buff, uint32_t& offset, SharedText& text, bool& 
     if (!hpack::Huffman::Decode(decoded, Buffer(start, length))) return false;
     text = SharedText(std::string_view(decoded.Address(0), decoded.Length()));
     return true;
+}
+
+// About what the header block takes, so that its buffer need not grow again and again.
+unsigned int RoomFor(const std::vector<HeaderFieldRepresentation>& header_list) {
+    size_t room = 2 * header_list.size();
+    for (const HeaderFieldRepresentation& header : header_list) {
+        room += header.constField().Value().size();
+    }
+    return static_cast<unsigned int>(std::min<size_t>(room, UINT32_MAX));
 }
 
 // Null when `index` is 0 or beyond the dynamic table.
@@ -290,8 +300,8 @@ void Table::Print() {
 bool Table::Encode(Buffer& encoded_buffer,
                    const std::vector<HeaderFieldRepresentation>& header_list, bool /*update*/) {
     Buffer encode_int;
-    Buffer huff;
     encoded_buffer.Clear();
+    encoded_buffer.UpdateBufferSize(RoomFor(header_list));
     for (const HeaderFieldRepresentation& header : header_list) {
         const HeaderField& field = header.constField();
         Representation form = kLiteralIncremental;
@@ -318,9 +328,9 @@ bool Table::Encode(Buffer& encoded_buffer,
             encoded_buffer.Append(encode_int);
         } else {
             encoded_buffer.Append(static_cast<char>(form.pattern));
-            EncodeString(encoded_buffer, field.Name(), field.NameUseHuffman(), encode_int, huff);
+            EncodeString(encoded_buffer, field.Name(), field.NameUseHuffman(), encode_int);
         }
-        EncodeString(encoded_buffer, field.Value(), field.ValueUseHuffman(), encode_int, huff);
+        EncodeString(encoded_buffer, field.Value(), field.ValueUseHuffman(), encode_int);
     }
     return true;
 }

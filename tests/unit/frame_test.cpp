@@ -162,4 +162,23 @@ TEST(Frame, SerializesAndPrintsWhenAsked) {
               "03 00 00 00 41          ....A\n");
 }
 
+// What the engine sends, beside what the frame gives a caller: decoded from a payload and sent
+// back.
+TEST(Frame, AppendsTheSameBytesAsItEncodes) {
+    const std::string payload = hex("03 80 00 01 82 FF 00 7F 41 01 78 82 00 00 00");
+    for (uint8_t type = Frame::TYPE_DATA_FRAME; type <= Frame::TYPE_LAST_TYPE; ++type) {
+        for (const uint8_t flags : {0, 1, 4, 8, 32, 45}) {
+            for (const size_t length : {0, 4, 5, 8, 12}) {
+                SCOPED_TRACE(testing::Message() << int{type} << " " << int{flags} << " " << length);
+                hpack::Table table;
+                const auto frame = created(type, 0, flags, 0x7F000003, length == 5);
+                frame->decodeFramePayload(payload.data(), static_cast<int>(length), table);
+                std::string bytes = "before";
+                frame->appendTo(bytes, &table);
+                EXPECT_EQ(bytes, "before" + wire(*frame, &table));
+            }
+        }
+    }
+}
+
 }  // namespace
