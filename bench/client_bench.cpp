@@ -4,8 +4,9 @@
 //                                                      so many GETs, one after the other on each
 //                                                      connection, or PAUSE ms after the other
 //   client_bench download plain|tls PORT PATH BYTES    one GET with a body of that size
-//   client_bench idle plain|tls PORT PATH CONNECTIONS SECONDS
-//                                                      a GET on each connection, and then nothing
+//   client_bench idle plain|tls PORT PATH CONNECTIONS REQUESTS SECONDS
+//                                                      so many GETs on each connection, and then
+//                                                      nothing
 //
 // Prints figures to standard error, "name value" a line: standard output has the library's own
 // lines. Exits 1 when a request does not succeed.
@@ -27,7 +28,7 @@
 
 #include "Http2Client/HttpClientInterface.h"
 #include "Http2Client/httpClientApi.h"
-#include "poll_steps.h"
+#include "calls.h"
 
 namespace {
 
@@ -160,10 +161,13 @@ void get(const std::string& port, const char* path, size_t connections, size_t r
     Finished finished;
     const Clients clients = connectAll(finished, HTTP_2, port, path, connections);
     runAll(finished, clients, connections);  // the preface and SETTINGS go out once
+    const uint64_t sendsBefore = sends();
     const Clock::time_point start = Clock::now();
     const Times times = runAll(finished, clients, requests, Seconds(pause / 1000));
     const double wall = Seconds(Clock::now() - start).count();
-    report("requests_per_second", static_cast<double>(requests) / wall);
+    const auto count = static_cast<double>(requests);
+    report("requests_per_second", count / wall);
+    report("sends_per_request", static_cast<double>(sends() - sendsBefore) / count);
     report("p50", percentile(times.latencies, 0.50));
     report("p99", percentile(times.latencies, 0.99));
     report("steps_p50", percentile(times.steps, 0.50));
@@ -188,6 +192,7 @@ struct Usage {
         }
         switches = static_cast<double>(usage.ru_nvcsw);
         steps = static_cast<double>(pollSteps());
+        sent = static_cast<double>(sends());
         const struct mallinfo2 heapInfo = mallinfo2();
         heap = static_cast<double>(heapInfo.uordblks + heapInfo.hblkhd);
         size_t all = 0;
@@ -198,22 +203,19 @@ struct Usage {
     double cpu = 0;
     double switches = 0;
     double steps = 0;
+    double sent = 0;
     double heap = 0;    // bytes in use
     double memory = 0;  // bytes resident
 };
 
 void idle(HTTP_SCHEMA schema, const std::string& port, const char* path, size_t connections,
-          double seconds) {
+          size_t requests, double seconds) {
     Finished finished;
     Clients clients = connectAll(finished, schema, port, path, 1);  // what only the first one makes
-    runAll(finished, clients, 1);
+    runAll(finished, clients, requests);
     const Usage empty;
-    for (std::unique_ptr<Client>& client :
-         connectAll(finished, schema, port, path, connections - 1)) {
-        client->start();
-        finished.take(false);
-        clients.push_back(std::move(client));
-    }
+    Clients others = connectAll(finished, schema, port, path, connections - 1);
+    runAll(finished, others, requests * others.size());
     const Usage before;
     const Clock::time_point start = Clock::now();
     std::this_thread::sleep_for(Seconds(seconds));
@@ -222,8 +224,9 @@ void idle(HTTP_SCHEMA schema, const std::string& port, const char* path, size_t 
     report("cpu_per_second", (after.cpu - before.cpu) / wall);
     report("switches_per_second", (after.switches - before.switches) / wall);
     report("steps_per_second", (after.steps - before.steps) / wall);
-    if (connections == 1) return;
-    const auto added = static_cast<double>(connections - 1);
+    report("sends_per_second", (after.sent - before.sent) / wall);
+    if (others.empty()) return;
+    const auto added = static_cast<double>(others.size());
     report("heap_per_connection", (before.heap - empty.heap) / added);
     report("memory_per_connection", (before.memory - empty.memory) / added);
 }
@@ -233,14 +236,15 @@ HTTP_SCHEMA schemaOf(const std::string& name) { return name == "tls" ? HTTPS_2 :
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string mode = argc == 6 || argc == 7 ? argv[1] : "";
+    const std::string mode = argc >= 6 && argc <= 8 ? argv[1] : "";
     initHttp2Client(kPollTime);
     if (mode == "get" && argc == 7) {
         get(argv[2], argv[3], std::stoul(argv[4]), std::stoul(argv[5]), std::stod(argv[6]));
     } else if (mode == "download" && argc == 6) {
         download(schemaOf(argv[2]), argv[3], argv[4], std::stoul(argv[5]));
-    } else if (mode == "idle" && argc == 7) {
-        idle(schemaOf(argv[2]), argv[3], argv[4], std::stoul(argv[5]), std::stod(argv[6]));
+    } else if (mode == "idle" && argc == 8) {
+        idle(schemaOf(argv[2]), argv[3], argv[4], std::stoul(argv[5]), std::stoul(argv[6]),
+             std::stod(argv[7]));
     } else {
         std::fprintf(stderr, "usage: see the head of bench/client_bench.cpp\n");
         return 2;

@@ -12,7 +12,8 @@ DOWNLOAD = "/download"
 LOADS = {1: (60, 10_000), 8: (800, 20_000), 64: (4000, 20_000), 256: (8000, 20_000)}
 PACED_REQUESTS = 30
 PAUSE_MS = 60
-IDLE = {"plain": (1, 64, 512), "tls": (64,)}
+# Scheme, connections, and the GETs on each before it is idle.
+IDLE = (("plain", 1, 1), ("plain", 64, 1), ("plain", 512, 1), ("tls", 64, 1), ("plain", 64, 40))
 IDLE_SECONDS = 2
 
 
@@ -98,9 +99,9 @@ def downloads(runner, servers, runs):
 
 
 def idle(runner, servers, runs):
-    """{(scheme, connections): figures}"""
-    return {(scheme, connections): interleaved(
+    """{(scheme, connections, requests): figures}"""
+    return {(scheme, connections, requests): interleaved(
         runs,
-        own=lambda s=scheme, c=connections: runner.client(
-            "idle", s, servers.ports[s], PAGE, c, IDLE_SECONDS))["own"]
-            for scheme, counts in IDLE.items() for connections in counts}
+        own=lambda s=scheme, c=connections, r=requests: runner.client(
+            "idle", s, servers.ports[s], PAGE, c, r, IDLE_SECONDS))["own"]
+            for scheme, connections, requests in IDLE}

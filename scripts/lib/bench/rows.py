@@ -114,11 +114,12 @@ def downloads(results, size):
 
 def idle(results):
     section = "Idle connections"
-    for (scheme, connections), own in results.items():
-        what = f"{connections} {scheme}"
+    for (scheme, connections, requests), own in results.items():
+        what = f"{connections} {scheme}, after {requests} GET{'s' if requests > 1 else ''} each"
         yield Row(section, f"{what}, processor time a second", time_text(own["cpu_per_second"]))
         yield Row(section, f"{what}, voluntary context switches",
                   rate_text(own["switches_per_second"]))
+        yield Row(section, f"{what}, frames of credit sent", rate_text(own["sends_per_second"]))
         if connections > 1:
             yield Row(section, f"{what}, heap a connection",
                       f"{own['heap_per_connection'] / 1024:.1f} KiB")
