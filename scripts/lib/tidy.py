@@ -73,7 +73,8 @@ class Judge:
     def judge(self, path):
         """Returns "clean", "remembered" or "wrong", and what there is to show."""
         source = os.path.realpath(path)
-        own = (os.getcwd(), ["-std=c++20", "-I.", "-ICLogWrapper"])
+        root = os.getcwd()
+        own = (root, ["-std=c++20", f"-I{root}", f"-I{root}/CLogWrapper"])
         folder, arguments = self.commands.get(source, own)
         note = os.path.join(self.memory, path.replace("/", ","))
         mark = fingerprint(self.version, folder, arguments, source)

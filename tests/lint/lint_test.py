@@ -41,8 +41,10 @@ class Tree(unittest.TestCase):
     def setUp(self):
         self.root = tempfile.mkdtemp()
         self.addCleanup(shutil.rmtree, self.root)
-        self.environment = dict(os.environ, GIT_CONFIG_GLOBAL="/dev/null")
-        self.environment.pop("LINT_WORDS", None)
+        # Nothing of the repository that a hook runs this for, nor of the user's settings.
+        self.environment = {name: value for name, value in os.environ.items()
+                            if not name.startswith("GIT_") and name != "LINT_WORDS"}
+        self.environment["GIT_CONFIG_GLOBAL"] = "/dev/null"
         for name in ("scripts/lint", "scripts/lib/check_house.py", "scripts/lib/check_links.py",
                      "scripts/lib/tidy.py", ".clang-format", ".clang-tidy"):
             target = os.path.join(self.root, name)
@@ -211,6 +213,7 @@ class Python(Tree):
         self.accepts("python")
         self.finds("python", "a", "#!/usr/bin/env python3\nimport os\n", "'os' imported but unused",
                    executable=True)
+        self.finds("python", "a.py", "def a():\n    b = 1\n", "'b' is assigned to but never used")
 
 
 class Shell(Tree):
