@@ -17,16 +17,17 @@ import sys
 LIMIT = 1.10
 
 
-def count(ops, name):
-    """Runs the operation where environment and addresses are the same each time."""
-    command = ["setarch", "--addr-no-randomize", "valgrind", "--tool=callgrind",
-               "--toggle-collect=measured", "--callgrind-out-file=/dev/null", ops, name]
-    result = subprocess.run(command, env={"PATH": os.environ["PATH"], "LC_ALL": "C"},
-                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
-                            check=False)
+def count(*command):
+    """The instructions of the program's function measured(), where environment and addresses are
+    the same each time."""
+    result = subprocess.run(
+        ["setarch", "--addr-no-randomize", "valgrind", "--tool=callgrind",
+         "--toggle-collect=measured", "--callgrind-out-file=/dev/null", *command],
+        env={"PATH": os.environ["PATH"], "LC_ALL": "C"}, stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE, text=True, check=False)
     collected = re.search(r"Collected : (\d+)", result.stderr)
     if result.returncode != 0 or collected is None or int(collected[1]) < 1000:
-        sys.exit(f"{name}: nothing was counted\n{result.stderr}")
+        sys.exit(f"{' '.join(command)}: nothing was counted\n{result.stderr}")
     return int(collected[1])
 
 

@@ -36,7 +36,7 @@ def codec(path, results):
     draw(path, f"""$data << end
 {data}
 end
-set title 'Processor time, ours by the peer\\'s (libnghttp2; reassemble\\_16k: memcpy)'
+set title "Processor time, ours by the peer's (libnghttp2; the reassembler's: memcpy)"
 set style fill solid 0.6
 set boxwidth 0.7
 set yrange [0:*]

@@ -71,7 +71,8 @@ def codec(results):
                     continue
                 yield Row("Codec and engine", CODEC_TEXTS[case] + VARIANTS[own],
                           time_text(times[own] * 1e-9), PEERS.get(peer, peer),
-                          time_text(times[peer] * 1e-9), times[own] / times[peer])
+                          time_text(times[peer] * 1e-9),
+                          None if peer == "lines_alone" else times[own] / times[peer])
 
 
 def latency(gets, paced):
@@ -88,11 +89,12 @@ def load(gets):
     section = "GETs on many connections"
     for connections, sides in gets.items():
         own, peer = sides["own"], sides["h2load"]
-        yield Row(section, f"{connections} connections, requests",
+        what = f"{connections} connection{'s' if connections > 1 else ''}"
+        yield Row(section, f"{what}, requests",
                   rate_text(own["requests_per_second"]), "h2load",
                   rate_text(peer["requests_per_second"]),
                   peer["requests_per_second"] / own["requests_per_second"])
-        yield Row(section, f"{connections} connections, processor time a request",
+        yield Row(section, f"{what}, processor time a request",
                   time_text(own["cpu_per_request"]), "h2load",
                   time_text(peer["cpu_per_request"]),
                   own["cpu_per_request"] / peer["cpu_per_request"])
