@@ -15,6 +15,19 @@ stop_servers() {
     SERVER_PIDS=()
 }
 
+# For a child that has been waited for: its identifier may be another process's by now.
+forget_server() {
+    local pid kept=()
+    for pid in "${SERVER_PIDS[@]}"; do [ "$pid" = "$1" ] || kept+=("$pid"); done
+    SERVER_PIDS=("${kept[@]}")
+}
+
+stop_server() {
+    kill "$1" 2>/dev/null || true
+    wait "$1" 2>/dev/null || true
+    forget_server "$1"
+}
+
 # Prints the inode of each socket that listens on the port of 127.0.0.1, or of any address.
 listeners() {
     awk -v port=":$(printf '%04X' "$1")" \
