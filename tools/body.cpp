@@ -5,16 +5,17 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "message.h"
+
 namespace {
 
-bool complain(const std::string& what, int error, const char* advice) {
-    std::cerr << "h2request: " << what << ": " << std::strerror(error) << "; " << advice << "\n";
+bool complainOf(const std::string& what, int error, const char* advice) {
+    complain(what + ": " + std::strerror(error) + "; " + advice);
     return false;
 }
 
@@ -24,17 +25,6 @@ ssize_t readSome(int fd, char* buf, size_t len) {
         n = ::read(fd, buf, len);
     } while (n < 0 && errno == EINTR);
     return n;
-}
-
-bool writeWhole(int fd, const char* data, size_t len) {
-    while (len > 0) {
-        const ssize_t n = write(fd, data, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
 }
 
 // A new file without a name, gone when it is closed; -1 and errno when there can be none.
@@ -68,7 +58,7 @@ bool BodySource::open(const Options& options) {
 
 bool BodySource::openFile(const std::string& name) {
     const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd == -1) return complain("cannot read " + name, errno, "check --data-file");
+    if (fd == -1) return complainOf("cannot read " + name, errno, "check --data-file");
     struct stat status {};
     if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
         m_file = fd;
@@ -82,47 +72,48 @@ bool BodySource::openFile(const std::string& name) {
 
 bool BodySource::spool(int from, const std::string& name) {
     m_file = temporaryFile();
-    if (m_file == -1) return complain("cannot keep " + name, errno, "make room in /tmp");
+    if (m_file == -1) return complainOf("cannot keep " + name, errno, "make room in /tmp");
     static std::array<char, 65536> buffer;
     while (true) {
         const ssize_t n = readSome(from, buffer.data(), buffer.size());
-        if (n < 0) return complain("cannot read " + name, errno, "check --data-file");
+        if (n < 0) return complainOf("cannot read " + name, errno, "check --data-file");
         if (n == 0) return true;
-        if (!writeWhole(m_file, buffer.data(), static_cast<size_t>(n))) {
-            return complain("cannot keep " + name, errno, "make room in /tmp");
+        if (writeWhole(m_file, buffer.data(), static_cast<size_t>(n)) != 0) {
+            return complainOf("cannot keep " + name, errno, "make room in /tmp");
         }
         m_size += static_cast<uint64_t>(n);
     }
 }
 
-void BodySource::rewind() { m_offset = 0; }
-
-int BodySource::read(char* buf, size_t len, void* opaque) {
-    auto* source = static_cast<BodySource*>(opaque);
-    size_t n = 0;
-    if (source->m_file != -1) {
-        n = source->readFile(buf, len);
-    } else {
-        n = source->m_text.copy(buf, len, source->m_offset);
-    }
-    source->m_offset += n;
-    return static_cast<int>(n);
-}
-
-// Fills `buf` but at the file's end: less than it holds would end the body.
-size_t BodySource::readFile(char* buf, size_t len) {
+int64_t BodySource::readAt(uint64_t offset, char* buf, size_t len) const {
+    if (m_file == -1) return static_cast<int64_t>(m_text.copy(buf, len, offset));
     size_t done = 0;
-    while (m_error == 0 && done < len) {
-        const ssize_t n =
-            pread(m_file, buf + done, len - done, static_cast<off_t>(m_offset + done));
-        if (n == 0) return done;
+    while (done < len) {
+        const ssize_t n = pread(m_file, buf + done, len - done, static_cast<off_t>(offset + done));
+        if (n == 0) break;
         if (n > 0) {
             done += static_cast<size_t>(n);
         } else if (errno != EINTR) {
-            m_error = errno;
-            if (m_onFailure) m_onFailure();
+            return -1;
         }
     }
-    std::fill(buf + done, buf + len, '\0');
+    return static_cast<int64_t>(done);
+}
+
+int BodyReader::read(char* buf, size_t len, void* opaque) {
+    auto* reader = static_cast<BodyReader*>(opaque);
+    const size_t n = reader->take(buf, len);
+    reader->m_offset += n;
+    return static_cast<int>(n);
+}
+
+size_t BodyReader::take(char* buf, size_t len) {
+    if (m_error == 0) {
+        const int64_t n = m_source.readAt(m_offset, buf, len);
+        if (n >= 0) return static_cast<size_t>(n);
+        m_error = errno;
+        if (m_onFailure) m_onFailure();
+    }
+    std::fill(buf, buf + len, '\0');
     return len;
 }

@@ -1,6 +1,13 @@
 #include "exchange.h"
 
+#include <thread>
 #include <utility>
+
+#include <linux/tcp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "connect_clock.h"
 
 namespace {
 
@@ -15,6 +22,19 @@ constexpr uint64_t kMostBlocked = 1024UL * 1024 - 1;
 // The longest processor time that blockedRequest can count; the wall clock is watched elsewhere.
 constexpr uint32_t kLongestWaitMs = 4294967;
 
+// How long a reset may take to be sent: longer only when the server takes nothing.
+constexpr std::chrono::seconds kResetTime{2};
+
+// What has gone out on a TCP connection; nothing when that cannot be told.
+std::optional<uint64_t> bytesSent(int fd) {
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return std::nullopt;
+    constexpr size_t kNeeded = offsetof(tcp_info, tcpi_bytes_sent) + sizeof(info.tcpi_bytes_sent);
+    if (size < kNeeded) return std::nullopt;
+    return info.tcpi_bytes_sent;
+}
+
 bool isInterim(int status) { return status >= 100 && status < 200; }
 
 bool endsWithHeaders(int status, const HeaderMap& headers) {
@@ -25,25 +45,38 @@ bool endsWithHeaders(int status, const HeaderMap& headers) {
 
 }  // namespace
 
-bool Exchange::connect(const Options& options) {
-    return connectToServer(options.tls ? HTTPS_2 : HTTP_2, options.ip.c_str(), options.port) == 0;
+Exchange::Connected Exchange::connect(const Options& options) {
+    Connected result;
+    forgetConnectCall();
+    const TimePoint start = Clock::now();
+    result.ok =
+        connectToServer(options.tls ? HTTPS_2 : HTTP_2, options.ip.c_str(), options.port) == 0;
+    const TimePoint end = Clock::now();
+    result.times.all = end - start;
+    const std::optional<ConnectCall> call = lastConnectCall();
+    if (!call) return result;
+    m_socket = call->fd;
+    result.error = call->error;
+    result.times.tcp = call->end - start;
+    if (options.tls && call->error == 0) result.times.tls = end - call->end;
+    return result;
 }
 
-void Exchange::describe(const Options& options, BodySource& body) {
+void Exchange::describe(const Options& options, BodyReader& body) {
     setUri(options.path.c_str(), options.method);
     for (const Header& header : options.headers) {
         addHeader(header.name.c_str(), header.value.c_str(), header.isVolatile);
     }
     // Always by a reader: of a block the library sends whole chunks only.
-    if (body.exists()) setContent(&BodySource::read, &body);
+    if (body.exists()) setContent(&BodyReader::read, &body);
 }
 
-int Exchange::start(BodySource& body) {
+int Exchange::start(BodyReader& body) {
     reset(body, false);
     return startRequest(nullptr);
 }
 
-void Exchange::prepareBlocked(BodySource& body) { reset(body, true); }
+void Exchange::prepareBlocked(BodyReader& body) { reset(body, true); }
 
 Exchange::BlockedResult Exchange::runBlocked() {
     BlockedResult result;
@@ -54,7 +87,7 @@ Exchange::BlockedResult Exchange::runBlocked() {
     return result;
 }
 
-void Exchange::reset(BodySource& body, bool blocking) {
+void Exchange::reset(BodyReader& body, bool blocking) {
     body.rewind();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_arrived = Arrived();
@@ -63,6 +96,9 @@ void Exchange::reset(BodySource& body, bool blocking) {
     m_blocking = blocking;
     m_abandoned = false;
     m_received = 0;
+    m_start = Clock::now();
+    m_firstByte.reset();
+    m_end.reset();
 }
 
 Arrived Exchange::wait(const Deadline& deadline) {
@@ -96,15 +132,43 @@ void Exchange::stop() {
     cancelRequest();
 }
 
+void Exchange::cancel() {
+    const std::optional<uint64_t> before = bytesSent(m_socket);
+    stop();
+    const TimePoint limit = Clock::now() + kResetTime;
+    while (before && bytesSent(m_socket) == before && Clock::now() < limit) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+AnswerTimes Exchange::times() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    AnswerTimes times;
+    if (m_firstByte) times.firstByte = *m_firstByte - m_start;
+    times.total = m_end.value_or(Clock::now()) - m_start;
+    times.bodySize = m_received;
+    return times;
+}
+
 void Exchange::finish(Arrived::End end) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_arrived.end = end;
+    setEndLocked(end);
     m_changed.notify_all();
 }
 
+void Exchange::noteArrivalLocked() {
+    if (!m_firstByte) m_firstByte = Clock::now();
+}
+
+void Exchange::setEndLocked(Arrived::End end) {
+    m_arrived.end = end;
+    if (!m_end) m_end = Clock::now();
+}
+
 void Exchange::onHeaderReceived(int status, const HeaderDef* headers, size_t count) {
-    if (isInterim(status)) return;
     const std::lock_guard<std::mutex> lock(m_mutex);
+    noteArrivalLocked();
+    if (isInterim(status)) return;
     bool complete = m_answered;  // then these are trailers
     if (!m_answered) {
         m_answered = true;
@@ -115,7 +179,7 @@ void Exchange::onHeaderReceived(int status, const HeaderDef* headers, size_t cou
         complete = endsWithHeaders(status, m_arrived.headers);
     }
     if (complete) {
-        m_arrived.end = Arrived::COMPLETE;
+        setEndLocked(Arrived::COMPLETE);
         m_arrived.beforeLibrary = true;
         m_arrived.hadBody = m_received > 0;
     }
@@ -124,12 +188,13 @@ void Exchange::onHeaderReceived(int status, const HeaderDef* headers, size_t cou
 
 void Exchange::onContentReceived(const char* data, size_t len, bool more) {
     std::unique_lock<std::mutex> lock(m_mutex);
+    noteArrivalLocked();
     if (m_blocking && m_received > kMostBlocked) {
-        m_arrived.end = Arrived::TOO_LARGE;
+        setEndLocked(Arrived::TOO_LARGE);
     } else {
         storeBody(lock, data, len);
         if (!more) {
-            m_arrived.end = Arrived::COMPLETE;
+            setEndLocked(Arrived::COMPLETE);
             m_arrived.beforeLibrary = false;
         }
     }
@@ -138,7 +203,7 @@ void Exchange::onContentReceived(const char* data, size_t len, bool more) {
 
 void Exchange::storeBody(std::unique_lock<std::mutex>& lock, const char* data, size_t len) {
     m_received += len;
-    if (m_blocking) return;
+    if (m_blocking || !m_keepsBodies) return;
     m_taken.wait(lock, [this] { return m_arrived.body.size() < kMostPending || m_abandoned; });
     if (!m_abandoned) m_arrived.body.append(data, len);
 }

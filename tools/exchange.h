@@ -1,7 +1,6 @@
 #ifndef HTTP2CLIENT_TOOLS_EXCHANGE_H
 #define HTTP2CLIENT_TOOLS_EXCHANGE_H
 
-#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -11,8 +10,8 @@
 #include "Http2Client/HttpClientInterface.h"
 #include "body.h"
 #include "options.h"
+#include "timing.h"
 
-using Deadline = std::optional<std::chrono::steady_clock::time_point>;
 using HeaderMap = std::map<std::string, std::string>;
 
 // What has come in since the last look. The end is reported together with all before it.
@@ -40,12 +39,20 @@ public:
     Exchange() = default;
     ~Exchange() override { stop(); }
 
-    bool connect(const Options& options);
+    // Blocks until the connection is there or has failed.
+    struct Connected {
+        bool ok = false;
+        int error = 0;  // errno of the TCP connect; 0 when that succeeded, or is not known
+        ConnectTimes times;
+    };
+    Connected connect(const Options& options);
     // Sets what all requests have in common. `body` must outlive the exchange.
-    void describe(const Options& options, BodySource& body);
+    void describe(const Options& options, BodyReader& body);
+    // From the next request on, bodies are counted and dropped.
+    void dropBodies() { m_keepsBodies = false; }
 
     // Starts a request that reports through wait. Returns the library's result code: 0 is started.
-    int start(BodySource& body);
+    int start(BodyReader& body);
     // The same, through blockedRequest: returns its result when it does. Another thread may use
     // wait meanwhile; no bodies arrive there.
     struct BlockedResult {
@@ -55,7 +62,7 @@ public:
         std::string body;
         std::string message;
     };
-    void prepareBlocked(BodySource& body);
+    void prepareBlocked(BodyReader& body);
     BlockedResult runBlocked();
 
     // Waits for something to arrive, for wake, or for the deadline. May return nothing at all.
@@ -65,17 +72,26 @@ public:
     // Ends the running request, if there is one. Not while runBlocked runs.
     void stop();
 
+    // The same, and waits until the server has been sent the reset, but not for long. (While a body
+    // is sent, a piece of that may be taken for it.)
+    void cancel();
+
+    // Times of the last request, as far as it has come, and the bytes of its body.
+    AnswerTimes times();
+
     void onSocketClosed() override { finish(Arrived::CLOSED); }
     void onFailed(HTTP_ERROR /*err*/) override { finish(Arrived::FAILED); }
     void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override;
     void onContentReceived(const char* data, size_t len, bool more) override;
 
 private:
-    void reset(BodySource& body, bool blocking);
+    void reset(BodyReader& body, bool blocking);
+    void noteArrivalLocked();
+    void setEndLocked(Arrived::End end);
     void finish(Arrived::End end);
     void storeBody(std::unique_lock<std::mutex>& lock, const char* data, size_t len);
 
-    std::mutex m_mutex;                 // guards all below
+    std::mutex m_mutex;                 // guards all below but the last two
     std::condition_variable m_changed;  // something has arrived
     std::condition_variable m_taken;    // there is room again
     Arrived m_arrived;
@@ -84,6 +100,13 @@ private:
     bool m_blocking = false;   // the request runs through blockedRequest
     bool m_abandoned = false;  // nobody takes anything any more
     uint64_t m_received = 0;   // bytes of the body
+    TimePoint m_start;
+    std::optional<TimePoint> m_firstByte;
+    std::optional<TimePoint> m_end;
+
+    // Not guarded: changed only between requests.
+    bool m_keepsBodies = true;
+    int m_socket = -1;  // the library's; -1 when it was not seen
 };
 
 #endif  // HTTP2CLIENT_TOOLS_EXCHANGE_H

@@ -2,46 +2,24 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstring>
-#include <iostream>
 
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
+#include "help.h"
+#include "message.h"
+
 namespace {
-
-// One screen: 24 lines of 80 columns.
-const char* const kHelp =
-    R"(Makes HTTP/2 requests to a server and prints the answer on standard output.
-Usage: h2request [options] IP PORT PATH   (IP: an IPv4 address)
-
-  --tls                TLS without ALPN, any certificate; otherwise plain TCP
-  -X METHOD            GET (default), POST or DELETE
-  -H 'name: value'     a request header; repeatable. host is added unless given
-  --volatile-header 'name: value'   the same, never put into a compression table
-  --data TEXT          a body, for -X
-  --data-file FILE     the same from a file; "-" is standard input, read whole
-                       before the request starts
-  -i                   print status and headers before the body
-  -o FILE              write the body to FILE
-  --timeout MS         limit for connecting, and for each request (wall clock)
-  --repeat N           make N successive requests on one connection
-  --blocking           use the library's blocking call: bodies of up to 1 MiB
-  -v                   the library's log and console lines, on standard error
-  -h, --help           this text
-
-Exit codes: 0 answered, status below 400; 22 answered, 400 or above; 2 bad
-usage, or a file or the output fails; 3 cannot connect; 4 request failed;
-5 connection lost; 6 timed out. Codes 2 to 6 end --repeat at once.
-An answer without a body (204, 304, content-length: 0) ends with its headers.
-Example: h2request -i -H 'accept: text/html' 127.0.0.1 8080 /index.html
-)";
 
 // What the library puts into one HEADERS frame: names, values and path. Servers refuse the
 // sequence of HEADERS frames that it makes of more.
 constexpr size_t kHeaderLimit = 16283;
+
+// The library has no use for a descriptor of 1024 or above, and the process needs some itself.
+constexpr unsigned int kMostConnections = 1000;
 
 [[noreturn]] void refuse(const std::string& why) { throw CLI::ValidationError(why); }
 
@@ -107,6 +85,25 @@ void checkHeaderSize(const Options& options) {
     }
 }
 
+// What --json and --parallel leave no place for.
+void checkOutput(const CLI::App& app, const Options& options) {
+    if (options.json && options.showHeaders) {
+        refuse("--json has status and headers already; leave out -i");
+    }
+    if (options.parallel == 0) return;
+    if (options.parallel > options.repeat) {
+        refuse("--parallel " + std::to_string(options.parallel) +
+               " needs at least as many requests; add --repeat " +
+               std::to_string(options.parallel) + " or more");
+    }
+    for (const char* option : {"-i", "-o", "--timing", "--blocking"}) {
+        if (app.count(option) == 0) continue;
+        refuse(std::string(option) +
+               " does not go with --parallel, which prints a summary; leave " +
+               "one of them out, or see each answer with --json");
+    }
+}
+
 // The options as CLI11 fills them.
 struct RawOptions {
     std::string method = "GET";
@@ -130,8 +127,20 @@ void addOptions(CLI::App& app, Options& options, RawOptions& raw) {
     app.add_option("-o", options.outputFile);
     app.add_option("--timeout", options.timeoutMs)->check(CLI::Range(1U, 1000000000U));
     app.add_option("--repeat", options.repeat)->check(CLI::Range(1U, 1000000000U));
+    app.add_option("--parallel", options.parallel)->check(CLI::Range(1U, kMostConnections));
     app.add_flag("--blocking", options.blocking);
+    app.add_flag("--json", options.json);
+    app.add_flag("--timing", options.timing);
     app.add_flag("-v", options.verbose);
+    app.set_version_flag("--version", kVersion);
+}
+
+// The exit code of a program that only says something about itself.
+int print(const std::string& text) {
+    const int error = writeWhole(STDOUT_FILENO, text.data(), text.size());
+    if (error == 0) return EXIT_ANSWERED;
+    complain(std::string("cannot write to standard output: ") + std::strerror(error));
+    return EXIT_USAGE;
 }
 
 void complete(const CLI::App& app, const RawOptions& raw, Options& options) {
@@ -147,6 +156,7 @@ void complete(const CLI::App& app, const RawOptions& raw, Options& options) {
     for (const auto& header : raw.volatileHeaders) {
         options.headers.push_back(parseHeader(header, true));
     }
+    checkOutput(app, options);
     checkAddress(options);
     addHostHeader(options);
     checkHeaderSize(options);
@@ -163,14 +173,11 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     try {
         app.parse(argc, argv);
         complete(app, raw, options);
+    } catch (const CLI::CallForVersion&) {
+        return print(kVersion + std::string("\n"));
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) {
-            std::cerr << "h2request: " << error.what() << "\nTry 'h2request --help'.\n";
-            return EXIT_USAGE;
-        }
-        std::cout << kHelp << std::flush;
-        if (std::cout.good()) return EXIT_ANSWERED;
-        std::cerr << "h2request: cannot write to standard output: " << std::strerror(errno) << "\n";
+        if (error.get_exit_code() == 0) return print(kHelp);
+        complain(error.what() + std::string("\nTry 'h2request --help'."));
         return EXIT_USAGE;
     }
     return std::nullopt;

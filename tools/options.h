@@ -16,7 +16,8 @@ enum ExitCode {
     EXIT_REQUEST_FAILED = 4,
     EXIT_CONNECTION_LOST = 5,
     EXIT_TIMED_OUT = 6,
-    EXIT_ERROR_STATUS = 22  // status 400 and above
+    EXIT_ERROR_STATUS = 22,  // status 400 and above
+    EXIT_INTERRUPTED = 130   // as shells have it for SIGINT
 };
 
 struct Header {
@@ -38,7 +39,10 @@ struct Options {
     std::string outputFile;      // empty for standard output
     unsigned int timeoutMs = 0;  // wall clock; 0 for none
     unsigned int repeat = 1;
+    unsigned int parallel = 0;  // connections that share the requests; 0 for none of that
     bool blocking = false;
+    bool json = false;
+    bool timing = false;
     bool verbose = false;
 };
 

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,20 +10,14 @@
 
 namespace {
 
-constexpr uint64_t kProgressFrom = 1000000;  // smaller transfers are over before one looks
-constexpr uint64_t kBarWidth = 40;
-constexpr std::chrono::milliseconds kProgressPause{100};
+constexpr int kFirstErrorStatus = 400;
 
-// Writes all. Returns 0, or errno.
-int writeWhole(int fd, const char* data, size_t len) {
-    while (len > 0) {
-        const ssize_t n = ::write(fd, data, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return errno;
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
-    return 0;
+bool complainOf(const std::string& name, int error) {
+    std::string advice = "; the rest of it is lost";
+    if (error == ENOSPC) advice += ": make room, or choose another file with -o";
+    if (error == EBADF || error == EIO) advice += ": choose a file with -o";
+    complain("cannot write the answer to " + name + ": " + std::strerror(error) + advice);
+    return false;
 }
 
 }  // namespace
@@ -38,27 +31,12 @@ void occupyStandardDescriptors() {
     }
 }
 
-void Progress::show(const char* what, uint64_t done, uint64_t total) {
-    if (!m_enabled || (done <= kProgressFrom && total <= kProgressFrom)) return;
-    const auto now = std::chrono::steady_clock::now();
-    if (m_shown && now < m_next && done != total) return;
-    m_shown = true;
-    m_next = now + kProgressPause;
-    std::string line = std::string("\r") + what + " ";
-    if (total == 0 || done > total) {
-        line += std::to_string(done) + " bytes";
-    } else {
-        const uint64_t filled = done * kBarWidth / total;
-        line += "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] " +
-                std::to_string(done * 100 / total) + "%";
-    }
-    std::cerr << line << std::flush;
+bool writeOut(const std::string& text) {
+    const int error = writeWhole(STDOUT_FILENO, text.data(), text.size());
+    return error == 0 || complainOf("standard output", error);
 }
 
-void Progress::end() {
-    if (m_shown) std::cerr << "\n";
-    m_shown = false;
-}
+Output::Output() : m_style(STDOUT_FILENO) {}
 
 Output::~Output() {
     if (m_body != STDOUT_FILENO && m_body != -1) ::close(m_body);
@@ -66,25 +44,27 @@ Output::~Output() {
 
 bool Output::open(const Options& options) {
     m_showHeaders = options.showHeaders;
+    m_keepsBody = options.json && options.outputFile.empty();
     if (!options.outputFile.empty()) {
         m_name = options.outputFile;
         m_body = ::open(m_name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
         if (m_body == -1) {
-            std::cerr << "h2request: cannot write " << m_name << ": " << std::strerror(errno)
-                      << "; choose another file with -o\n";
+            complain("cannot write " + m_name + ": " + std::strerror(errno) +
+                     "; choose another file with -o");
             return false;
         }
     }
     // The log of -v and a bar would write over each other, as would a body on the same terminal.
     const bool bars = isatty(STDERR_FILENO) == 1 && !options.verbose;
     m_upload.enable(bars);
-    m_download.enable(bars && isatty(m_body) == 0);
+    m_download.enable(bars && (m_keepsBody || isatty(m_body) == 0));
     return true;
 }
 
 void Output::beginAnswer() {
     m_expected = 0;
     m_received = 0;
+    m_kept.clear();
 }
 
 bool Output::writeHead(int status, const HeaderMap& headers) {
@@ -94,32 +74,40 @@ bool Output::writeHead(int status, const HeaderMap& headers) {
         m_expected = std::strtoull(length->second.c_str(), nullptr, 10);
     }
     if (!m_showHeaders) return true;
-    std::string head = "status: " + std::to_string(status) + "\n";
+    const Colour colour = status < kFirstErrorStatus ? Colour::GREEN : Colour::RED;
+    std::string head = m_style.paint(colour, "status: " + std::to_string(status)) + "\n";
     for (const auto& [name, value] : headers) {
-        if (name != ":status") head.append(name).append(": ").append(value).append("\n");
+        if (name == ":status") continue;
+        head += m_style.paint(Colour::CYAN, name + ":");
+        head.append(" ").append(value).append("\n");
     }
-    head += "\n";
-    return write(STDOUT_FILENO, head);
+    return write(STDOUT_FILENO, "standard output", head + "\n");
 }
 
 bool Output::writeBody(const std::string& bytes) {
-    if (m_body != STDOUT_FILENO && !m_truncated) {
-        m_truncated = true;
-        struct stat status {};
-        if (fstat(m_body, &status) == 0 && S_ISREG(status.st_mode) && ftruncate(m_body, 0) != 0) {
-            return complain(errno);
-        }
-    }
+    if (!emptyFile()) return false;
     m_received += bytes.size();
     if (!bytes.empty()) m_download.show("received", m_received, m_expected);
-    return write(m_body, bytes);
+    if (m_keepsBody) {
+        m_kept += bytes;
+        return true;
+    }
+    return write(m_body, m_name, bytes);
+}
+
+bool Output::emptyFile() {
+    if (m_body == STDOUT_FILENO || m_emptied) return true;
+    m_emptied = true;
+    struct stat status {};
+    if (fstat(m_body, &status) != 0 || !S_ISREG(status.st_mode)) return true;
+    return ftruncate(m_body, 0) == 0 || complainOf(m_name, errno);
 }
 
 bool Output::close() {
     if (m_body == STDOUT_FILENO) return true;
     const int result = ::close(m_body);
     m_body = -1;
-    return result == 0 || complain(errno);
+    return result == 0 || complainOf(m_name, errno);
 }
 
 void Output::showUpload(uint64_t sent, uint64_t size) { m_upload.show("sent", sent, size); }
@@ -129,47 +117,9 @@ void Output::endProgress() {
     m_download.end();
 }
 
-bool Output::write(int fd, const std::string& bytes) {
+bool Output::write(int fd, const std::string& name, const std::string& bytes) {
     const int error = writeWhole(fd, bytes.data(), bytes.size());
-    return error == 0 || complain(error);
-}
-
-bool Output::complain(int error) {
+    if (error == 0) return true;
     endProgress();
-    std::cerr << "h2request: cannot write the answer to " << m_name << ": " << std::strerror(error)
-              << "; the rest of it is lost\n";
-    return false;
-}
-
-ConsoleLines::ConsoleLines(bool show) : m_show(show), m_standard(std::cout.rdbuf(this)) {}
-
-ConsoleLines::~ConsoleLines() {
-    std::cout.rdbuf(m_standard);
-    if (!m_text.empty()) {
-        m_text += '\n';
-        writeLinesLocked();  // nobody else is left
-    }
-}
-
-ConsoleLines::int_type ConsoleLines::overflow(int_type c) {
-    if (!traits_type::eq_int_type(c, traits_type::eof())) {
-        const char text = traits_type::to_char_type(c);
-        xsputn(&text, 1);
-    }
-    return traits_type::not_eof(c);
-}
-
-std::streamsize ConsoleLines::xsputn(const char* text, std::streamsize n) {
-    if (!m_show) return n;
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_text.append(text, static_cast<size_t>(n));
-    writeLinesLocked();
-    return n;
-}
-
-void ConsoleLines::writeLinesLocked() {
-    const auto end = m_text.rfind('\n');
-    if (end == std::string::npos) return;
-    writeWhole(STDERR_FILENO, m_text.data(), end + 1);
-    m_text.erase(0, end + 1);
+    return complainOf(name, error);
 }

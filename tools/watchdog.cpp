@@ -1,7 +1,10 @@
 #include "watchdog.h"
 
+#include <utility>
+
 #include <unistd.h>
 
+#include "message.h"
 #include "options.h"
 
 Watchdog::Watchdog() : m_thread(&Watchdog::run, this) {}
@@ -15,10 +18,12 @@ Watchdog::~Watchdog() {
     m_thread.join();
 }
 
-void Watchdog::arm(const std::optional<Time>& deadline, const std::string& message) {
+void Watchdog::arm(const Deadline& deadline, const std::string& message,
+                   std::function<void()> lastWords) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_deadline = deadline;
     m_message = message;
+    m_lastWords = std::move(lastWords);
     m_changed.notify_all();
 }
 
@@ -29,13 +34,13 @@ void Watchdog::run() {
             m_changed.wait(lock);
             continue;
         }
-        const Time deadline = *m_deadline;
+        const TimePoint deadline = *m_deadline;
         m_changed.wait_until(lock, deadline);
-        if (m_ending || m_deadline != deadline || std::chrono::steady_clock::now() < deadline) {
+        if (m_ending || m_deadline != deadline || Clock::now() < deadline) {
             continue;
         }
-        const ssize_t written = write(STDERR_FILENO, m_message.data(), m_message.size());
-        static_cast<void>(written);  // there is nowhere to complain
+        complain(m_message);
+        if (m_lastWords) m_lastWords();
         _exit(EXIT_TIMED_OUT);
     }
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <fstream>
 #include <stdexcept>
 
@@ -42,10 +43,11 @@ public:
     SpawnSettings() {
         posix_spawn_file_actions_init(&m_actions);
         posix_spawnattr_init(&m_attributes);
-        sigset_t pipeSignal;
-        sigemptyset(&pipeSignal);
-        sigaddset(&pipeSignal, SIGPIPE);
-        posix_spawnattr_setsigdefault(&m_attributes, &pipeSignal);
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGPIPE);
+        sigaddset(&signals, SIGINT);
+        posix_spawnattr_setsigdefault(&m_attributes, &signals);
         posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGDEF);
     }
     ~SpawnSettings() {
@@ -182,6 +184,17 @@ void Process::closeOutput() {
 
 void Process::signal(int number) const { kill(m_pid, number); }
 
+bool Process::handles(int number) const {
+    std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
+    for (std::string name; status >> name;) {
+        if (name != "SigCgt:") continue;
+        uint64_t signals = 0;  // signal 1 is the lowest bit
+        status >> std::hex >> signals;
+        return (signals >> (number - 1) & 1) != 0;
+    }
+    return false;
+}
+
 size_t Process::residentBytes() const {
     std::ifstream statm("/proc/" + std::to_string(m_pid) + "/statm");
     size_t total = 0;
@@ -190,11 +203,18 @@ size_t Process::residentBytes() const {
     return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-bool Process::waitOutput(std::string_view text) {
+bool Process::waitText(const Captured& captured, std::string_view text,
+                       std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    const auto found = [&] { return m_output.text.find(text) != std::string::npos; };
-    m_changed.wait_for(lock, kProcessLimit, [&] { return found() || m_output.ended; });
+    const auto found = [&] { return captured.text.find(text) != std::string::npos; };
+    m_changed.wait_for(lock, limit, [&] { return found() || captured.ended; });
     return found();
+}
+
+bool Process::waitOutput(std::string_view text) { return waitText(m_output, text, kProcessLimit); }
+
+bool Process::waitErrors(std::string_view text, std::chrono::milliseconds limit) {
+    return waitText(m_errors, text, limit);
 }
 
 int Process::wait() {
@@ -224,6 +244,16 @@ std::string Process::output() const {
 std::string Process::errors() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_errors.text;
+}
+
+Ended run(const std::string& program, const std::vector<std::string>& arguments) {
+    Process process(program, arguments);
+    process.closeInput();
+    Ended ended;
+    ended.code = process.wait();
+    ended.output = process.output();
+    ended.errors = process.errors();
+    return ended;
 }
 
 Ended runTool(const std::vector<std::string>& arguments, std::string_view input,

@@ -18,7 +18,7 @@ namespace h2test {
 // Longer than any limit of the server's, so that a test ends for the reason it is about.
 constexpr std::chrono::milliseconds kProcessLimit{60000};
 
-// How a process's standard streams start. Its SIGPIPE has the default disposition.
+// How a process's standard streams start. Its SIGPIPE and SIGINT have the default disposition.
 struct Streams {
     bool closedInput = false;     // default: a pipe
     bool closedOutput = false;    // default: a pipe, read as the process writes
@@ -42,11 +42,16 @@ public:
     // No reader is left for what the process writes from now on.
     void closeOutput();
     void signal(int number) const;
+    // Whether it has a handler for the signal by now.
+    bool handles(int number) const;
     // What it has in memory now.
     size_t residentBytes() const;
 
     // Waits for `text` in what has been written to standard output.
     [[nodiscard]] bool waitOutput(std::string_view text);
+    // The same for standard error.
+    [[nodiscard]] bool waitErrors(std::string_view text,
+                                  std::chrono::milliseconds limit = kProcessLimit);
     // Waits for the end of the process and of its output. Returns the exit code; 1000 and the
     // signal's number when it was killed; -1, after killing it, when it does not end.
     int wait();
@@ -60,6 +65,7 @@ private:
         bool ended = false;
     };
     void capture(int fd, Captured& captured);
+    bool waitText(const Captured& captured, std::string_view text, std::chrono::milliseconds limit);
 
     pid_t m_pid = -1;  // -1 when it has been waited for
     int m_code = -1;
@@ -82,6 +88,9 @@ struct Ended {
     std::string output;
     std::string errors;
 };
+
+// Runs a program to its end.
+Ended run(const std::string& program, const std::vector<std::string>& arguments);
 
 // Runs h2request to its end, with `input` on standard input.
 Ended runTool(const std::vector<std::string>& arguments, std::string_view input = {},

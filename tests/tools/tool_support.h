@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -28,6 +30,7 @@ constexpr int kRequestFailed = 4;
 constexpr int kConnectionLost = 5;
 constexpr int kTimedOut = 6;
 constexpr int kErrorStatus = 22;
+constexpr int kInterrupted = 130;
 
 // A field of a response's header block: ":status", and any other.
 inline std::string statusField(int status) { return hpackLiteral(8, std::to_string(status)); }
@@ -108,6 +111,15 @@ inline SentBody sentBody(ScriptedServer& server, uint32_t streamId) {
     return out;
 }
 
+// The streams that the client has withdrawn.
+inline std::set<uint32_t> cancelledStreams(ScriptedServer& server, size_t connection) {
+    std::set<uint32_t> streams;
+    for (const WireFrame& frame : server.frames(connection, kRstStream)) {
+        streams.insert(frame.streamId);
+    }
+    return streams;
+}
+
 // Bytes that repeat nowhere near the sizes that matter, zeros and line ends among them.
 inline std::string binaryBytes(size_t size) {
     std::string out(size, '\0');
@@ -117,6 +129,38 @@ inline std::string binaryBytes(size_t size) {
         c = static_cast<char>(state >> 24);
     }
     return out;
+}
+
+// Waits until the tool, whose output nobody reads, takes no more from the server: it keeps a
+// bounded amount, besides what it had in memory `before`, and then its main thread is stuck in a
+// write.
+[[nodiscard]] inline bool waitHeldBack(const Process& process, size_t before) {
+    constexpr size_t kMostPending = 16u * 1024 * 1024;
+    size_t resident = 0;
+    size_t looks = 0;  // in a row at which nothing had changed
+    const auto hasStalled = [&] {
+        const size_t now = process.residentBytes();
+        looks = now == resident && now >= before + kMostPending ? looks + 1 : 0;
+        resident = now;
+        return looks >= 300;
+    };
+    return waitFor(hasStalled, kProcessLimit);
+}
+
+inline std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// What h2request itself has written, without the lines of the library's log.
+inline std::string withoutLog(const std::string& errors) {
+    std::string own;
+    for (const std::string& line : linesOf(errors)) {
+        if (line.find(" ERROR ") == std::string::npos) own += line + "\n";
+    }
+    return own;
 }
 
 inline bool contains(const std::string& text, std::string_view part) {

@@ -1,0 +1,9 @@
+#ifndef HTTP2CLIENT_TOOLS_HELP_H
+#define HTTP2CLIENT_TOOLS_HELP_H
+
+// What --help and --version print. The man page is made from both, and the completion is tested
+// against the former.
+extern const char* const kHelp;
+extern const char* const kVersion;
+
+#endif  // HTTP2CLIENT_TOOLS_HELP_H

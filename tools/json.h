@@ -1,0 +1,29 @@
+#ifndef HTTP2CLIENT_TOOLS_JSON_H
+#define HTTP2CLIENT_TOOLS_JSON_H
+
+#include <cstdint>
+#include <string>
+
+#include "options.h"
+#include "request.h"
+
+// One request and its answer as a JSON object on one line, with the line's end:
+//
+//   request   its number, from 1
+//   status    of the answer; null when none has come
+//   headers   of the answer, by name. A value that is not UTF-8 is taken for ISO 8859-1.
+//   body_size bytes of the body that have come
+//   body      the body, when it is UTF-8; else
+//   body_base64  the same in base64 (RFC 4648, 4); or, with -o,
+//   body_file    where it is
+//   timing    connect_ms and tls_ms (null on a connection in use, and without TLS), first_byte_ms,
+//             total_ms, bytes_per_second; connect_and_tls_ms in place of the first two when they
+//             could not be told apart
+//   error     null for an answer, whatever its status; else kind, exit_code and message
+std::string jsonLine(uint64_t number, const Outcome& outcome, const std::string& body,
+                     const Options& options);
+
+bool isUtf8(const std::string& text);
+std::string base64(const std::string& bytes);
+
+#endif  // HTTP2CLIENT_TOOLS_JSON_H
