@@ -85,8 +85,10 @@ CFG
     start_server "$WORK/nginx.log" nginx -c "$WORK/nginx.conf" -e "$WORK/nginx-error.log"
 }
 
+# A process that becomes another user, as h2o does of its own accord, no longer ends with its parent.
 run_h2o() {
     cat >"$WORK/h2o.conf" <<CFG
+$(if [ "$(id -u)" -eq 0 ]; then printf 'user: root'; fi)
 num-threads: 1
 listen:
   host: 127.0.0.1
