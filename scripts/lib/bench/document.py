@@ -8,10 +8,11 @@ NOTES = {
     "Codec and engine": """\
 Medians of processor time of 9 interleaved runs; `bench/codec_bench.cpp` has the cases. Encoding: the
 texts consist of characters that Huffman coding does not shorten, so that libnghttp2, which cannot be
-told not to code, sends them plain too; typical texts it codes. Receiving: from 8192-byte reads up to the application's
-callbacks, with the console's lines made and dropped, or written to /dev/null. libnghttp2 has a window that never fills and checks no HTTP semantics; it gathers DATA into
-whole frames as this client does, or hands it on "in pieces" as it arrives, without any copy. "Its
-lines alone" is what making the console's lines takes by itself.
+told not to code, sends them plain too; typical texts it codes. Receiving: from 8192-byte reads up to
+the application's callbacks, with the console's lines made and dropped, or written to /dev/null.
+libnghttp2 has a window that never fills and checks no HTTP semantics; it gathers DATA into whole
+frames as this client does, or hands it on "in pieces" as it arrives, without any copy. "Its lines
+alone" is what making the console's lines takes by itself.
 
 ![Processor time by the peer's](plots/codec.svg)
 """,
@@ -32,8 +33,9 @@ say (RFC 9113, 6.9.2), and this client gives back what has arrived in one frame 
 step of about 1.1 ms no more than 60 MB/s.
 """,
     "Idle connections": """\
-Registered with the poller, after so many GETs of the page of 1 KiB. An idle connection's socket can always be written to,
-so the poll loop runs a step about every millisecond whether or not there is work.
+Registered with the poller, after so many GETs of the page of 1 KiB. An idle connection's socket can
+always be written to, so the poll loop runs a step about every millisecond whether or not there is
+work.
 """,
 }
 
@@ -47,7 +49,8 @@ def machine():
     with open("/proc/cpuinfo", encoding="ascii", errors="replace") as info:
         model = next((line.split(":")[1].strip() for line in info if line.startswith("model name")),
                      platform.machine())
-    return f"{os.cpu_count()} cores of {model}, Linux {platform.release()}, {shell('g++', '--version')}"
+    return (f"{os.cpu_count()} cores of {model}, Linux {platform.release()}, "
+            f"{shell('g++', '--version')}")
 
 
 def table(header, lines):

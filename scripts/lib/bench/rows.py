@@ -1,4 +1,4 @@
-"""Turns results into the rows of the one table: what was measured, ours, a peer's, and the ratio."""
+"""Turns results into rows of the one table: what was measured, ours, a peer's, and the ratio."""
 
 from dataclasses import dataclass
 from typing import Optional
@@ -125,4 +125,3 @@ def idle(results):
         if connections > 1:
             yield Row(section, f"{what}, heap a connection",
                       f"{own['heap_per_connection'] / 1024:.1f} KiB")
-
