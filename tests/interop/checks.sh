@@ -199,14 +199,14 @@ check_many() {
 
 # What a row of requests does to all servers at once, each of them on a connection of its own.
 check_rows() {
-    local server check checks=(empty successive)
-    if [ "$form" = full ]; then checks+=(10kB idle idle-10kB); fi
+    local server check checks=(empty successive 10kB)
+    if [ "$form" = full ]; then checks+=(idle idle-10kB); fi
     for server in "$@"; do
         start_recorder "$server" -- "${checks[@]}"
         start_recorded_driver "$server" empty /empty.txt empty
         start_recorded_driver "$server" successive /small.txt successive "$REQUESTS"
-        [ "$form" = full ] || continue
         start_recorded_driver "$server" 10kB /10kB.bin successive "$REQUESTS"
+        [ "$form" = full ] || continue
         start_recorded_driver "$server" idle /small.txt idle "$IDLE_SECONDS" "$IDLE_INTERVAL"
         start_recorded_driver "$server" idle-10kB /10kB.bin idle "$IDLE_SECONDS" "$IDLE_INTERVAL"
     done
