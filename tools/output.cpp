@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr int kFirstErrorStatus = 400;
-
 bool complainOf(const std::string& name, int error) {
     std::string advice = "; the rest of it is lost";
     if (error == ENOSPC) advice += ": make room, or choose another file with -o";
@@ -26,7 +24,8 @@ void occupyStandardDescriptors() {
     for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) != -1) continue;
         // Takes the lowest free number. Not writable, but for standard error: what goes there is
-        // for nobody to miss.
+        // for nobody to miss. It stays open as long as the process lives.
+        // cppcheck-suppress leakReturnValNotUsed
         open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
     }
 }

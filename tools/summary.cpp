@@ -2,20 +2,27 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 
 namespace {
 
 constexpr uint64_t kBarWidth = 40;
 
-__attribute__((format(printf, 1, 2))) std::string format(const char* pattern, ...) {
-    std::array<char, 200> text{};
-    va_list arguments;
-    va_start(arguments, pattern);
-    vsnprintf(text.data(), text.size(), pattern, arguments);
-    va_end(arguments);
+std::string fixed(double value, int decimals) {
+    std::array<char, 64> text{};
+    snprintf(text.data(), text.size(), "%.*f", decimals, value);
     return text.data();
+}
+
+// As in "    0.5 -         1 ms".
+std::string range(Duration from, Duration to) {
+    std::array<char, 64> text{};
+    snprintf(text.data(), text.size(), "%9g - %9g ms", milliseconds(from), milliseconds(to));
+    return text.data();
+}
+
+double perSecond(uint64_t count, double seconds) {
+    return seconds > 0 ? static_cast<double>(count) / seconds : 0.0;
 }
 
 // Limits of the histogram's rows: 1, 2, 5, 10, 20, 50 ... microseconds.
@@ -60,12 +67,11 @@ std::string Summary::text(Duration elapsed, const Style& style) const {
     const double seconds = std::chrono::duration<double>(elapsed).count();
     std::string text = "requests  " + std::to_string(answered() + failed()) + " over " +
                        std::to_string(m_connections) +
-                       (m_connections == 1 ? " connection" : " connections") +
-                       format(" in %.3f s\n", seconds);
+                       (m_connections == 1 ? " connection" : " connections") + " in " +
+                       fixed(seconds, 3) + " s\n";
     text += answerLine(seconds) + failureLine(style);
-    text += format("received  %llu bytes of bodies, %.0f per second\n",
-                   static_cast<unsigned long long>(m_bytes),
-                   seconds > 0 ? static_cast<double>(m_bytes) / seconds : 0.0);
+    text += "received  " + std::to_string(m_bytes) + " bytes of bodies, " +
+            fixed(perSecond(m_bytes, seconds), 0) + " per second\n";
     if (m_times.empty()) return text;
     std::vector<Duration> sorted = m_times;
     std::sort(sorted.begin(), sorted.end());
@@ -73,9 +79,8 @@ std::string Summary::text(Duration elapsed, const Style& style) const {
 }
 
 std::string Summary::answerLine(double seconds) const {
-    std::string line = "answered  " + std::to_string(answered()) +
-                       format(", %.1f requests per second",
-                              seconds > 0 ? static_cast<double>(answered()) / seconds : 0.0);
+    std::string line = "answered  " + std::to_string(answered()) + ", " +
+                       fixed(perSecond(answered(), seconds), 1) + " requests per second";
     if (!m_statuses.empty()) {
         line += "; " +
                 counted(m_statuses, [](int status) { return "status " + std::to_string(status); });
@@ -106,7 +111,7 @@ std::string Summary::histogram(const std::vector<Duration>& sorted, const Style&
     std::vector<Row> rows;
     Duration from{};
     Duration to = std::chrono::microseconds(1);
-    uint64_t most = 0;
+    uint64_t most = 1;
     for (auto next = sorted.begin(); next != sorted.end();) {
         const auto end = std::upper_bound(next, sorted.end(), to);
         const auto count = static_cast<uint64_t>(end - next);
@@ -119,7 +124,7 @@ std::string Summary::histogram(const std::vector<Duration>& sorted, const Style&
     std::string text;
     for (const Row& row : rows) {
         const uint64_t filled = (row.count * kBarWidth + most - 1) / most;
-        text += format("%9g - %9g ms  ", milliseconds(row.from), milliseconds(row.to));
+        text += range(row.from, row.to) + "  ";
         text += style.paint(Colour::CYAN, std::string(filled, '#'));
         text += std::string(kBarWidth - filled, ' ') + " " + std::to_string(row.count) + "\n";
     }

@@ -9,7 +9,8 @@ an explicit id. A link's label is defined. Links elsewhere (http, https, mailto)
 their form alone: nothing is fetched, so a page that has gone is not noticed.
 
 Code is no link, but for a span in the text that starts like `scripts/test`, with a tracked folder
-of the root and a slash: the first word of such a span is a tracked file or folder, too.
+of the root and a slash: the first word of such a span is a tracked file or folder, too, unless it
+has a placeholder in capitals, as fuzz/findings/HARNESS.
 
 Prints each link that leads nowhere, and exits 1 if there is one.
 """
@@ -22,6 +23,7 @@ import urllib.parse
 FENCE = re.compile(r"^ {0,3}(?:>\s*)*(`{3,}|~{3,})")
 CODE_SPAN = re.compile(r"(`+)(?!`)(.+?)(?<!`)\1(?!`)")
 PATH = re.compile(r"([\w.+-]+)/[\w./+-]*$")
+PLACEHOLDER = re.compile(r"/[A-Z]+(/|$)")
 COMMENT = re.compile(r"<!--.*?-->", re.DOTALL)
 # [text](target "title"), also an image, and with one image as its text
 INLINE = re.compile(r"\]\(\s*(<[^>]*>|[^\s()]*(?:\([^\s()]*\)[^\s()]*)*)(?:\s+[\"'(].*?[\"')])?\s*\)")
@@ -143,7 +145,7 @@ class Tree:
 
     def judge_path(self, path):
         """What is wrong with a path, seen from the root, or None."""
-        if path.split("/", 1)[0] not in self.folders:
+        if path.split("/", 1)[0] not in self.folders or PLACEHOLDER.search(path):
             return None
         path = os.path.normpath(path)
         return None if path in self.files or path in self.folders else "no such tracked file"

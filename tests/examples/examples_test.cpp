@@ -53,7 +53,7 @@ ServerOptions answering(std::function<std::string(size_t index, uint32_t streamI
     return options;
 }
 
-ServerOptions answeringWith(int code, std::string body) {
+ServerOptions answeringWith(int code, const std::string& body) {
     return answering([=](size_t, uint32_t streamId) { return response(streamId, code, body); });
 }
 

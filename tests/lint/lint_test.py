@@ -179,7 +179,7 @@ class Links(Tree):
             "[a](#by-name)", "[a](../tools)", "[a](../tools/)", "[a](../README.md#a-tree)",
             "[![b](../tools/a.h)](..)", "[a][B]", "[b]: a.md", "[a](mailto:a@example.org)",
             "[a](https://en.example.org/a_(b) 'c')", "`[a](b.md)`", "<!-- [a](b.md) -->",
-            "`tools/a.h` `tools/` `build/a` `nowhere/a` `a.h`")) + "\n")
+            "`tools/a.h` `tools/` `build/a` `nowhere/a` `a.h` `tools/NAME` `tools/NAME/a`")) + "\n")
         self.track()
         self.accepts("links")
 

@@ -74,8 +74,8 @@ inline ServerOptions answering(Answer answer, bool tls = false) {
 }
 
 // The same, with one response for all.
-inline ServerOptions answeringWith(int status, std::string body, std::string fields = {},
-                                   bool tls = false) {
+inline ServerOptions answeringWith(int status, const std::string& body,
+                                   const std::string& fields = {}, bool tls = false) {
     return answering(
         [=](uint32_t streamId, size_t) { return response(streamId, status, body, fields); }, tls);
 }
@@ -135,7 +135,7 @@ inline std::string binaryBytes(size_t size) {
 // bounded amount, besides what it had in memory `before`, and then its main thread is stuck in a
 // write.
 [[nodiscard]] inline bool waitHeldBack(const Process& process, size_t before) {
-    constexpr size_t kMostPending = 16u * 1024 * 1024;
+    constexpr size_t kMostPending = size_t{16} * 1024 * 1024;
     size_t resident = 0;
     size_t looks = 0;  // in a row at which nothing had changed
     const auto hasStalled = [&] {

@@ -12,7 +12,6 @@
 namespace {
 
 using namespace h2test;
-using tiny::Frame;
 using tiny::FrameCtx;
 
 // A context, its console, and short ways to feed it.

@@ -13,9 +13,7 @@ namespace {
 
 using h2test::hex;
 using h2test::hpackIndexed;
-using h2test::hpackInteger;
 using h2test::hpackLiteral;
-using h2test::hpackString;
 using h2test::Literal;
 using hpack::HeaderField;
 using hpack::HeaderFieldRepresentation;

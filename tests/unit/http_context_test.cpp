@@ -118,8 +118,7 @@ public:
         const std::string bytes = m_input.front();
         m_input.pop_front();
         EXPECT_LE(bytes.size(), len);
-        std::memcpy(buf, bytes.data(), bytes.size());
-        return static_cast<int>(bytes.size());
+        return static_cast<int>(bytes.copy(buf, len));
     }
     int writeData(const char* buf, size_t len) override {
         m_writes.emplace_back(buf, len);
@@ -329,7 +328,7 @@ TEST_F(HttpContextTest, ReturnsMinusOneWithoutADescriptorLeft) {
 
 TEST_F(HttpContextTest, RefusesADescriptorThatSelectCannotHold) {
     ScriptedServer server;
-    const DescriptorLimit limit(2 * FD_SETSIZE);
+    const DescriptorLimit limit(rlim_t{2} * FD_SETSIZE);
     const OccupiedDescriptors below(FD_SETSIZE - 1);
     const int last = connect(server);
     EXPECT_EQ(last, FD_SETSIZE - 1);
@@ -351,7 +350,7 @@ TEST_F(HttpContextTest, RefusesADescriptorThatSelectCannotHold) {
 }
 
 TEST_F(HttpContextTest, ARefusedDescriptorIsNotLeaked) {
-    const DescriptorLimit limit(2 * FD_SETSIZE);
+    const DescriptorLimit limit(rlim_t{2} * FD_SETSIZE);
     const size_t before = openDescriptors();
     {
         ScriptedServer server;
@@ -920,7 +919,7 @@ TEST_F(HttpContextTest, RepeatsItsBytesToAPeerThatReadsSlowly) {
     engine->m_settingSent = true;
     ASSERT_EQ(context().removeHttpClientImpl(m_clients.back()->ctx()), 0);
     engine->m_rstFrameMap.clear();  // the engine has nothing to say now
-    const std::string cache = numbered(8 * 1024 * 1024);
+    const std::string cache = numbered(size_t{8} * 1024 * 1024);
     io(fd).buffer() = cache;
     EXPECT_TRUE(context().writeEventHandler(fd));
     const size_t written = io(fd).buffer().size();

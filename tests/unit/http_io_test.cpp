@@ -30,7 +30,6 @@ namespace h2test {
 namespace {
 
 using tiny::HttpIO;
-using tiny::HttpSocketBase;
 using tiny::HttpSocketOri;
 using tiny::HttpSocketSSL;
 

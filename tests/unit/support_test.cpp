@@ -218,6 +218,7 @@ TEST(CoutCapture, CatchesAllThreadsAndRestores) {
     {
         CoutCapture capture;
         std::vector<std::thread> writers;
+        writers.reserve(4);
         for (int i = 0; i < 4; ++i) {
             writers.emplace_back([] {
                 for (int line = 0; line < 100; ++line) std::cout << "line\n";
@@ -478,6 +479,7 @@ TEST_P(ServerOfEitherKind, AnswersFramesByItself) {
     ScriptedServer server(answering);
     constexpr int kClients = 20;
     std::vector<std::thread> clients;
+    clients.reserve(kClients);
     for (int i = 0; i < kClients; ++i) {
         clients.emplace_back([&, i] {
             RawClient client(server, GetParam());
