@@ -438,7 +438,7 @@ TEST(HttpSocketOri, WritesWhatFitsAndThenMinusOne) {
     auto transport = ready<HttpSocketOri>(server.port());
     server.stopReading(0);
     makeSendBufferSmall(transport->sock());
-    const std::string bytes = pattern(8 * 1024 * 1024);
+    const std::string bytes = pattern(size_t{8} * 1024 * 1024);
     size_t written = 0;
     int result = 0;
     while ((result = transport->writeData(bytes.data() + written, bytes.size() - written)) > 0) {
@@ -844,7 +844,7 @@ TEST(HttpSocketSsl, WritesMinusOneWhileNothingFitsAndGoesOnLater) {
     server.stopReading(0);
     makeSendBufferSmall(transport->sock());
     const LogCapture log;
-    const std::string bytes = pattern(8 * 1024 * 1024);
+    const std::string bytes = pattern(size_t{8} * 1024 * 1024);
     size_t written = 0;
     int result = 0;
     while ((result = transport->writeData(bytes.data() + written, 10000)) > 0) {
