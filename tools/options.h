@@ -20,6 +20,8 @@ enum ExitCode {
     EXIT_INTERRUPTED = 130   // as shells have it for SIGINT
 };
 
+constexpr int kFirstErrorStatus = 400;
+
 struct Header {
     std::string name;
     std::string value;

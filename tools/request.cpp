@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr int kFirstErrorStatus = 400;
 constexpr int kFirstServerError = 500;
 constexpr std::chrono::milliseconds kProgressPause{100};
 
@@ -130,8 +129,10 @@ const char* kindOf(int code) {
     }
 }
 
+namespace {
+
 // Takes what arrives until the request has ended, or is given up.
-static void followAnswer(const Course& course, const Deadline& deadline, Outcome& outcome) {
+void followAnswer(const Course& course, const Deadline& deadline, Outcome& outcome) {
     while (!isGivenUp(course, deadline, outcome)) {
         Arrived arrived = course.exchange.wait(nextLook(course, deadline));
         if (arrived.status) outcome.status = arrived.status;
@@ -145,6 +146,8 @@ static void followAnswer(const Course& course, const Deadline& deadline, Outcome
         if (arrived.end != Arrived::NONE) return failByEnd(outcome, arrived.end, course.options);
     }
 }
+
+}  // namespace
 
 Outcome runStreaming(const Course& course) {
     const Deadline deadline = deadlineOf(course.options);

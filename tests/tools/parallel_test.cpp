@@ -1,4 +1,5 @@
 // Many requests over several connections, and the summary of them.
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <map>
@@ -104,13 +105,13 @@ TEST(H2requestParallel, SpeaksTls) {
 // The second request is reset, the fourth loses its connection; the rest are answered, those after
 // a failure on new connections.
 TEST(H2requestParallel, CountsFailuresByKindAndGoesOn) {
-    ScriptedServer* connected = nullptr;
+    std::atomic<ScriptedServer*> connected{nullptr};
     ServerOptions options = silent();
     options.responder = [&, nth = 0](size_t index, const WireFrame& frame) mutable {
         if (frame.type != kHeaders) return std::string();
         ++nth;
         if (nth == 2) return rstStream(frame.streamId, 2);
-        if (nth == 4) connected->close(index);
+        if (nth == 4) connected.load()->close(index);
         return nth == 4 ? std::string() : response(frame.streamId, nth == 5 ? 404 : 200, "ok");
     };
     ScriptedServer server(options);
