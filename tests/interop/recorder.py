@@ -18,6 +18,7 @@ when it was the server that ended it: how, and what it had borne.
 """
 import argparse
 import asyncio
+import contextlib
 import itertools
 import socket
 import ssl
@@ -123,19 +124,32 @@ class Connection:
     async def copy(self, direction, source, sink, received):
         """Passes bytes on until either side has ended the connection."""
         held = b''
-        how = 'closes'
-        try:
-            while data := await source.read(CHUNK):
+        how = None
+        while how is None:
+            try:
+                data = await source.read(CHUNK)
+            except ssl.SSLError as failure:
+                how = f'ends TLS: {failure.reason}'
+            except OSError:
+                how = 'resets the connection'
+            else:
                 received()
                 held = self.frames(direction, held + data)
-                sink.write(data)
-                await sink.drain()
-        except ssl.SSLError as failure:
-            how = f'ends TLS: {failure.reason}'
-        except OSError:
-            how = 'resets the connection'
+                if not data:
+                    how = 'closes'
+                elif not await written(sink, data):
+                    return  # the other direction tells of that end
         self.ended(direction, how)
         sink.close()
+
+
+async def written(sink, data):
+    try:
+        sink.write(data)
+        await sink.drain()
+    except OSError:
+        return False
+    return True
 
 
 class Recorder:
@@ -167,11 +181,14 @@ class Recorder:
 
         def acknowledge():
             if self.options.at_once:
-                client.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)
+                with contextlib.suppress(OSError):  # what was read may be the last there is
+                    client.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)
 
         connection = Connection(index, self.log)
         await asyncio.gather(connection.copy('>', from_client, to_server, acknowledge),
                              connection.copy('<', from_server, to_client, lambda: None))
+        to_client.close()
+        to_server.close()
 
 
 def tls_contexts(certificate):
