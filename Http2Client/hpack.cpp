@@ -12,7 +12,6 @@ namespace {
 
 using hpack::HeaderField;
 using hpack::HeaderFieldRepresentation;
-using hpack::SharedText;
 
 constexpr uint32_t kFirstDynamicIndex = 62;
 constexpr unsigned int kUsualFields = 16;  // of one header block
@@ -217,27 +216,29 @@ void EncodeString(Buffer& encoded_buffer, const std::string& text, bool use_huff
     encoded_buffer.Append(huff);
 }
 
-// Reads the string literal at `offset` into `text` and its H bit into `use_huffman`, and moves
-// `offset` behind it. Returns false when the string runs past the block or is Huffman-coded and
-// does not decode.
-bool DecodeString(const Buffer& buff, uint32_t& offset, SharedText& text, bool& use_huffman) {
+// Reads the string literal at `offset` and its H bit into `use_huffman`, and moves `offset` behind
+// it. `text` then lies in the block, or in `decoded`. Returns false when the string runs past the
+// block or is Huffman-coded and does not decode.
+bool DecodeString(const Buffer& buff, uint32_t& offset, std::string_view& text, bool& use_huffman,
+                  std::string& decoded) {
     use_huffman = (static_cast<uint8_t>(buff.Get(offset)) & kHuffmanString.pattern) != 0;
     const uint32_t length = DecodeInteger(buff, offset, kHuffmanString.prefix_length);
     if (length == 0) {
-        text = SharedText();
+        text = {};
         return true;
     }
     if (offset >= buff.Length() || length > buff.Length() - offset) return false;
     const char* start = buff.Address(offset);
     offset += length;
     if (!use_huffman) {
-        text = SharedText(std::string_view(start, length));
+        text = {start, length};
         return true;
     }
-    Buffer decoded;
+    Buffer scratch;
     hpack::Huffman::GetInstance();
-    if (!hpack::Huffman::Decode(decoded, Buffer(start, length))) return false;
-    text = SharedText(std::string_view(decoded.Address(0), decoded.Length()));
+    if (!hpack::Huffman::Decode(scratch, Buffer(start, length))) return false;
+    decoded.assign(scratch.Length() == 0 ? "" : scratch.Address(0), scratch.Length());
+    text = decoded;
     return true;
 }
 
@@ -261,6 +262,20 @@ const HeaderField* FieldAt(const std::deque<HeaderField>& dynamic_table, uint32_
 }  // namespace
 
 namespace hpack {
+
+std::pair<SharedText, SharedText> SharedText::pair(std::string_view name, std::string_view value) {
+    if (name.empty() || value.empty()) return {SharedText(name), SharedText(value)};
+    struct Texts {
+        Texts(std::string_view first, std::string_view second) : name(first), value(second) {}
+        const std::string name;
+        const std::string value;
+    };
+    const auto texts = std::make_shared<const Texts>(name, value);
+    std::pair<SharedText, SharedText> shared;
+    shared.first.m_text = std::shared_ptr<const std::string>(texts, &texts->name);
+    shared.second.m_text = std::shared_ptr<const std::string>(texts, &texts->value);
+    return shared;
+}
 
 const std::string& SharedText::emptyText() {
     static const std::string empty;
@@ -341,6 +356,8 @@ bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Bu
     // A field without a string of its own, be it a name or a value, has the last string's flag.
     bool name_huffman = true;
     bool value_huffman = true;
+    std::string decoded_name;
+    std::string decoded_value;
     uint32_t offset = 0;
     while (offset < buff.Length()) {
         const auto first = static_cast<uint8_t>(buff.Get(offset));
@@ -370,18 +387,22 @@ bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Bu
             header.Type() = HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED;
         }
 
-        SharedText text;
         const uint32_t name_index = DecodeInteger(buff, offset, form.prefix_length);
-        if (name_index == 0) {
-            if (!DecodeString(buff, offset, text, name_huffman)) return false;
-            field.SetName(std::move(text));
-        } else {
-            const HeaderField* entry = FieldAt(dynamic_table_, name_index);
+        const HeaderField* entry = nullptr;
+        std::string_view name;
+        if (name_index != 0) {
+            entry = FieldAt(dynamic_table_, name_index);
             if (entry == nullptr) return false;
-            field.ShareName(*entry);
+        } else if (!DecodeString(buff, offset, name, name_huffman, decoded_name)) {
+            return false;
         }
-        if (!DecodeString(buff, offset, text, value_huffman)) return false;
-        field.SetValue(std::move(text));
+        std::string_view value;
+        if (!DecodeString(buff, offset, value, value_huffman, decoded_value)) return false;
+        if (entry != nullptr) {
+            field.ShareName(*entry, value);
+        } else {
+            field.SetText(name, value);
+        }
         field.SetNameUseHuffman(name_huffman);
         field.SetValueUseHuffman(value_huffman);
         if (header.Type() == HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING) {

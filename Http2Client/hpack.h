@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,8 @@ public:
     explicit SharedText(std::string_view text) {
         if (!text.empty()) m_text = std::make_shared<const std::string>(text);
     }
+    // A name and a value, in one block of memory where neither is empty.
+    static std::pair<SharedText, SharedText> pair(std::string_view name, std::string_view value);
     const std::string& str() const { return m_text == nullptr ? emptyText() : *m_text; }
 
 private:
@@ -33,13 +36,12 @@ private:
 class HeaderField {
 public:
     HeaderField() = default;
-    HeaderField(const std::string& name, const std::string& value) : m_name(name), m_value(value) {}
+    HeaderField(const std::string& name, const std::string& value) { SetText(name, value); }
     HeaderField(bool nameUseHuffman, bool valueUseHuffman, const std::string& name,
                 const std::string& value)
-        : m_nameUseHuffman(nameUseHuffman),
-          m_valueUseHuffman(valueUseHuffman),
-          m_name(name),
-          m_value(value) {}
+        : m_nameUseHuffman(nameUseHuffman), m_valueUseHuffman(valueUseHuffman) {
+        SetText(name, value);
+    }
 
     // How a field stands in a header block (RFC 7541, 6).
     enum HEADER_FIELD_TYPE : int {
@@ -54,10 +56,14 @@ public:
     const std::string& Value() const { return m_value.str(); }
     void SetName(const std::string& name) { m_name = SharedText(name); }
     void SetValue(const std::string& value) { m_value = SharedText(value); }
-    void SetName(SharedText name) { m_name = std::move(name); }
-    void SetValue(SharedText value) { m_value = std::move(value); }
-    // Takes over the other field's name, or name and value, without copying a byte of text.
-    void ShareName(const HeaderField& other) { m_name = other.m_name; }
+    void SetText(std::string_view name, std::string_view value) {
+        std::tie(m_name, m_value) = SharedText::pair(name, value);
+    }
+    // Takes over the other field's name, or name and value, without copying a byte of it.
+    void ShareName(const HeaderField& other, std::string_view value) {
+        m_name = other.m_name;
+        m_value = SharedText(value);
+    }
     void ShareText(const HeaderField& other) {
         m_name = other.m_name;
         m_value = other.m_value;
