@@ -484,10 +484,10 @@ private:
     // m_baseFrame and m_frame are both set, while a payload is awaited, or both empty.
     std::shared_ptr<BaseFrame> m_baseFrame;
     Frame* m_frame = nullptr;  // owned until it is queued
-    hpack::Table m_noTable;    // for the decoders that look at none; always empty
     // Bytes not yet consumed: begins at a frame boundary, or, while a payload is awaited, with it.
     std::string m_stackedData;
     std::list<std::shared_ptr<Frame>> m_decodedFrameList;  // oldest first
+    hpack::Table m_noTable;  // for the decoders that look at none; always empty
 };
 
 }  // namespace tiny

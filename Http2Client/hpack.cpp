@@ -14,7 +14,7 @@ using hpack::HeaderField;
 using hpack::HeaderFieldRepresentation;
 
 constexpr uint32_t kFirstDynamicIndex = 62;
-constexpr unsigned int kUsualFields = 16;  // of one header block
+constexpr unsigned int kUsualFields = 16;  // of a response
 
 // RFC 7541, Appendix A. Entry 0 is never referenced. Entry 58 is "user-agent" there; here it is
 // spelt as below, so a request's user-agent goes out with its name in full, and a server's index
@@ -352,7 +352,7 @@ bool Table::Encode(Buffer& encoded_buffer,
 
 bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Buffer& buff,
                    bool /*update_table*/) {
-    header_list.reserve(header_list.size() + std::min(buff.Length(), kUsualFields));
+    if (header_list.empty()) header_list.reserve(std::min(buff.Length(), kUsualFields));
     // A field without a string of its own, be it a name or a value, has the last string's flag.
     bool name_huffman = true;
     bool value_huffman = true;

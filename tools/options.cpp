@@ -18,6 +18,9 @@ namespace {
 // sequence of HEADERS frames that it makes of more.
 constexpr size_t kHeaderLimit = 16283;
 
+// The longest name, value or path whose length the library writes so that servers can read it.
+constexpr size_t kTextLimit = 382;
+
 // The library has no use for a descriptor of 1024 or above, and the process needs some itself.
 constexpr unsigned int kMostConnections = 1000;
 
@@ -76,9 +79,20 @@ void checkAddress(const Options& options) {
     }
 }
 
+void checkTextSize(const std::string& what, const std::string& text) {
+    if (text.size() <= kTextLimit) return;
+    refuse(what + " has " + std::to_string(text.size()) + " bytes; servers can read at most " +
+           std::to_string(kTextLimit) + " of this client's");
+}
+
 void checkHeaderSize(const Options& options) {
     size_t total = options.path.size();
-    for (const Header& header : options.headers) total += header.name.size() + header.value.size();
+    checkTextSize("PATH", options.path);
+    for (const Header& header : options.headers) {
+        checkTextSize("the name of a header", header.name);
+        checkTextSize("the value of the header '" + header.name + "'", header.value);
+        total += header.name.size() + header.value.size();
+    }
     if (total > kHeaderLimit) {
         refuse("PATH and headers have " + std::to_string(total) + " bytes together; at most " +
                std::to_string(kHeaderLimit) + " can be sent");

@@ -86,7 +86,7 @@ TEST(H2requestUsage, RefusesWhatMakesNoSense) {
         {{"-H", "a:", "127.0.0.1", "1", "/"}, "has no value"},
         {{"--volatile-header", "a: ", "127.0.0.1", "1", "/"}, "has no value"},
         {{"-H", "a: b\r\nc: d", "127.0.0.1", "1", "/"}, "has a line end"},
-        {{"-H", "a: " + std::string(16300, 'x'), "127.0.0.1", "1", "/"}, "at most 16283"},
+        {{"-H", "a: " + std::string(383, 'x'), "127.0.0.1", "1", "/"}, "at most 382"},
         {{"--timeout", "0", "127.0.0.1", "1", "/"}, "--timeout"},
         {{"--timeout", "soon", "127.0.0.1", "1", "/"}, "soon"},
         {{"--repeat", "0", "127.0.0.1", "1", "/"}, "--repeat"},
@@ -111,13 +111,31 @@ TEST(H2requestUsage, RefusesWhatMakesNoSense) {
 
 TEST(H2requestUsage, SendsHeadersUpToTheLimit) {
     ScriptedServer server(answeringWith(200, "ok"));
-    // PATH has 1 byte, "host" and its value are given.
-    const std::string value(16283 - 1 - 5 - 1, 'x');
-    expectAnswer(runTool(request(server, {"-H", "host: h", "-H", "a: " + value})), "ok");
+    // PATH has 1 byte, "host" and its value are given, 42 headers have 383 bytes each.
+    std::vector<std::string> options = {"-H", "host: h"};
+    for (int i = 0; i < 42; ++i) {
+        options.insert(options.end(), {"-H", "a: " + std::string(382, 'x')});
+    }
+    std::vector<std::string> rest = options;
+    rest.insert(rest.end(), {"-H", "b: " + std::string(16283 - 1 - 5 - 42 * 383 - 1, 'x')});
+    expectAnswer(runTool(request(server, rest)), "ok");
     ASSERT_EQ(server.frames(0, kHeaders).size(), 1u);
     EXPECT_TRUE(server.frames(0, kHeaders)[0].hasFlags(kEndHeaders));
-    expectComplaint(runTool(request(server, {"-H", "host: h", "-H", "a: x" + value})), kUsage,
-                    "have 16284 bytes together");
+    rest.back() += 'x';
+    expectComplaint(runTool(request(server, rest)), kUsage, "have 16284 bytes together");
+}
+
+TEST(H2requestUsage, RefusesATextThatNoServerCanRead) {
+    ScriptedServer server(answeringWith(200, "ok"));
+    const std::string longest(382, 'x');
+    expectAnswer(runTool(request(server, {"-H", longest + ": v", "-H", "a: " + longest})), "ok");
+    const std::string limit = " has 383 bytes; servers can read at most 382";
+    expectComplaint(runTool(request(server, {"-H", longest + "x: v"})), kUsage,
+                    "the name of a header" + limit);
+    expectComplaint(runTool(request(server, {"-H", "a: x" + longest})), kUsage,
+                    "the value of the header 'a'" + limit);
+    EXPECT_EQ(runTool({"127.0.0.1", "1", "/" + longest.substr(1)}).code, kCannotConnect);
+    expectComplaint(runTool({"127.0.0.1", "1", "/" + longest}), kUsage, "PATH" + limit);
 }
 
 }  // namespace
