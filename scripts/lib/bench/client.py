@@ -2,6 +2,7 @@
 
 import re
 import tempfile
+import time
 
 from measure import interleaved
 
@@ -34,6 +35,14 @@ def cpu_times():
     with open("/proc/stat", encoding="ascii") as stat:
         ticks = [int(number) for number in stat.readline().split()[1:9]]
     return sum(ticks), ticks[3] + ticks[4]
+
+
+def busy_share(seconds):
+    """The share of the machine's processor time that is used during the next seconds."""
+    all_before, idle_before = cpu_times()
+    time.sleep(seconds)
+    all_after, idle_after = cpu_times()
+    return 1 - (idle_after - idle_before) / max(1, all_after - all_before)
 
 
 def own_get(runner, servers, connections, requests, pause=0):

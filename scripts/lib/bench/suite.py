@@ -19,6 +19,8 @@ from measure import Runner
 
 FULL_RUNS = 5
 QUICK_RUNS = 2
+QUIET_SECONDS = 2
+QUIET_SHARE = 0.15
 
 
 def say(text):
@@ -51,6 +53,11 @@ def main():
     parser.add_argument("--docs", help="where to write; nothing is written without")
     parser.add_argument("--quick", action="store_true")
     options = parser.parse_args()
+
+    busy = client.busy_share(QUIET_SECONDS)
+    if options.docs and busy > QUIET_SHARE:
+        raise SystemExit(f"bench: the machine is {busy:.0%} busy with other things; figures that are "
+                         "to be published need a quiet one")
 
     started = time.monotonic()
     runs = QUICK_RUNS if options.quick else FULL_RUNS
