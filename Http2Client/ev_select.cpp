@@ -1,5 +1,9 @@
 #include "ev_select.h"
 
+#include <cassert>
+#include <new>
+#include <utility>
+
 namespace tiny {
 
 namespace {
@@ -7,6 +11,24 @@ namespace {
 bool fitsFdSet(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
 
 }  // namespace
+
+ListMemory::~ListMemory() {
+    while (m_free != nullptr) ::operator delete(std::exchange(m_free, m_free->m_next));
+}
+
+void* ListMemory::do_allocate([[maybe_unused]] size_t size, [[maybe_unused]] size_t alignment) {
+    assert(size <= kBlockSize && alignment <= alignof(std::max_align_t));
+    if (m_free == nullptr) return ::operator new(kBlockSize);
+    return std::exchange(m_free, m_free->m_next);
+}
+
+void ListMemory::do_deallocate(void* block, size_t /*size*/, size_t /*alignment*/) {
+    m_free = new (block) Block{m_free};
+}
+
+bool ListMemory::do_is_equal(const std::pmr::memory_resource& other) const noexcept {
+    return this == &other;
+}
 
 ev_select::ev_select() : m_maxfd(0) {
     FD_ZERO(&readfds);

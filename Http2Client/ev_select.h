@@ -3,11 +3,39 @@
 
 #include <sys/select.h>
 
+#include <cstddef>
+#include <memory_resource>
 #include <set>
+#include <string>
 
 #include "ev.h"
 
 namespace tiny {
+
+// The memory of a list's entries: a list takes what the last one has given back. No pool of the
+// standard library's: libstdc++ 12's goes on without a block when there is no memory to note it in.
+class ListMemory : public std::pmr::memory_resource {
+public:
+    ListMemory() = default;
+    ~ListMemory() override;
+    ListMemory(const ListMemory&) = delete;
+    ListMemory& operator=(const ListMemory&) = delete;
+
+private:
+    // An entry has two links.
+    static constexpr size_t kBlockSize = 2 * sizeof(void*) + sizeof(ev::ActiveSocket);
+
+    struct Block {
+        Block* m_next;
+    };
+
+    // Nothing but single entries.
+    void* do_allocate(size_t size, size_t alignment) override;
+    void do_deallocate(void* block, size_t size, size_t alignment) override;
+    bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override;
+
+    Block* m_free = nullptr;  // blocks of kBlockSize bytes
+};
 
 // The poller over select. Sockets are reported in ascending order. A select that fails, also by an
 // interrupting signal, reports every registered socket as in error.
@@ -32,7 +60,7 @@ private:
     fd_set _writefds;
     int m_maxfd;                // highest registered descriptor; keeps its value when the last goes
     std::set<int> m_sockfdSet;  // all registered descriptors
-    std::pmr::unsynchronized_pool_resource m_listMemory;  // a step reuses what the last one freed
+    ListMemory m_listMemory;
 };
 
 }  // namespace tiny

@@ -362,5 +362,31 @@ TEST(EvSelect, AFailureWithNothingRegisteredReportsNothing) {
     EXPECT_EQ(poll(poller, {0, -1}), Active{});
 }
 
+TEST(EvSelect, ListsTakeTheMemoryOfThoseThatAreGone) {
+    ev_select poller;
+    const ev_select other;
+    using Addresses = std::set<const ev::ActiveSocket*>;
+    const auto fill = [](ev::ActiveSockets& list, Addresses& addresses) {
+        for (int i = 0; i < 3; ++i) addresses.insert(&list.emplace_back(i, i));
+    };
+    Addresses ofFirst;
+    Addresses ofSecond;
+    Addresses ofThird;
+    ev::ActiveSockets second(&poller.m_listMemory);
+    {
+        ev::ActiveSockets first(&poller.m_listMemory);
+        fill(first, ofFirst);
+        fill(second, ofSecond);
+    }
+    ev::ActiveSockets third(&poller.m_listMemory);
+    fill(third, ofThird);
+    EXPECT_EQ(ofThird, ofFirst);
+    Addresses all = ofFirst;
+    all.insert(ofSecond.begin(), ofSecond.end());
+    EXPECT_EQ(all.size(), 6U);
+    EXPECT_TRUE(poller.m_listMemory.is_equal(poller.m_listMemory));
+    EXPECT_FALSE(poller.m_listMemory.is_equal(other.m_listMemory));
+}
+
 }  // namespace
 }  // namespace h2test
