@@ -47,3 +47,17 @@ extern "C" void __wrap_free(void* block) { __real_free(h2test::given(block)); }
 void* operator new(size_t size) { return h2test::taken(__real_malloc(size == 0 ? 1 : size), size); }
 void operator delete(void* block) noexcept { __real_free(h2test::given(block)); }
 void operator delete(void* block, size_t /*size*/) noexcept { operator delete(block); }
+
+// What the containers of std::pmr use, also where nothing is aligned.
+void* operator new(size_t size, std::align_val_t alignment) {
+    void* block = nullptr;
+    const size_t aligned = std::max(static_cast<size_t>(alignment), sizeof(void*));
+    if (posix_memalign(&block, aligned, size) != 0) std::abort();
+    return h2test::taken(block, size);
+}
+void operator delete(void* block, std::align_val_t /*alignment*/) noexcept {
+    operator delete(block);
+}
+void operator delete(void* block, size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+    operator delete(block);
+}

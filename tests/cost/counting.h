@@ -5,10 +5,9 @@
 
 namespace h2test {
 
-// What operator new has been asked for, and malloc, realloc and free by objects that are linked
-// with
-// --wrap for these three (compilers turn a realloc of nothing into a malloc). For programs of one
-// thread.
+// What operator new has been asked for, in each of its forms, and malloc, calloc, realloc and free
+// by objects that are linked with --wrap for these four (compilers turn a realloc of nothing into a
+// malloc or calloc). For programs of one thread.
 struct Allocations {
     size_t calls = 0;  // that returned a block
     size_t bytes = 0;  // asked for by them

@@ -13,8 +13,9 @@ struct Injection {
     std::atomic<bool> armed{false};
 };
 
-// Null: nothing is counted. operator new and, of the objects linked with --wrap=realloc, realloc
-// ask this.
+// Null: nothing is counted. operator new asks this, in each of its forms, and malloc, calloc and
+// realloc do for all objects that are linked with --wrap for these three (compilers turn a realloc
+// of nothing into one of the others).
 extern Injection* injection;
 
 // Counts one allocation; true when it is the one to fail.

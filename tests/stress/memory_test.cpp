@@ -1,30 +1,35 @@
 // What becomes of an exchange when one allocation fails in it: each in turn, in a process of its
 // own.
 //
-// An allocation is operator new, the library's realloc, or OpenSSL's. Allowed is that the exchange
-// goes well, that it fails with a documented result, that the application's thread gets
-// std::bad_alloc, and that the process ends with a message; not a crash, not a hang, not a report
-// of a sanitizer.
+// An allocation is operator new, the library's malloc, calloc or realloc, or OpenSSL's. Allowed is
+// that the exchange goes well, that it fails with a documented result, that the application's
+// thread gets std::bad_alloc, and that the process ends with a message; not a crash, not a hang,
+// not a report of a sanitizer.
 #include <openssl/crypto.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <memory_resource>
 #include <mutex>
 #include <new>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Http2Client/HttpClientInterface.h"
+#include "Http2Client/buffer.h"
 #include "Http2Client/httpClientApi.h"
 #include "injection.h"
 #include "tests/support/scripted_server.h"
@@ -37,11 +42,10 @@ constexpr int kBadAlloc = 11;
 constexpr unsigned int kChildSeconds = 60;  // a hang is ended by SIGALRM
 constexpr size_t kBodySize = 40'000;
 
-void* cryptoMalloc(size_t size, const char* /*file*/, int /*line*/) {
-    return injectedFailure() ? nullptr : std::malloc(size);
-}
+// Calls from here may be made to fail.
+void* cryptoMalloc(size_t size, const char* /*file*/, int /*line*/) { return std::malloc(size); }
 void* cryptoRealloc(void* block, size_t size, const char* /*file*/, int /*line*/) {
-    return std::realloc(block, size);  // which may be made to fail itself
+    return std::realloc(block, size);
 }
 void cryptoFree(void* block, const char* /*file*/, int /*line*/) { std::free(block); }
 
@@ -245,6 +249,43 @@ protected:
     int m_thrown = 0;
     int m_ended = 0;
 };
+
+// Fails the first allocation of `make`.
+template <typename Make>
+void makeWithoutMemory(Make make) {
+    static Injection failing;
+    failing.failAt = 1;
+    failing.armed = true;
+    injection = &failing;
+    make();
+}
+
+TEST(MemoryDeathTest, BufferWithoutABlockEndsTheProcess) {
+    const char* const message = "Http2Client: out of memory";
+    const Buffer other("other");
+    EXPECT_DEATH(makeWithoutMemory([] { const Buffer made; }), message);
+    EXPECT_DEATH(makeWithoutMemory([] { const Buffer made(100U); }), message);
+    EXPECT_DEATH(makeWithoutMemory([] { const Buffer made("text"); }), message);
+    EXPECT_DEATH(makeWithoutMemory([] { const Buffer made("text", 2); }), message);
+    EXPECT_DEATH(makeWithoutMemory([&] { const Buffer made(other); }), message);
+    EXPECT_DEATH(makeWithoutMemory([] { Buffer().Resize(9); }), message);
+}
+
+TEST(MemoryDeathTest, ContainerOfAResourceGetsBadAlloc) {
+    const auto grow = [] {
+        std::array<std::byte, 8> room;
+        std::pmr::monotonic_buffer_resource memory(room.data(), room.size());
+        std::pmr::vector<int> numbers(100, &memory);
+    };
+    EXPECT_EXIT(makeWithoutMemory([&] {
+                    try {
+                        grow();
+                    } catch (const std::bad_alloc&) {
+                        std::_Exit(kBadAlloc);
+                    }
+                }),
+                testing::ExitedWithCode(kBadAlloc), "");
+}
 
 INSTANTIATE_TEST_SUITE_P(Transport, Memory, testing::Bool(),
                          [](const auto& info) { return info.param ? "Tls" : "Plain"; });
