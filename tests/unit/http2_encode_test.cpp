@@ -324,6 +324,37 @@ TEST_F(Http2Encode, CreditEqualsWalkingAllEntries) {
     }
 }
 
+class Http2EncodeStreams : public Http2Encode, public testing::WithParamInterface<uint32_t> {};
+
+INSTANTIATE_TEST_SUITE_P(Finished, Http2EncodeStreams, testing::Values(1, 10'000, 1'000'000),
+                         testing::PrintToStringParamName());
+
+// However many streams are behind it, the engine gives the credit that walking them all would give.
+TEST_P(Http2EncodeStreams, CreditEqualsWalkingAllEntries) {
+    sendOpening();
+    std::mt19937 random(1);
+    std::map<uint32_t, uint32_t> counts;
+    const auto receive = [&](uint32_t index, uint32_t length) {
+        const uint32_t streamId = 2 * index + 1;
+        m_engine->addCredit(streamId, length);
+        counts.try_emplace(counts.end(), streamId, 0)->second += length;
+    };
+    const uint32_t streams = GetParam();
+    // One in a thousand is due. The sum stays below 2^31.
+    for (uint32_t i = 0; i < streams; ++i) {
+        receive(i, i % 1000 == 0 ? 32768 + random() % 1000 : random() % 2000);
+    }
+    for (int round = 0; round < 4; ++round) {
+        SCOPED_TRACE(round);
+        ASSERT_EQ(encode(), creditByWalking(counts));
+        // Some of them go on: most stay below the threshold, also the last, which ends just there.
+        for (int i = 0; i < 20; ++i) receive(random() % streams, random() % 12'000);
+        const auto last = counts.find(2 * streams - 1);
+        receive(streams - 1, last == counts.end() ? 32767 : 32767 - last->second % 32768);
+    }
+    EXPECT_EQ(m_engine->m_flowControlMap, counts);
+}
+
 TEST_F(Http2Encode, CountersWrapAtThirtyTwoBits) {
     sendOpening();
     for (int i = 0; i < 256; ++i) {
