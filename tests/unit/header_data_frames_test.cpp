@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -334,6 +335,35 @@ TEST(DataFrame, ConstructorsDiffer) {
     value.clearEndStreamFlag();
     EXPECT_FALSE(value.hasEndStreamFlag());
     EXPECT_EQ(DataFrame(Buffer("abc"), 0).getFlags(), 0);
+}
+
+TEST(DataFrame, TakesBytesInPlaceOfThoseItHas) {
+    DataFrame frame;
+    const auto expectData = [&](const std::string& bytes) {
+        EXPECT_EQ(text(frame.getData()), bytes);
+        EXPECT_EQ(frame.length(), bytes.size());
+        EXPECT_EQ(payload(frame), bytes);
+    };
+    std::string bytes = std::string(16'000, 'l') + std::string("\0end", 4);
+    const std::string kept = bytes;
+    frame.setData(bytes.data(), static_cast<unsigned int>(bytes.size()));
+    std::fill(bytes.begin(), bytes.end(), '?');  // they are copied
+    expectData(kept);
+    const GuardedBytes shorter(hex("00 FF"));
+    frame.setData(shorter.data(), 2);
+    expectData(hex("00 FF"));
+    frame.setData("unread", 0);
+    expectData("");
+    frame.setData(kept.data(), 9);
+    expectData("lllllllll");
+    frame.setPadLength(2);
+    frame.setPadFlag();
+    frame.setData("ab", 2);
+    EXPECT_EQ(frame.length(), 5U);
+    EXPECT_EQ(payload(frame), hex("02 61 62"));
+    std::string appended;
+    frame.appendTo(appended, nullptr);
+    EXPECT_EQ(appended, hex("00 00 03 | 00 | 08 | 00 00 00 00 | 02 61 62"));
 }
 
 TEST(DataFrame, DecodesPaddedAndPlain) {
