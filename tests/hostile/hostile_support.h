@@ -137,7 +137,7 @@ protected:
         EXPECT_EQ(connectTo(client, m_server, m_tls), 0);
         EXPECT_EQ(client.setUri("/", HTTP_GET), 0);
         EXPECT_EQ(client.startRequest(nullptr), 0);
-        EXPECT_TRUE(m_server.waitFramesOf(index, kHeaders));
+        EXPECT_TRUE(m_server.waitFramesOf(index, kHeaders)) << toHex(m_server.received(index));
     }
 
     static constexpr size_t kBystander = 0;
