@@ -48,6 +48,11 @@ void* operator new(size_t size) { return h2test::taken(__real_malloc(size == 0 ?
 void operator delete(void* block) noexcept { __real_free(h2test::given(block)); }
 void operator delete(void* block, size_t /*size*/) noexcept { operator delete(block); }
 
+// The C++ library's own call those above, a sanitizer's do not.
+void* operator new[](size_t size) { return operator new(size); }
+void operator delete[](void* block) noexcept { operator delete(block); }
+void operator delete[](void* block, size_t /*size*/) noexcept { operator delete(block); }
+
 // What the containers of std::pmr use, also where nothing is aligned.
 void* operator new(size_t size, std::align_val_t alignment) {
     void* block = nullptr;

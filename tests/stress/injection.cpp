@@ -37,6 +37,11 @@ void* operator new(size_t size) {
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete(void* block, size_t /*size*/) noexcept { std::free(block); }
 
+// The C++ library's own call those above, a sanitizer's do not.
+void* operator new[](size_t size) { return operator new(size); }
+void operator delete[](void* block) noexcept { operator delete(block); }
+void operator delete[](void* block, size_t /*size*/) noexcept { operator delete(block); }
+
 // What the containers of std::pmr use, also where nothing is aligned.
 void* operator new(size_t size, std::align_val_t alignment) {
     void* block = nullptr;
