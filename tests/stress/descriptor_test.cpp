@@ -108,10 +108,14 @@ TEST(DescriptorsOfTls, FailedHandshakeLeavesNoneOpen) {
         RecordingClient client;
         ASSERT_EQ(connectTo(client, server, true), 4);
     };
-    attempt();
+    attempt();  // what is opened once for the process is opened now
+    ASSERT_TRUE(server.waitClosedByPeer(0));
     const size_t before = openDescriptors();
-    for (int round = 0; round < 20; ++round) attempt();
-    EXPECT_TRUE(waitFor([&] { return openDescriptors() <= before; }));
+    for (size_t round = 1; round <= 20; ++round) {
+        attempt();
+        ASSERT_TRUE(server.waitClosedByPeer(round));
+    }
+    EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; }));
 }
 
 // One error among the many must never be read as another connection's: OpenSSL keeps its errors by
