@@ -16,13 +16,14 @@
 #include <netinet/in.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "tls_context.h"
 
 namespace h2test {
 
@@ -80,30 +81,6 @@ bool hasRead(int fd, uint64_t sent) {
     int unread = 0;
     return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
            info.tcpi_bytes_received >= sent && ioctl(fd, FIONREAD, &unread) == 0 && unread == 0;
-}
-
-const Certificate& sharedCertificate() {
-    static const Certificate certificate = makeCertificate();
-    return certificate;
-}
-
-SSL_CTX* makeTlsContext(const Certificate& certificate, bool onlyTls12) {
-    SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
-    require(context != nullptr, "SSL_CTX_new");
-    BIO* const text = BIO_new_mem_buf(certificate.certificate.data(),
-                                      static_cast<int>(certificate.certificate.size()));
-    X509* const x509 = PEM_read_bio_X509(text, nullptr, nullptr, nullptr);
-    require(x509 != nullptr && SSL_CTX_use_certificate(context, x509) == 1, "server certificate");
-    BIO* const keyText =
-        BIO_new_mem_buf(certificate.key.data(), static_cast<int>(certificate.key.size()));
-    EVP_PKEY* const key = PEM_read_bio_PrivateKey(keyText, nullptr, nullptr, nullptr);
-    require(key != nullptr && SSL_CTX_use_PrivateKey(context, key) == 1, "server key");
-    X509_free(x509);
-    EVP_PKEY_free(key);
-    BIO_free(text);
-    BIO_free(keyText);
-    if (onlyTls12) SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
-    return context;
 }
 
 }  // namespace
