@@ -1,6 +1,7 @@
 #include "random_server.h"
 
 #include <arpa/inet.h>
+#include <openssl/err.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "tests/support/bytes.h"
+#include "tests/support/tls_context.h"
 
 namespace h2test {
 
@@ -22,10 +24,14 @@ void require(bool ok, const char* what) {
     std::abort();
 }
 
+// Whether an operation of TLS that failed with `error` is to be tried again.
+bool mayGoOn(int error) { return error == SSL_ERROR_WANT_WRITE || error == SSL_ERROR_WANT_READ; }
+
 }  // namespace
 
-RandomServer::RandomServer(uint32_t seed)
+RandomServer::RandomServer(uint32_t seed, bool tls)
     : m_random(seed),
+      m_tls(tls ? makeTlsContext(sharedCertificate()) : nullptr),
       m_listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)),
       m_wake(eventfd(0, EFD_CLOEXEC)) {
     sockaddr_in address{};
@@ -54,8 +60,8 @@ void RandomServer::run() {
     while (true) {
         set.assign({{m_wake, POLLIN, 0}, {m_listener, POLLIN, 0}});
         for (const auto& [fd, connection] : m_connections) {
-            set.push_back(
-                {fd, static_cast<short>(connection.out.empty() ? POLLIN : POLLIN | POLLOUT), 0});
+            const bool sends = connection.waitsForRoom;
+            set.push_back({fd, static_cast<short>(sends ? POLLIN | POLLOUT : POLLIN), 0});
         }
         if (poll(set.data(), set.size(), -1) < 0) continue;
         if (set[0].revents != 0) return;
@@ -63,6 +69,7 @@ void RandomServer::run() {
             if (set[i].revents == 0) continue;
             const auto found = m_connections.find(set[i].fd);
             if (serve(found->first, found->second, set[i].revents)) continue;
+            found->second.tls.reset();
             close(found->first);
             m_connections.erase(found);
         }
@@ -74,20 +81,44 @@ void RandomServer::accept() {
     // accept4(2) takes null where nobody wants the address.
     // cppcheck-suppress nullPointer
     const int fd = accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd >= 0) m_connections[fd].out = settings({{3, 100}});
+    if (fd < 0) return;
+    Connection& connection = m_connections[fd];
+    connection.out = settings({{3, 100}});
+    if (m_tls == nullptr) return;
+    connection.tls.reset(SSL_new(m_tls.get()));
+    require(connection.tls != nullptr && SSL_set_fd(connection.tls.get(), fd) == 1, "SSL_new");
+    SSL_set_accept_state(connection.tls.get());
+    SSL_set_mode(connection.tls.get(),
+                 SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
 }
 
 bool RandomServer::serve(int fd, Connection& connection, short events) {
     if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 && !receive(fd, connection)) return false;
     answerFrames(fd, connection);
-    return flush(fd, connection) && !(connection.closing && connection.out.empty());
+    if (!flush(fd, connection)) return false;
+    if (!connection.closing || !connection.out.empty()) return true;
+    if (connection.tls != nullptr && connection.saysCloseNotify) SSL_shutdown(connection.tls.get());
+    return false;
 }
 
 bool RandomServer::receive(int fd, Connection& connection) {
+    if (connection.tls != nullptr) return receiveTls(connection);
     char buffer[16384];
     const ssize_t size = recv(fd, buffer, sizeof buffer, 0);
     if (size > 0) connection.in.append(buffer, static_cast<size_t>(size));
     return size != 0;
+}
+
+// All that has come: poll tells nothing of what TLS holds back. What the handshake has to send
+// waits with the SETTINGS for room.
+bool RandomServer::receiveTls(Connection& connection) {
+    ERR_clear_error();
+    char buffer[16384];
+    while (true) {
+        const int size = SSL_read(connection.tls.get(), buffer, sizeof buffer);
+        if (size <= 0) return mayGoOn(SSL_get_error(connection.tls.get(), size));
+        connection.in.append(buffer, static_cast<size_t>(size));
+    }
 }
 
 void RandomServer::answerFrames(int fd, Connection& connection) {
@@ -130,14 +161,40 @@ void RandomServer::answer(int fd, Connection& connection, uint32_t streamId) {
         connection.closing = true;
     }
     // Otherwise: silence.
+    connection.saysCloseNotify = m_random() % 2 == 0;
 }
 
 bool RandomServer::flush(int fd, Connection& connection) {
+    if (connection.tls != nullptr) return flushTls(connection);
+    connection.waitsForRoom = false;
     if (connection.out.empty()) return true;
     const ssize_t sent =
         send(fd, connection.out.data(), connection.out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const bool goesOn = sent > 0 || errno == EAGAIN;
     if (sent > 0) connection.out.erase(0, static_cast<size_t>(sent));
-    return sent > 0 || errno == EAGAIN;
+    connection.waitsForRoom = !connection.out.empty();
+    return goesOn;
+}
+
+bool RandomServer::flushTls(Connection& connection) {
+    std::string& out = connection.out;
+    ERR_clear_error();
+    size_t gone = 0;
+    bool goesOn = true;
+    connection.waitsForRoom = false;
+    while (gone < out.size()) {
+        const int sent =
+            SSL_write(connection.tls.get(), out.data() + gone, static_cast<int>(out.size() - gone));
+        if (sent <= 0) {
+            const int error = SSL_get_error(connection.tls.get(), sent);
+            connection.waitsForRoom = error == SSL_ERROR_WANT_WRITE;
+            goesOn = mayGoOn(error);
+            break;
+        }
+        gone += static_cast<size_t>(sent);
+    }
+    out.erase(0, gone);
+    return goesOn;
 }
 
 }  // namespace h2test

@@ -1,4 +1,5 @@
-// Application threads that do everything at once, against a server that does anything.
+// Application threads that do everything at once, against servers that do anything, one of them
+// over TLS.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -31,6 +32,7 @@ constexpr std::chrono::seconds kNoProgress(60);
 struct Totals {
     std::atomic<uint64_t> started{0};
     std::atomic<uint64_t> answered{0};
+    std::atomic<uint64_t> answeredOverTls{0};  // of them
     std::atomic<uint64_t> failed{0};
     std::atomic<uint64_t> closed{0};
     std::atomic<uint64_t> withdrawn{0};
@@ -40,6 +42,12 @@ struct Totals {
 };
 
 Totals totals;
+
+struct Servers {
+    explicit Servers(uint32_t seed) : plain(seed, false), tls(seed, true) {}
+    RandomServer plain;
+    RandomServer tls;
+};
 
 // Counts its callbacks. Each accepted request ends once: answered, failed, closed, or withdrawn.
 class StressClient : public tiny::HttpClientInterface {
@@ -60,12 +68,16 @@ public:
     }
     void onContentReceived(const char* data, size_t len, bool more) override {
         if (!m_running || (len != 0 && data == nullptr)) ++totals.wrong;
-        if (!more) end(totals.answered);
+        if (more) return;
+        if (m_tls) ++totals.answeredOverTls;
+        end(totals.answered);
     }
 
-    void connect(uint16_t port) {
+    void connect(const Servers& servers, bool tls) {
         withdraw();
-        m_connected = connectToServer(HTTP_2, "127.0.0.1", port) == 0;
+        m_tls = tls;
+        m_connected = connectToServer(tls ? HTTPS_2 : HTTP_2, "127.0.0.1",
+                                      (tls ? servers.tls : servers.plain).port()) == 0;
     }
 
     void start(bool post) {
@@ -133,6 +145,7 @@ private:
         if (!m_running.exchange(false)) ++totals.wrong;
     }
 
+    std::atomic<bool> m_tls{false};
     std::atomic<bool> m_connected{false};
     std::atomic<bool> m_running{false};
     std::atomic<uint64_t> m_ends{0};
@@ -144,15 +157,16 @@ struct Worker {
     std::atomic<const char*> doing{"starting"};
 };
 
-void work(Worker& worker, uint32_t seed, uint16_t port, Clock::time_point end) {
+void work(Worker& worker, uint32_t seed, const Servers& servers, Clock::time_point end) {
     std::mt19937 random(seed);
+    const auto connect = [&](StressClient& client) { client.connect(servers, random() % 4 == 0); };
     while (Clock::now() < end) {
         std::unique_ptr<StressClient>& client = worker.clients[random() % kClientsPerThread];
         switch (random() % 64) {
             case 0:
             case 1:
                 worker.doing = "connecting";
-                client->connect(port);
+                connect(*client);
                 break;
             case 2:
                 worker.doing = "cancelling";
@@ -167,7 +181,7 @@ void work(Worker& worker, uint32_t seed, uint16_t port, Clock::time_point end) {
                 client.reset();
                 client = std::make_unique<StressClient>();
                 worker.doing = "connecting";
-                client->connect(port);
+                connect(*client);
                 break;
             case 5:
                 worker.doing = "pausing";
@@ -179,7 +193,7 @@ void work(Worker& worker, uint32_t seed, uint16_t port, Clock::time_point end) {
                     std::this_thread::sleep_for(std::chrono::microseconds(200));
                     break;
                 }
-                if (!client->connected()) client->connect(port);
+                if (!client->connected()) connect(*client);
                 client->start(random() % 3 == 0);
                 break;
         }
@@ -211,8 +225,7 @@ TEST(Stress, EveryRequestEndsOnceWhateverHappensMeanwhile) {
     ignoreSigpipe();
     const uint32_t seed = std::random_device{}();
     std::fprintf(stderr, "seed %u, %d s\n", seed, STRESS_SECONDS);
-    auto server = std::make_unique<RandomServer>(seed);
-    const uint16_t port = server->port();
+    auto servers = std::make_unique<Servers>(seed);
     initHttp2Client(5);
 
     std::vector<Worker> workers(kThreads);
@@ -226,7 +239,7 @@ TEST(Stress, EveryRequestEndsOnceWhateverHappensMeanwhile) {
     const auto end = Clock::now() + kDuration;
     std::vector<std::thread> threads;
     for (uint32_t i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&, i] { work(workers[i], seed + 1 + i, port, end); });
+        threads.emplace_back([&, i] { work(workers[i], seed + 1 + i, *servers, end); });
     }
     // Meanwhile the library stops and starts again.
     while (Clock::now() < end) {
@@ -238,7 +251,7 @@ TEST(Stress, EveryRequestEndsOnceWhateverHappensMeanwhile) {
     over = true;
     watchdog.join();
 
-    server.reset();  // every connection ends, and with it every request
+    servers.reset();  // every connection ends, and with it every request
     for (const Worker& worker : workers) {
         for (const auto& client : worker.clients) {
             EXPECT_TRUE(waitFor([&] { return !client->running(); }));
@@ -248,17 +261,19 @@ TEST(Stress, EveryRequestEndsOnceWhateverHappensMeanwhile) {
     destroyHttp2Client();
 
     std::fprintf(stderr,
-                 "%llu steps; %llu started, %llu blocked; %llu answered, %llu failed, %llu closed, "
-                 "%llu withdrawn\n",
+                 "%llu steps; %llu started, %llu blocked; %llu answered (%llu over TLS), "
+                 "%llu failed, %llu closed, %llu withdrawn\n",
                  static_cast<unsigned long long>(totals.steps),
                  static_cast<unsigned long long>(totals.started),
                  static_cast<unsigned long long>(totals.blocked),
                  static_cast<unsigned long long>(totals.answered),
+                 static_cast<unsigned long long>(totals.answeredOverTls),
                  static_cast<unsigned long long>(totals.failed),
                  static_cast<unsigned long long>(totals.closed),
                  static_cast<unsigned long long>(totals.withdrawn));
     EXPECT_EQ(totals.wrong, 0U);
-    EXPECT_GT(totals.answered, 0U);
+    EXPECT_GT(totals.answeredOverTls, 0U);
+    EXPECT_GT(totals.answered, totals.answeredOverTls);
     EXPECT_GT(totals.failed, 0U);
     EXPECT_GT(totals.closed, 0U);
     // A blocked request may end without a callback: it could not start, or its time was over.
