@@ -367,7 +367,10 @@ TEST(EvSelect, ListsTakeTheMemoryOfThoseThatAreGone) {
     const ev_select other;
     using Addresses = std::set<const ev::ActiveSocket*>;
     const auto fill = [](ev::ActiveSockets& list, Addresses& addresses) {
-        for (int i = 0; i < 3; ++i) addresses.insert(&list.emplace_back(i, i));
+        for (int i = 0; i < 3; ++i) {
+            list.push_back({i, i});
+            addresses.insert(&list.back());
+        }
     };
     Addresses ofFirst;
     Addresses ofSecond;
