@@ -1,6 +1,5 @@
 #include "ev_select.h"
 
-#include <cassert>
 #include <new>
 #include <utility>
 
@@ -16,14 +15,17 @@ ListMemory::~ListMemory() {
     while (m_free != nullptr) ::operator delete(std::exchange(m_free, m_free->m_next));
 }
 
-void* ListMemory::do_allocate([[maybe_unused]] size_t size, [[maybe_unused]] size_t alignment) {
-    assert(size <= kBlockSize && alignment <= alignof(std::max_align_t));
-    if (m_free == nullptr) return ::operator new(kBlockSize);
+void* ListMemory::do_allocate(size_t size, size_t /*alignment*/) {
+    if (size != kBlockSize || m_free == nullptr) return ::operator new(size);
     return std::exchange(m_free, m_free->m_next);
 }
 
-void ListMemory::do_deallocate(void* block, size_t /*size*/, size_t /*alignment*/) {
-    m_free = new (block) Block{m_free};
+void ListMemory::do_deallocate(void* block, size_t size, size_t /*alignment*/) {
+    if (size == kBlockSize) {
+        m_free = new (block) Block{m_free};
+    } else {
+        ::operator delete(block);
+    }
 }
 
 bool ListMemory::do_is_equal(const std::pmr::memory_resource& other) const noexcept {

@@ -22,14 +22,13 @@ public:
     ListMemory& operator=(const ListMemory&) = delete;
 
 private:
-    // An entry has two links.
+    // An entry has two links. Blocks of another size, which a list has no use for, are not kept.
     static constexpr size_t kBlockSize = 2 * sizeof(void*) + sizeof(ev::ActiveSocket);
 
     struct Block {
         Block* m_next;
     };
 
-    // Nothing but single entries.
     void* do_allocate(size_t size, size_t alignment) override;
     void do_deallocate(void* block, size_t size, size_t alignment) override;
     bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override;

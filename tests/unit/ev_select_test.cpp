@@ -17,6 +17,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -389,6 +390,18 @@ TEST(EvSelect, ListsTakeTheMemoryOfThoseThatAreGone) {
     EXPECT_EQ(all.size(), 6U);
     EXPECT_TRUE(poller.m_listMemory.is_equal(poller.m_listMemory));
     EXPECT_FALSE(poller.m_listMemory.is_equal(other.m_listMemory));
+}
+
+// A block that was made for a list's entry is too small for it.
+TEST(EvSelect, GivesABlockOfAnotherSizeItsOwnMemory) {
+    ev_select poller;
+    std::pmr::memory_resource& memory = poller.m_listMemory;
+    { ev::ActiveSockets(1, ev::ActiveSocket{1, 1}, &memory); }
+    for (int i = 0; i < 2; ++i) {
+        void* const block = memory.allocate(1000);
+        EXPECT_GE(malloc_usable_size(block), 1000U);
+        memory.deallocate(block, 1000);
+    }
 }
 
 }  // namespace
