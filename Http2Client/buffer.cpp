@@ -1,7 +1,5 @@
 #include "buffer.h"
 
-#include <algorithm>
-#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +8,7 @@
 
 namespace {
 
+constexpr uint32_t kMinCapacity = 8;
 constexpr uint32_t kMaxPowerCapacity = 0x80000000;
 constexpr unsigned int kMaxIntegerBytes = 8;
 constexpr int kDumpColumns = 8;
@@ -25,9 +24,11 @@ uint32_t TextLength(const char* str) {
     return static_cast<uint32_t>(n);
 }
 
-uint32_t CapacityFor(uint32_t min, uint32_t least) {
+uint32_t CapacityFor(uint32_t min) {
     if (min > kMaxPowerCapacity) return UINT32_MAX;
-    return std::bit_ceil(std::max(min, least));
+    uint32_t capacity = kMinCapacity;
+    while (capacity < min) capacity *= 2;
+    return capacity;
 }
 
 bool IsPrintable(char ch) {
@@ -37,7 +38,7 @@ bool IsPrintable(char ch) {
 
 }  // namespace
 
-Buffer::Buffer() : buffer(nullptr), len(0), max_len(0) { UpdateBufferSize(0); }
+Buffer::Buffer() : Buffer(0U) {}
 
 Buffer::Buffer(unsigned int buff_len) : buffer(nullptr), len(0), max_len(0) {
     UpdateBufferSize(buff_len);
@@ -45,13 +46,7 @@ Buffer::Buffer(unsigned int buff_len) : buffer(nullptr), len(0), max_len(0) {
 
 Buffer::Buffer(const char* str) : Buffer(str, TextLength(str)) {}
 
-Buffer::Buffer(const char* str, unsigned int str_len) : buffer(nullptr), len(0), max_len(0) {
-    if (str == nullptr || str_len == 0) {
-        UpdateBufferSize(str_len);
-    } else {
-        Assign(str, str_len, 0);
-    }
-}
+Buffer::Buffer(const char* str, unsigned int str_len) : Buffer(str_len) { Copy(str, str_len, 0); }
 
 Buffer::Buffer(const Buffer& a) : Buffer(a.buffer, a.len) {}
 
@@ -63,13 +58,18 @@ void Buffer::Append(const char* buff, unsigned int buff_len) { Copy(buff, buff_l
 
 void Buffer::Append(char ch) { Copy(ch, len); }
 
-void Buffer::Copy(const Buffer& a, unsigned int at) { Assign(a.buffer, a.len, at); }
+void Buffer::Copy(const Buffer& a, unsigned int at) { Write(a.buffer, a.len, at); }
 
 void Buffer::Copy(const char* buff, unsigned int buff_len, unsigned int at) {
-    Assign(buff, buff == nullptr ? 0 : buff_len, at);
+    Write(buff, buff == nullptr ? 0 : buff_len, at);
 }
 
 void Buffer::Copy(char ch, unsigned int at) { Set(ch, at); }
+
+void Buffer::Resize(unsigned int buff_len) {
+    UpdateBufferSize(buff_len);
+    len = buff_len;
+}
 
 void Buffer::Set(char ch, unsigned int idx) { SetValue(static_cast<unsigned char>(ch), 1, idx); }
 
@@ -98,12 +98,8 @@ bool Buffer::SetValue(uint64_t value, int bytes, unsigned int idx) {
 }
 
 Buffer& Buffer::operator=(const Buffer& a) {
-    if (this == &a) {
-        UpdateBufferSize(len);
-        return *this;
-    }
     UpdateBufferSize(a.len);
-    std::memcpy(buffer, a.buffer, a.len);
+    std::memmove(buffer, a.buffer, a.len);
     len = a.len;
     return *this;
 }
@@ -146,19 +142,14 @@ void Buffer::PrintBuffer(const char* buff, int len) {
 }
 
 void Buffer::UpdateBufferSize(unsigned int min) {
-    const uint32_t old_max_len = max_len;
-    const uint32_t capacity = CapacityFor(min, kMinCapacity);
-    if (capacity == old_max_len) return;
-    Reallocate(capacity);
-    if (max_len > old_max_len) std::memset(buffer + old_max_len, 0, max_len - old_max_len);
-    if (len > max_len) len = max_len;
-}
-
-void Buffer::Reallocate(uint32_t capacity) {
+    const uint32_t capacity = CapacityFor(min);
+    if (capacity == max_len) return;
     auto* block = static_cast<char*>(realloc(buffer, capacity));
     if (block == nullptr) EndForLackOfMemory();
     buffer = block;
+    if (capacity > max_len) std::memset(buffer + max_len, 0, capacity - max_len);
     max_len = capacity;
+    if (len > max_len) len = max_len;
 }
 
 void Buffer::GrowTo(uint64_t min) {
@@ -166,18 +157,11 @@ void Buffer::GrowTo(uint64_t min) {
     if (max_len < min) UpdateBufferSize(static_cast<uint32_t>(min));
 }
 
-// `src` may point into this buffer, whose block moves when it grows. Of the memory that growth
-// adds, only what the copy does not fill is set to zero.
-void Buffer::Assign(const char* src, uint32_t n, uint64_t at) {
-    const uint64_t end = at + n;
-    if (end > UINT32_MAX) EndForLackOfMemory();
+// `src` may point into this buffer, whose block moves when it grows.
+void Buffer::Write(const char* src, uint32_t n, unsigned int at) {
     const bool own = src >= buffer && src < buffer + max_len;
     const size_t own_offset = own ? static_cast<size_t>(src - buffer) : 0;
-    if (const uint32_t old_max_len = max_len; old_max_len < end) {
-        Reallocate(CapacityFor(static_cast<uint32_t>(end), kMinCapacity));
-        if (at > old_max_len) std::memset(buffer + old_max_len, 0, at - old_max_len);
-        std::memset(buffer + end, 0, max_len - end);
-    }
+    GrowTo(uint64_t{at} + n);
     if (n != 0) std::memmove(buffer + at, own ? buffer + own_offset : src, n);
-    len = static_cast<uint32_t>(end);
+    len = at + n;
 }

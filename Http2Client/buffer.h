@@ -3,17 +3,16 @@
 
 #include <cstdint>
 
-// A growable array of bytes with big-endian integer access: what every layer builds and parses
-// wire data with.
+// A growable array of bytes with big-endian integer access. Every layer builds and parses wire data
+// with it.
 //
-// The capacity is always the smallest 8 * 2^k that holds what was asked for; Resize, Clear and
-// assignment shrink it, everything else only grows it. Memory that growth adds is zero. Out of
-// memory, or past what 32 bits can count, the process ends with a message: no operation works on
-// a block that is too small. Belongs to one thread at a time.
+// The capacity is the smallest 8 * 2^k that was enough. Resize, Clear and assignment may shrink it,
+// everything else only grows it. Memory that growth adds is zero. Without memory, or for a size
+// that 32 bits cannot count, the process ends with a message. Belongs to one thread at a time.
 class Buffer {
 public:
     Buffer();
-    // Reserves room for `buff_len` zero bytes; the new buffer is empty all the same.
+    // An empty buffer with room for `buff_len` bytes.
     explicit Buffer(unsigned int buff_len);
     // Copies the text up to its NUL byte; null counts as empty.
     Buffer(const char* str);
@@ -32,15 +31,12 @@ public:
     void Copy(char ch, unsigned int at);
 
     // Sets length and capacity. New bytes are old contents of the memory, or zeros.
-    void Resize(unsigned int buff_len) {
-        if (buff_len > kMinCapacity || max_len != kMinCapacity) UpdateBufferSize(buff_len);
-        len = buff_len;
-    }
+    void Resize(unsigned int buff_len);
     void Clear() { Resize(0); }
 
     unsigned int Length() const { return len; }
     // Null when `idx` is not below the length. Valid until the buffer changes.
-    const char* Address(unsigned int idx) const { return idx >= len ? nullptr : buffer + idx; }
+    char* Address(unsigned int idx) const { return idx >= len ? nullptr : buffer + idx; }
     // 0 when `idx` is not below the length.
     char Get(unsigned int idx) const { return idx >= len ? '\0' : buffer[idx]; }
     void Set(char ch, unsigned int idx);
@@ -59,7 +55,7 @@ public:
     Buffer& operator=(const Buffer& a);
     Buffer& operator=(const char* str);
 
-    // Both forms append to this buffer and return it: `a + b` changes `a`.
+    // Both operators append to this buffer and return it: `a + b` changes `a`.
     Buffer& operator+(const Buffer& a) { return *this += a; }
     Buffer& operator+(const char* str) { return *this += str; }
     Buffer& operator+(char ch) { return *this += ch; }
@@ -76,16 +72,14 @@ public:
     // 2^31). A length above the new capacity is cut to it.
     void UpdateBufferSize(unsigned int min);
 
-private:
-    static constexpr uint32_t kMinCapacity = 8;
-
-    void GrowTo(uint64_t min);  // grows, never shrinks; ends the process past 32 bits
-    void Assign(const char* src, uint32_t n, uint64_t at);
-    void Reallocate(uint32_t capacity);  // added memory is not set
-
     char* buffer;      // malloc'ed block of max_len bytes, never null
     uint32_t len;      // bytes in use; <= max_len
     uint32_t max_len;  // 8 * 2^k
+
+private:
+    // Writes `n` bytes from `at` on and ends the buffer behind them.
+    void Write(const char* src, uint32_t n, unsigned int at);
+    void GrowTo(uint64_t min);  // never shrinks; ends the process past 32 bits
 };
 
 // Holders that keep only the low bits of what is assigned to them.

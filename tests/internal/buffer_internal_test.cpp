@@ -1,4 +1,4 @@
-// What growth asks the allocator for, and what becomes of a refusal.
+// What growth asks the allocator for, and what happens when it gets nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -6,12 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iomanip>
 #include <iostream>
 
 namespace {
 
-// With this set, every request is written to standard error and refused.
+// When set, every request is written to standard error and refused.
 bool refuseMemory = false;
 
 void* observedRealloc(void* block, size_t size) {
@@ -28,77 +29,61 @@ void* observedRealloc(void* block, size_t size) {
 
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::KilledBySignal;
-using testing::Not;
-
 constexpr char kMessage[] = "Http2Client: out of memory\n";
 
-// The process ends in the first request, which is for `size` bytes.
-auto endsAskingFor(const char* size) {
-    return HasSubstr(std::string("asked for ") + size + "\n" + kMessage);
+// The process ends in the first request of `write`, which is for `size` bytes.
+void expectRequest(const char* size, const std::function<void(Buffer&)>& write) {
+    Buffer buffer("abc");
+    const auto refused = [&] {
+        refuseMemory = true;
+        write(buffer);
+    };
+    EXPECT_EXIT(refused(), testing::KilledBySignal(SIGABRT),
+                testing::HasSubstr(std::string("asked for ") + size + "\n" + kMessage));
 }
 
-auto endsWithoutAsking() { return AllOf(HasSubstr(kMessage), Not(HasSubstr("asked for"))); }
+// The process ends without a request.
+void expectNoRequest(const std::function<void(Buffer&)>& write) {
+    Buffer buffer("abc");
+    const auto refused = [&] {
+        refuseMemory = true;
+        write(buffer);
+    };
+    EXPECT_EXIT(
+        refused(), testing::KilledBySignal(SIGABRT),
+        testing::AllOf(testing::HasSubstr(kMessage), testing::Not(testing::HasSubstr("asked"))));
+}
 
 TEST(BufferGrowthDeathTest, DoublesUpToTwoGigabytesAndThenTakesAllThatCounts) {
-    Buffer buffer("abc");
-    const auto resize = [&buffer](unsigned int size) {
-        refuseMemory = true;
-        buffer.Resize(size);
-    };
-    EXPECT_EXIT(resize(9), KilledBySignal(SIGABRT), endsAskingFor("16"));
-    EXPECT_EXIT(resize(0x40000001), KilledBySignal(SIGABRT), endsAskingFor("2147483648"));
-    EXPECT_EXIT(resize(0x7FFFFFFF), KilledBySignal(SIGABRT), endsAskingFor("2147483648"));
-    EXPECT_EXIT(resize(0x80000000), KilledBySignal(SIGABRT), endsAskingFor("2147483648"));
-    EXPECT_EXIT(resize(0x80000001), KilledBySignal(SIGABRT), endsAskingFor("4294967295"));
-    EXPECT_EXIT(resize(0xFFFFFFFF), KilledBySignal(SIGABRT), endsAskingFor("4294967295"));
+    const std::pair<unsigned int, const char*> cases[] = {{9, "16"},
+                                                          {0x40000001, "2147483648"},
+                                                          {0x80000000, "2147483648"},
+                                                          {0x80000001, "4294967295"},
+                                                          {0xFFFFFFFF, "4294967295"}};
+    for (const auto& [size, asked] : cases) {
+        expectRequest(asked, [size = size](Buffer& buffer) { buffer.Resize(size); });
+    }
+    expectRequest("8", [](Buffer&) { const Buffer made; });
 }
 
 TEST(BufferGrowthDeathTest, WritesAskForRoomUpToTheirLastByte) {
-    Buffer buffer("abc");
-    const auto copy = [&buffer](unsigned int at) {
-        refuseMemory = true;
-        buffer.Copy("xy", 2, at);
-    };
-    EXPECT_EXIT(copy(7), KilledBySignal(SIGABRT), endsAskingFor("16"));
-    EXPECT_EXIT(copy(0x7FFFFFFE), KilledBySignal(SIGABRT), endsAskingFor("2147483648"));
-    EXPECT_EXIT(copy(0x7FFFFFFF), KilledBySignal(SIGABRT), endsAskingFor("4294967295"));
-    EXPECT_EXIT(copy(0xFFFFFFFD), KilledBySignal(SIGABRT), endsAskingFor("4294967295"));
-    const auto set = [&buffer](unsigned int at) {
-        refuseMemory = true;
-        buffer.Set('x', at);
-    };
-    EXPECT_EXIT(set(0x80000000), KilledBySignal(SIGABRT), endsAskingFor("4294967295"));
-    EXPECT_EXIT(set(0xFFFFFFFE), KilledBySignal(SIGABRT), endsAskingFor("4294967295"));
+    const std::pair<unsigned int, const char*> cases[] = {{7, "16"},
+                                                          {0x7FFFFFFE, "2147483648"},
+                                                          {0x7FFFFFFF, "4294967295"},
+                                                          {0xFFFFFFFD, "4294967295"}};
+    for (const auto& [at, asked] : cases) {
+        expectRequest(asked, [at = at](Buffer& buffer) { buffer.Copy("xy", 2, at); });
+        expectRequest(asked, [at = at](Buffer& buffer) { buffer.Set('x', at + 1); });
+    }
 }
 
 TEST(BufferGrowthDeathTest, NeverWrapsPastThirtyTwoBits) {
-    Buffer buffer("abc");
     const Buffer one("x");
-    const auto refused = [](const auto& write) {
-        refuseMemory = true;
-        write();
-    };
-    EXPECT_EXIT(refused([&] { buffer.Copy("xy", 2, 0xFFFFFFFE); }), KilledBySignal(SIGABRT),
-                endsWithoutAsking());
-    EXPECT_EXIT(refused([&] { buffer.Copy(one, 0xFFFFFFFF); }), KilledBySignal(SIGABRT),
-                endsWithoutAsking());
-    EXPECT_EXIT(refused([&] { buffer.Append("x", 0xFFFFFFFF); }), KilledBySignal(SIGABRT),
-                endsWithoutAsking());
-    EXPECT_EXIT(refused([&] { buffer.Set('x', 0xFFFFFFFF); }), KilledBySignal(SIGABRT),
-                endsWithoutAsking());
-    EXPECT_EXIT(refused([&] { buffer.SetValue(1, 8, 0xFFFFFFF8); }), KilledBySignal(SIGABRT),
-                endsWithoutAsking());
-}
-
-TEST(BufferGrowthDeathTest, EndsTheProcessWhenANewBufferGetsNoMemory) {
-    const auto make = [] {
-        refuseMemory = true;
-        const Buffer buffer;
-    };
-    EXPECT_EXIT(make(), KilledBySignal(SIGABRT), endsAskingFor("8"));
+    expectNoRequest([](Buffer& buffer) { buffer.Copy("xy", 2, 0xFFFFFFFE); });
+    expectNoRequest([&](Buffer& buffer) { buffer.Copy(one, 0xFFFFFFFF); });
+    expectNoRequest([](Buffer& buffer) { buffer.Append("x", 0xFFFFFFFF); });
+    expectNoRequest([](Buffer& buffer) { buffer.Set('x', 0xFFFFFFFF); });
+    expectNoRequest([](Buffer& buffer) { buffer.SetValue(1, 8, 0xFFFFFFF8); });
 }
 
 TEST(BufferGrowth, AsksForNothingWhileTheCapacityFits) {
