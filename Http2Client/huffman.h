@@ -13,11 +13,11 @@ struct HuffmanCode {
 
 namespace hpack {
 
-// The Huffman coder of header strings, as this client has always had it: it decodes nothing but
-// the empty string, and what it encodes nobody can decode. Both are contracts with the layers
-// above, which never send Huffman-coded text and give up a header block that holds any.
+// The Huffman coder of header strings (RFC 7541, 5.2), with two differences: it decodes only the
+// empty string, and its output is no valid Huffman code. The header-block coder never sends
+// Huffman-coded text, and fails a block that has any.
 //
-// After the library has been loaded it only reads shared state; any thread may use it.
+// Any thread may use it once the library is loaded: it only reads shared state.
 class Huffman {
 public:
     struct node {
@@ -39,9 +39,9 @@ public:
 
     ~Huffman();
 
-    // The singleton; the coder's operations are static, so no caller needs the result.
+    // The singleton. The coder's operations are static, so no caller needs it.
     static Huffman* GetInstance();
-    // Replaces `target` by the code of `string`. Returns true.
+    // Replaces `target` by the output for `string`. Returns true.
     static bool Encode(Buffer& target, const Buffer& string);
     // Replaces `target` by the decoded text. Returns false when a bit leads out of the tree; what
     // was decoded before stays in `target`.
