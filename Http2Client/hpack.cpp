@@ -1,9 +1,6 @@
 #include "hpack.h"
 
-#include <algorithm>
 #include <iostream>
-#include <string_view>
-#include <unordered_map>
 #include <utility>
 
 #include "huffman.h"
@@ -14,75 +11,28 @@ using hpack::HeaderField;
 using hpack::HeaderFieldRepresentation;
 
 constexpr uint32_t kFirstDynamicIndex = 62;
-constexpr unsigned int kUsualFields = 16;  // of a response
 
-// RFC 7541, Appendix A. Entry 0 is never referenced. Entry 58 is "user-agent" there; here it is
-// spelt as below, so a request's user-agent goes out with its name in full, and a server's index
-// 58 reads as this name. Both ends of many conversations have seen it so.
+// RFC 7541, Appendix A, behind an entry 0 that no index refers to. Entry 58 is "user-agent" there.
+// Here it is spelt as below, so a request's user-agent goes out with its name in full, and a
+// server's index 58 reads as this name. Existing programs and servers see these names, so it stays.
 // clang-format off
 const HeaderField static_table[kFirstDynamicIndex] = {
-    {"", ""},
-    {":authority", ""},
-    {":method", "GET"},
-    {":method", "POST"},
-    {":path", "/"},
-    {":path", "/index.html"},
-    {":scheme", "http"},
-    {":scheme", "https"},
-    {":status", "200"},
-    {":status", "204"},
-    {":status", "206"},
-    {":status", "304"},
-    {":status", "400"},
-    {":status", "404"},
-    {":status", "500"},
-    {"accept-charset", ""},
-    {"accept-encoding", "gzip, deflate"},
-    {"accept-language", ""},
-    {"accept-ranges", ""},
-    {"accept", ""},
-    {"access-control-allow-origin", ""},
-    {"age", ""},
-    {"allow", ""},
-    {"authorization", ""},
-    {"cache-control", ""},
-    {"content-disposition", ""},
-    {"content-encoding", ""},
-    {"content-language", ""},
-    {"content-length", ""},
-    {"content-location", ""},
-    {"content-range", ""},
-    {"content-type", ""},
-    {"cookie", ""},
-    {"date", ""},
-    {"etag", ""},
-    {"expect", ""},
-    {"expires", ""},
-    {"from", ""},
-    {"host", ""},
-    {"if-match", ""},
-    {"if-modified-since", ""},
-    {"if-none-match", ""},
-    {"if-range", ""},
-    {"if-unmodified-since", ""},
-    {"last-modified", ""},
-    {"link", ""},
-    {"location", ""},
-    {"max-forwards", ""},
-    {"proxy-authenticate", ""},
-    {"proxy-authorization", ""},
-    {"range", ""},
-    {"referer", ""},
-    {"refresh", ""},
-    {"retry-after", ""},
-    {"server", ""},
-    {"set-cookie", ""},
-    {"strict-transport-security", ""},
-    {"transfer-encoding", ""},
-    {"user-agend", ""},
-    {"vary", ""},
-    {"via", ""},
-    {"www-authenticate", ""},
+    {"", ""}, {":authority", ""}, {":method", "GET"}, {":method", "POST"}, {":path", "/"},
+    {":path", "/index.html"}, {":scheme", "http"}, {":scheme", "https"}, {":status", "200"},
+    {":status", "204"}, {":status", "206"}, {":status", "304"}, {":status", "400"},
+    {":status", "404"}, {":status", "500"}, {"accept-charset", ""},
+    {"accept-encoding", "gzip, deflate"}, {"accept-language", ""}, {"accept-ranges", ""},
+    {"accept", ""}, {"access-control-allow-origin", ""}, {"age", ""}, {"allow", ""},
+    {"authorization", ""}, {"cache-control", ""}, {"content-disposition", ""},
+    {"content-encoding", ""}, {"content-language", ""}, {"content-length", ""},
+    {"content-location", ""}, {"content-range", ""}, {"content-type", ""}, {"cookie", ""},
+    {"date", ""}, {"etag", ""}, {"expect", ""}, {"expires", ""}, {"from", ""}, {"host", ""},
+    {"if-match", ""}, {"if-modified-since", ""}, {"if-none-match", ""}, {"if-range", ""},
+    {"if-unmodified-since", ""}, {"last-modified", ""}, {"link", ""}, {"location", ""},
+    {"max-forwards", ""}, {"proxy-authenticate", ""}, {"proxy-authorization", ""}, {"range", ""},
+    {"referer", ""}, {"refresh", ""}, {"retry-after", ""}, {"server", ""}, {"set-cookie", ""},
+    {"strict-transport-security", ""}, {"transfer-encoding", ""}, {"user-agend", ""}, {"vary", ""},
+    {"via", ""}, {"www-authenticate", ""},
 };
 // clang-format on
 
@@ -90,18 +40,26 @@ const HeaderField static_table[kFirstDynamicIndex] = {
 const uint8_t prefix_max[9] = {0, 1, 3, 7, 15, 31, 63, 127, 255};
 constexpr uint8_t kMaxPrefixLength = 8;
 
-// First-byte pattern and prefix length of each representation (RFC 7541, 6).
+// First-byte pattern and prefix length of each representation (RFC 7541, 6), indexed by
+// HEADER_FIELD_TYPE; the size update, which stands for no field, comes last. No pattern begins
+// like another, and every first byte begins like one of them.
 struct Representation {
     uint8_t pattern;
     uint8_t prefix_length;
 };
-constexpr Representation kIndexed{0x80, 7};
-constexpr Representation kLiteralIncremental{0x40, 6};
-constexpr Representation kSizeUpdate{0x20, 5};
-constexpr Representation kLiteralNeverIndexed{0x10, 4};
-constexpr Representation kLiteralWithoutIndexing{0x00, 4};
-constexpr Representation kHuffmanString{0x80, 7};
-constexpr Representation kPlainString{0x00, 7};
+const Representation representations[] = {{0x80, 7}, {0x40, 6}, {0x00, 4}, {0x10, 4}, {0x20, 5}};
+constexpr uint32_t kSizeUpdate = 4;
+
+constexpr uint8_t kHuffmanBit = 0x80;
+constexpr uint8_t kStringPrefixLength = 7;
+
+uint32_t RepresentationOf(uint8_t first_byte) {
+    uint32_t type = 0;
+    while ((first_byte ^ representations[type].pattern) >> representations[type].prefix_length) {
+        ++type;
+    }
+    return type;
+}
 
 void AppendToTable(std::deque<HeaderField>& dynamic_table, uint32_t dynamic_table_size_max,
                    HeaderField header) {
@@ -109,45 +67,27 @@ void AppendToTable(std::deque<HeaderField>& dynamic_table, uint32_t dynamic_tabl
     while (dynamic_table.size() > dynamic_table_size_max) dynamic_table.pop_back();
 }
 
-// Where the entries of one name stand in the static table: side by side, each name in one place.
-struct EntryRange {
-    uint32_t first;
-    uint32_t count;
-};
-
-std::unordered_map<std::string_view, EntryRange> RangesOfStaticNames() {
-    std::unordered_map<std::string_view, EntryRange> ranges;
-    for (uint32_t i = 1; i < kFirstDynamicIndex; ++i) {
-        ++ranges.try_emplace(static_table[i].Name(), EntryRange{i, 0}).first->second.count;
-    }
-    return ranges;
+// Null for index 0 and beyond the dynamic table.
+const HeaderField* EntryAt(const std::deque<HeaderField>& dynamic_table, size_t index) {
+    if (index == 0) return nullptr;
+    if (index < kFirstDynamicIndex) return &static_table[index];
+    const size_t position = index - kFirstDynamicIndex;
+    return position < dynamic_table.size() ? &dynamic_table[position] : nullptr;
 }
-
-// The keys are the static table's own texts.
-const std::unordered_map<std::string_view, EntryRange> static_names = RangesOfStaticNames();
 
 uint32_t FindFromTable(const std::deque<HeaderField>& dynamic_table, const std::string& name,
                        const std::string& value) {
-    if (const auto found = static_names.find(name); found != static_names.end()) {
-        const auto [first, count] = found->second;
-        for (uint32_t i = first; i < first + count; ++i) {
-            if (value.empty() || static_table[i].Value() == value) return i;
-        }
-    }
-    for (size_t i = 0; i < dynamic_table.size(); ++i) {
-        if (dynamic_table[i].Name() != name) continue;
-        if (value.empty() || dynamic_table[i].Value() == value) {
-            return static_cast<uint32_t>(i + kFirstDynamicIndex);
-        }
+    for (uint32_t i = 1; const HeaderField* entry = EntryAt(dynamic_table, i); ++i) {
+        if (entry->Name() == name && (value.empty() || entry->Value() == value)) return i;
     }
     return 0;
 }
 
 // Replaces `buff` by the integer `i` (RFC 7541, 5.1).
 //
-// The buffer's length is a formula, not the count of the bytes written: from 256 above the prefix
-// on it may be longer, and the surplus bytes are what the buffer held before, or zeros. The RFC
-// knows no such bytes; peers have always been sent them.
+// The buffer's length comes from a formula, not from the bytes written. From 256 above the prefix
+// on it may be too long; the surplus bytes are what the buffer held before, or zeros. The RFC has
+// no such bytes; existing servers get them, so they stay.
 void EncodeInteger(Buffer& buff, uint32_t i, uint8_t prefix_length, uint8_t prefix_dummy) {
     if (prefix_length == 0 || prefix_length > kMaxPrefixLength) {
         buff.Clear();
@@ -169,10 +109,10 @@ void EncodeInteger(Buffer& buff, uint32_t i, uint8_t prefix_length, uint8_t pref
 
 // Reads the integer at `offset` and moves `offset` behind it; a truncated one reads as 0.
 //
-// RFC 7541, 5.1 takes the low seven bits of each continuation byte. This decoder adds the byte
-// whole, with its sign, and takes it from the offset's low seven bits: exact for one continuation
-// byte below 0x80 among the block's first 128 bytes, and wrong in a way of its own for all others.
-// Which headers come through depends on it.
+// RFC 7541, 5.1 takes the low seven bits of each continuation byte. This decoder adds the whole
+// byte, with its sign, and takes it from position `offset` modulo 128. That is exact for a single
+// continuation byte below 0x80 among the block's first 128 bytes, and wrong for all others. Which
+// headers an application sees depends on that, so it stays.
 uint32_t DecodeInteger(const Buffer& buff, uint32_t& offset, uint8_t prefix_length) {
     if (prefix_length == 0 || prefix_length > kMaxPrefixLength) return 0;
     const uint8_t max = prefix_max[prefix_length];
@@ -195,91 +135,73 @@ uint32_t DecodeInteger(const Buffer& buff, uint32_t& offset, uint8_t prefix_leng
 
 // Appends `text` as a string literal (RFC 7541, 5.2).
 //
-// A text with a NUL byte announces its whole length and ends before that byte. A flagged text
-// goes out as the empty Huffman string and is lost: the coder is handed an empty buffer of the
-// text's capacity. Both are how this client has always sent them; the request builder clears the
-// flags.
+// A text with a NUL byte announces its whole length and ends before that byte. A flagged text is
+// lost and goes out as the empty Huffman string: the coder is given an empty buffer of the text's
+// capacity. Existing servers get these bytes, so they stay. The request builder clears the flags.
 void EncodeString(Buffer& encoded_buffer, const std::string& text, bool use_huffman,
-                  Buffer& encode_int) {
+                  Buffer& encode_int, Buffer& huff) {
     const auto length = static_cast<uint32_t>(text.size());
     if (!use_huffman) {
-        EncodeInteger(encode_int, length, kPlainString.prefix_length, kPlainString.pattern);
+        EncodeInteger(encode_int, length, kStringPrefixLength, 0x00);
         encoded_buffer.Append(encode_int);
         encoded_buffer += text.c_str();
         return;
     }
-    Buffer huff;
     hpack::Huffman::GetInstance();
     hpack::Huffman::Encode(huff, Buffer(length));
-    EncodeInteger(encode_int, huff.Length(), kHuffmanString.prefix_length, kHuffmanString.pattern);
+    EncodeInteger(encode_int, huff.Length(), kStringPrefixLength, kHuffmanBit);
     encoded_buffer.Append(encode_int);
     encoded_buffer.Append(huff);
 }
 
-// Reads the string literal at `offset` and its H bit into `use_huffman`, and moves `offset` behind
-// it. `text` then lies in the block, or in `decoded`. Returns false when the string runs past the
-// block or is Huffman-coded and does not decode.
-bool DecodeString(const Buffer& buff, uint32_t& offset, std::string_view& text, bool& use_huffman,
-                  std::string& decoded) {
-    use_huffman = (static_cast<uint8_t>(buff.Get(offset)) & kHuffmanString.pattern) != 0;
-    const uint32_t length = DecodeInteger(buff, offset, kHuffmanString.prefix_length);
-    if (length == 0) {
-        text = {};
-        return true;
-    }
+// Reads the string literal at `offset` into `text` and its H bit into `use_huffman`, and moves
+// `offset` behind it. Returns false when the string runs past the block or is Huffman-coded and
+// does not decode.
+bool DecodeString(const Buffer& buff, uint32_t& offset, std::string& text, bool& use_huffman) {
+    use_huffman = (static_cast<uint8_t>(buff.Get(offset)) & kHuffmanBit) != 0;
+    const uint32_t length = DecodeInteger(buff, offset, kStringPrefixLength);
+    text.clear();
+    if (length == 0) return true;
     if (offset >= buff.Length() || length > buff.Length() - offset) return false;
     const char* start = buff.Address(offset);
     offset += length;
     if (!use_huffman) {
-        text = {start, length};
+        text.assign(start, length);
         return true;
     }
-    Buffer scratch;
+    Buffer decoded;
     hpack::Huffman::GetInstance();
-    if (!hpack::Huffman::Decode(scratch, Buffer(start, length))) return false;
-    decoded.assign(scratch.Length() == 0 ? "" : scratch.Address(0), scratch.Length());
-    text = decoded;
+    if (!hpack::Huffman::Decode(decoded, Buffer(start, length))) return false;
+    text.append(decoded.buffer, decoded.len);
     return true;
-}
-
-// About what the header block takes, so that its buffer need not grow again and again.
-unsigned int RoomFor(const std::vector<HeaderFieldRepresentation>& header_list) {
-    size_t room = 2 * header_list.size();
-    for (const HeaderFieldRepresentation& header : header_list) {
-        room += header.constField().Value().size();
-    }
-    return static_cast<unsigned int>(std::min<size_t>(room, UINT32_MAX));
-}
-
-// Null when `index` is 0 or beyond the dynamic table.
-const HeaderField* FieldAt(const std::deque<HeaderField>& dynamic_table, uint32_t index) {
-    if (index == 0) return nullptr;
-    if (index < kFirstDynamicIndex) return &static_table[index];
-    const uint32_t position = index - kFirstDynamicIndex;
-    return position < dynamic_table.size() ? &dynamic_table[position] : nullptr;
 }
 
 }  // namespace
 
 namespace hpack {
 
-std::pair<SharedText, SharedText> SharedText::pair(std::string_view name, std::string_view value) {
-    if (name.empty() || value.empty()) return {SharedText(name), SharedText(value)};
-    struct Texts {
-        Texts(std::string_view first, std::string_view second) : name(first), value(second) {}
-        const std::string name;
-        const std::string value;
-    };
-    const auto texts = std::make_shared<const Texts>(name, value);
-    std::pair<SharedText, SharedText> shared;
-    shared.first.m_text = std::shared_ptr<const std::string>(texts, &texts->name);
-    shared.second.m_text = std::shared_ptr<const std::string>(texts, &texts->value);
-    return shared;
+SharedText& SharedText::operator=(const SharedText& other) {
+    if (m_text == other.m_text) return *this;
+    if (hasNoCopies()) {
+        m_text->text = other.str();
+    } else {
+        share(other);
+    }
+    return *this;
 }
 
-const std::string& SharedText::emptyText() {
-    static const std::string empty;
-    return empty;
+void SharedText::set(const std::string& text) {
+    if (hasNoCopies()) {
+        m_text->text = text;
+    } else {
+        share(SharedText(text));
+    }
+}
+
+void SharedText::share(const SharedText& other) {
+    if (m_text == other.m_text) return;
+    SharedText former(other);
+    std::swap(m_text, former.m_text);
 }
 
 void Table::Append(const HeaderField& header) {
@@ -295,7 +217,7 @@ void Table::UpdateSize(uint32_t size) {
     while (dynamic_table_.size() > dynamic_table_size_max_) dynamic_table_.pop_back();
 }
 
-void Table::Update(const std::vector<HeaderFieldRepresentation>& header_list) {
+void Table::Update(std::vector<HeaderFieldRepresentation> header_list) {
     for (const HeaderFieldRepresentation& header : header_list) {
         if (header.constType() == HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING) {
             Append(header.constField());
@@ -312,103 +234,73 @@ void Table::Print() {
 
 // RFC 7541, 6.2.1 has the encoder add what it sends with incremental indexing to its table. This
 // one does not, so a field sent twice goes out as a literal twice: always valid, never shorter.
-bool Table::Encode(Buffer& encoded_buffer,
-                   const std::vector<HeaderFieldRepresentation>& header_list, bool /*update*/) {
+bool Table::Encode(Buffer& encoded_buffer, std::vector<HeaderFieldRepresentation> header_list,
+                   bool /*update*/) {
     Buffer encode_int;
+    Buffer huff;
     encoded_buffer.Clear();
-    encoded_buffer.UpdateBufferSize(RoomFor(header_list));
-    for (const HeaderFieldRepresentation& header : header_list) {
+    for (HeaderFieldRepresentation& header : header_list) {
         const HeaderField& field = header.constField();
-        Representation form = kLiteralIncremental;
-        switch (header.constType()) {
-            case HeaderField::INDEXED_HEADER_FIELD: {
-                const uint32_t index = Find(field.Name(), field.Value());
-                if (index == 0) break;  // not in the tables: a literal, as if asked for
-                EncodeInteger(encode_int, index, kIndexed.prefix_length, kIndexed.pattern);
-                encoded_buffer.Append(encode_int);
-                continue;
-            }
-            case HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING: break;
-            case HeaderField::LITERAL_HEADER_FIELD_WITHOUT_INDEXING:
-                form = kLiteralWithoutIndexing;
-                break;
-            case HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED:
-                form = kLiteralNeverIndexed;
-                break;
-            default: continue;
+        HeaderField::HEADER_FIELD_TYPE& type = header.Type();
+        uint32_t index = 0;
+        if (type == HeaderField::INDEXED_HEADER_FIELD) {
+            index = Find(field.Name(), field.Value());
+            if (index == 0) type = HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING;
         }
-        const uint32_t name_index = Find(field.Name(), "");
-        if (name_index != 0) {
-            EncodeInteger(encode_int, name_index, form.prefix_length, form.pattern);
+        if (static_cast<uint32_t>(type) >= kSizeUpdate) continue;
+        const Representation& form = representations[type];
+        const bool literal = type != HeaderField::INDEXED_HEADER_FIELD;
+        if (literal) index = Find(field.Name(), "");
+        if (index != 0) {
+            EncodeInteger(encode_int, index, form.prefix_length, form.pattern);
             encoded_buffer.Append(encode_int);
         } else {
             encoded_buffer.Append(static_cast<char>(form.pattern));
-            EncodeString(encoded_buffer, field.Name(), field.NameUseHuffman(), encode_int);
+            EncodeString(encoded_buffer, field.Name(), field.NameUseHuffman(), encode_int, huff);
         }
-        EncodeString(encoded_buffer, field.Value(), field.ValueUseHuffman(), encode_int);
+        if (!literal) continue;
+        EncodeString(encoded_buffer, field.Value(), field.ValueUseHuffman(), encode_int, huff);
     }
     return true;
 }
 
+// Each field starts as a copy of the one before, so a name or value that is no string of its own
+// has the flag of the last string. All empty strings share the texts of entry 0.
 bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Buffer& buff,
                    bool /*update_table*/) {
-    if (header_list.empty()) header_list.reserve(std::min(buff.Length(), kUsualFields));
-    // A field without a string of its own, be it a name or a value, has the last string's flag.
-    bool name_huffman = true;
-    bool value_huffman = true;
-    std::string decoded_name;
-    std::string decoded_value;
+    HeaderFieldRepresentation header;
+    HeaderField& field = header.Field();
+    std::string text;
+    bool use_huffman = false;
     uint32_t offset = 0;
     while (offset < buff.Length()) {
-        const auto first = static_cast<uint8_t>(buff.Get(offset));
-        HeaderFieldRepresentation header;
-        HeaderField& field = header.Field();
-        if ((first & kIndexed.pattern) != 0) {
-            const uint32_t index = DecodeInteger(buff, offset, kIndexed.prefix_length);
-            const HeaderField* entry = FieldAt(dynamic_table_, index);
-            if (entry == nullptr) return false;
-            field.ShareText(*entry);
-            field.SetNameUseHuffman(name_huffman);
-            field.SetValueUseHuffman(value_huffman);
-            header.Type() = HeaderField::INDEXED_HEADER_FIELD;
-            header_list.push_back(std::move(header));
+        const uint32_t type = RepresentationOf(static_cast<uint8_t>(buff.Get(offset)));
+        const uint32_t index = DecodeInteger(buff, offset, representations[type].prefix_length);
+        if (type == kSizeUpdate) {
+            UpdateSize(index);
             continue;
         }
-        Representation form = kLiteralWithoutIndexing;
-        header.Type() = HeaderField::LITERAL_HEADER_FIELD_WITHOUT_INDEXING;
-        if ((first & kLiteralIncremental.pattern) != 0) {
-            form = kLiteralIncremental;
-            header.Type() = HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING;
-        } else if ((first & kSizeUpdate.pattern) != 0) {
-            UpdateSize(DecodeInteger(buff, offset, kSizeUpdate.prefix_length));
-            continue;
-        } else if ((first & kLiteralNeverIndexed.pattern) != 0) {
-            form = kLiteralNeverIndexed;
-            header.Type() = HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED;
-        }
-
-        const uint32_t name_index = DecodeInteger(buff, offset, form.prefix_length);
-        const HeaderField* entry = nullptr;
-        std::string_view name;
-        if (name_index != 0) {
-            entry = FieldAt(dynamic_table_, name_index);
-            if (entry == nullptr) return false;
-        } else if (!DecodeString(buff, offset, name, name_huffman, decoded_name)) {
-            return false;
-        }
-        std::string_view value;
-        if (!DecodeString(buff, offset, value, value_huffman, decoded_value)) return false;
-        if (entry != nullptr) {
-            field.ShareName(*entry, value);
+        header.Type() = static_cast<HeaderField::HEADER_FIELD_TYPE>(type);
+        const bool literal = type != HeaderField::INDEXED_HEADER_FIELD;
+        const bool new_name = literal && index == 0;
+        const HeaderField* entry = EntryAt(dynamic_table_, index);
+        if (entry == nullptr && !new_name) return false;
+        if (new_name) {
+            if (!DecodeString(buff, offset, text, use_huffman)) return false;
+            text.empty() ? field.ShareName(static_table[0]) : field.SetName(text);
+            field.SetNameUseHuffman(use_huffman);
         } else {
-            field.SetText(name, value);
+            field.ShareName(*entry);
         }
-        field.SetNameUseHuffman(name_huffman);
-        field.SetValueUseHuffman(value_huffman);
-        if (header.Type() == HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING) {
-            AppendToTable(dynamic_table_, dynamic_table_size_max_, field);
+        if (literal) {
+            if (!DecodeString(buff, offset, text, use_huffman)) return false;
+            text.empty() ? field.ShareValue(static_table[0]) : field.SetValue(text);
+            field.SetValueUseHuffman(use_huffman);
+        } else {
+            field.ShareValue(*entry);
         }
-        header_list.push_back(std::move(header));
+        header_list.push_back(header);
+        if (type == HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING) Append(field);
     }
     return true;
 }

@@ -1,47 +1,61 @@
 #ifndef HTTP2CLIENT_HPACK_H
 #define HTTP2CLIENT_HPACK_H
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
 #include <string>
-#include <string_view>
-#include <tuple>
-#include <utility>
 #include <vector>
 
 #include "buffer.h"
 
 namespace hpack {
 
-// A text that its copies share and nobody changes. A header list that refers to one table entry
-// thousands of times, at a byte a reference, holds the entry's text once.
+// A text that its copies share, so that a received block with a million one-byte references to a
+// long table entry stores that entry's text once.
+//
+// A change affects no copy. A text without copies changes in place, so that earlier references
+// from str() show the new contents; otherwise they show the former contents as long as a copy has
+// them. Several threads may copy and destroy copies of one text. Moving copies.
 class SharedText {
 public:
-    SharedText() = default;
-    explicit SharedText(std::string_view text) {
-        if (!text.empty()) m_text = std::make_shared<const std::string>(text);
+    explicit SharedText(const std::string& text) : m_text(new Text{{1}, text}) {}
+    SharedText(const SharedText& other) : m_text(other.m_text) {
+        m_text->holders.fetch_add(1, std::memory_order_relaxed);
     }
-    // A name and a value, in one block of memory where neither is empty.
-    static std::pair<SharedText, SharedText> pair(std::string_view name, std::string_view value);
-    const std::string& str() const { return m_text == nullptr ? emptyText() : *m_text; }
+    ~SharedText() {
+        if (m_text->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete m_text;
+    }
+    // In place, like set(), when this text has no copies.
+    SharedText& operator=(const SharedText& other);
+
+    const std::string& str() const { return m_text->text; }
+    void set(const std::string& text);
+    void share(const SharedText& other);  // becomes a copy, whatever references show then
 
 private:
-    static const std::string& emptyText();
+    struct Text {
+        std::atomic<size_t> holders;
+        std::string text;
+    };
+    bool hasNoCopies() const { return m_text->holders.load(std::memory_order_acquire) == 1; }
 
-    std::shared_ptr<const std::string> m_text;  // null for the empty text
+    Text* m_text;  // never null
 };
 
 // A header name and value, and whether each is (to be) sent Huffman-coded.
 class HeaderField {
 public:
-    HeaderField() = default;
-    HeaderField(const std::string& name, const std::string& value) { SetText(name, value); }
+    HeaderField() : HeaderField(std::string(), std::string()) {}
+    HeaderField(const std::string& name, const std::string& value)
+        : HeaderField(true, true, name, value) {}
     HeaderField(bool nameUseHuffman, bool valueUseHuffman, const std::string& name,
                 const std::string& value)
-        : m_nameUseHuffman(nameUseHuffman), m_valueUseHuffman(valueUseHuffman) {
-        SetText(name, value);
-    }
+        : m_nameUseHuffman(nameUseHuffman),
+          m_valueUseHuffman(valueUseHuffman),
+          m_name(name),
+          m_value(value) {}
 
     // How a field stands in a header block (RFC 7541, 6).
     enum HEADER_FIELD_TYPE : int {
@@ -51,23 +65,15 @@ public:
         LITERAL_HEADER_FIELD_NEVER_INDEXED = 3
     };
 
-    // The texts stay valid until they are set again or the field ends.
+    // A reference stays valid when the text is set again. It then shows the new text, unless
+    // another field shares the former one: then it shows that, as long as that field has it.
     const std::string& Name() const { return m_name.str(); }
     const std::string& Value() const { return m_value.str(); }
-    void SetName(const std::string& name) { m_name = SharedText(name); }
-    void SetValue(const std::string& value) { m_value = SharedText(value); }
-    void SetText(std::string_view name, std::string_view value) {
-        std::tie(m_name, m_value) = SharedText::pair(name, value);
-    }
-    // Takes over the other field's name, or name and value, without copying a byte of it.
-    void ShareName(const HeaderField& other, std::string_view value) {
-        m_name = other.m_name;
-        m_value = SharedText(value);
-    }
-    void ShareText(const HeaderField& other) {
-        m_name = other.m_name;
-        m_value = other.m_value;
-    }
+    void SetName(const std::string& name) { m_name.set(name); }
+    void SetValue(const std::string& value) { m_value.set(value); }
+    // Take over the other field's text without copying a byte of it.
+    void ShareName(const HeaderField& other) { m_name.share(other.m_name); }
+    void ShareValue(const HeaderField& other) { m_value.share(other.m_value); }
     bool NameUseHuffman() const { return m_nameUseHuffman; }
     bool ValueUseHuffman() const { return m_valueUseHuffman; }
     bool SetNameUseHuffman(bool use) {
@@ -80,13 +86,15 @@ public:
     }
 
 private:
-    bool m_nameUseHuffman = true;
-    bool m_valueUseHuffman = true;
+    bool m_nameUseHuffman;
+    bool m_valueUseHuffman;
     SharedText m_name;
     SharedText m_value;
 };
 
 // A header field and the representation it is sent as or came in.
+//
+// Received lists have up to one entry for each byte of a block, so its size matters.
 class HeaderFieldRepresentation {
 public:
     HeaderField& Field() { return m_headerField; }
@@ -98,6 +106,7 @@ private:
     HeaderField m_headerField;
     HeaderField::HEADER_FIELD_TYPE m_type = HeaderField::INDEXED_HEADER_FIELD;
 };
+static_assert(sizeof(HeaderFieldRepresentation) == 32, "an entry of a received list stays small");
 
 // The static table and one dynamic table, and the header-block coder over both (RFC 7541).
 //
@@ -117,14 +126,14 @@ public:
     void UpdateSize(uint32_t size);
 
     // Appends the fields of those elements that are literals with incremental indexing.
-    void Update(const std::vector<HeaderFieldRepresentation>& header_list);
+    void Update(std::vector<HeaderFieldRepresentation> header_list);
 
     // Writes the dynamic entries to standard output, a line each, newest first.
     void Print();
 
     // Replaces `encoded_buffer` by the header block of `header_list`. Returns true. Never changes
     // the table, whatever `update` says. An element whose type is none of the four emits nothing.
-    bool Encode(Buffer& encoded_buffer, const std::vector<HeaderFieldRepresentation>& header_list,
+    bool Encode(Buffer& encoded_buffer, std::vector<HeaderFieldRepresentation> header_list,
                 bool update);
 
     // Appends the fields of the block in `buff` to `header_list`. Returns false at the first field
@@ -135,11 +144,13 @@ public:
                 bool update_table);
 
 private:
-    // RFC 7541, 4.1 counts the table's limit in octets, 32 an entry on top of its text. This table
-    // counts entries, and no server's size update means to it what the server meant. Which
-    // references resolve follows from that, so it stays.
+    // RFC 7541, 4.1 counts the table's limit in octets, 32 for each entry on top of its text. This
+    // table counts entries, also in a server's size update. Which references resolve depends on
+    // that, so it stays.
     uint32_t dynamic_table_size_max_ = 4096;
-    std::deque<HeaderField> dynamic_table_;  // newest first; at most dynamic_table_size_max_ long
+    // Newest first; at most dynamic_table_size_max_ long. A deque, since a server's every literal
+    // may put an entry in front, which a vector would make room for by moving all others.
+    std::deque<HeaderField> dynamic_table_;
 };
 
 }  // namespace hpack
