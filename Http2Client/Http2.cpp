@@ -233,7 +233,10 @@ std::string Http2::encodeKeepAlive(int& status) {
     return bytes;
 }
 
-void Http2::appendFrame(std::string& bytes, Frame& frame) { frame.appendTo(bytes, &m_hpackTable); }
+void Http2::appendFrame(std::string& bytes, Frame& frame) {
+    const std::shared_ptr<Buffer> buffer = Frame::serializeFrame(&frame, &m_hpackTable, false);
+    bytes.append(buffer->buffer, buffer->len);
+}
 
 void Http2::appendWindowUpdate(std::string& bytes, uint32_t streamId, uint32_t increment) {
     WindowUpdateFrame frame;
@@ -288,7 +291,7 @@ bool Http2::createHeaderFrame(HttpClientInterfaceImpl* impl, HeadersFrame& frame
     }
     if (list.empty()) return false;
 
-    frame.setHeaderList(std::move(list), m_hpackTable);
+    frame.setHeaderList(list, m_hpackTable);
     frame.setStreamId(impl->streamId());
     if (allTaken) frame.setEndHeadersFlag();
     if (!impl->hasPendingContent()) frame.setEndStreamFlag();

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,13 +41,17 @@ struct BaseFrame {
     bool m_reserved = false;
 };
 
-// What all frames share: the header's fields, flags, and the way to bytes and back.
+// What all frames share: the header's fields, flags, and the conversion to bytes and back.
 //
 // A frame to be sent is made with a default constructor, filled by setters and serialised. A
-// frame received is made by createFrame from its header and filled by decodeFramePayload. Frames
-// neither check themselves nor each other; they belong to one thread at a time.
+// frame received is made by createFrame from its header and filled by decodeFramePayload. No frame
+// checks its own fields or other frames; each belongs to one thread at a time.
 //
-// Two rules of all payload codecs differ from RFC 9113, and peers see both:
+// A default constructor gives the frame its own type and length. A constructor that takes values
+// leaves the type at SETTINGS, and the length at 0 unless it says otherwise (PriorityFrame sets
+// both).
+//
+// Two rules of all payload codecs differ from RFC 9113, and servers see both:
 // - A one-bit flag that shares a word with a 31-bit value is written as 0x80 in the word's last
 //   byte, not as its top bit (WINDOW_UPDATE alone writes the top bit). Read, it is the top bit.
 // - Integers are read byte by byte with each byte's sign: a byte of 0x80 or more sets all bits
@@ -88,9 +91,10 @@ public:
     // Returns the payload in a new Buffer, which the caller owns. Only HEADERS uses `table`.
     virtual Buffer* encodeFramePayload(hpack::Table* table) = 0;
 
-    // Fills the frame from `length` payload bytes at `data`. Returns false when they are too few
-    // for the frame's fixed fields and padding, or have a length the type does not allow; the
-    // frame is unchanged then. HEADERS also fails when its block does not decode.
+    // Fills the frame from `length` payload bytes at `data`. Bytes that a field lacks are zero, and
+    // a variable part whose length comes out below zero is empty. Returns false, and leaves the
+    // frame unchanged, for a SETTINGS, RST_STREAM or PRIORITY payload of a wrong length. Returns
+    // false for a HEADERS block that does not decode.
     virtual bool decodeFramePayload(const char* data, int length, hpack::Table& table) = 0;
 
     // Recomputes the payload length from the frame's fields.
@@ -109,9 +113,6 @@ public:
     // "UNKNOWN" for a type code above 9.
     std::string getFrameTypeName() const;
 
-    // Appends header and payload to `bytes`, as encodeFrame gives them.
-    void appendTo(std::string& bytes, hpack::Table* table);
-
     // Returns header and payload in a new Buffer, which the caller owns. The header's length is
     // that of the payload just encoded.
     Buffer* encodeFrame(hpack::Table* table);
@@ -125,9 +126,7 @@ public:
     static std::shared_ptr<Buffer> serializeFrame(Frame* frame, hpack::Table* table, bool print);
 
 protected:
-    // Appends what encodeFramePayload returns. Frames that are sent all the time do it without
-    // the buffer.
-    virtual void appendPayload(std::string& bytes, hpack::Table* table);
+    Frame(FRAME_TYPE type, uint32_t length) : m_length(length), m_type(type) {}
 
     uint32_t m_length = 0;
     FRAME_TYPE m_type = TYPE_SETTINGS_FRAME;
@@ -135,10 +134,6 @@ protected:
     uint32_t m_streamId = 0;
     bool m_reserved = false;
 };
-
-// A word on constructors: a default constructor gives the frame its own type. A constructor that
-// takes values leaves the base's type, SETTINGS, and the base's length unless it says otherwise
-// (only PriorityFrame sets its type).
 
 class SettingsFrame : public Frame {
 public:
@@ -152,8 +147,8 @@ public:
     };
 
     // The length stays 0, and such a frame encodes nothing, until setSettings or updateLength.
-    SettingsFrame();
-    explicit SettingsFrame(const Settings& settings);  // with its length
+    SettingsFrame() = default;
+    explicit SettingsFrame(const Settings& settings);  // computes its length
 
     // Writes the values that differ from the protocol's initial ones, in ascending order.
     Buffer* encodeFramePayload(hpack::Table* table) override;
@@ -161,10 +156,19 @@ public:
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
     void updateLength() override;
 
-    void setSettings(Settings& settings);
+    void setSettings(Settings& settings) {
+        m_settings = settings;
+        updateLength();
+    }
     const Settings& getSettings() const { return m_settings; }
-    void setAckFlag();
-    void clearAckFlag();
+    void setAckFlag() {
+        setFlags(FLAG_ACK);
+        updateLength();
+    }
+    void clearAckFlag() {
+        clearFlags(FLAG_ACK);
+        updateLength();
+    }
     bool hasAckFlag() const { return hasFlags(FLAG_ACK); }
 
 private:
@@ -173,12 +177,14 @@ private:
 
 class PingFrame : public Frame {
 public:
-    PingFrame();
-    explicit PingFrame(uint64_t opaqueData);  // type SETTINGS, length 0
+    static constexpr int kLength = 8;
+
+    PingFrame() : Frame(TYPE_PING_FRAME, kLength) {}
+    explicit PingFrame(uint64_t opaqueData) : m_opaqueData(opaqueData) {}
 
     Buffer* encodeFramePayload(hpack::Table* table) override;
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
-    void updateLength() override;
+    void updateLength() override { m_length = kLength; }
 
     void setOpaqueData(uint64_t opaqueData) { m_opaqueData = opaqueData; }
     uint64_t getOpaqueData() const { return m_opaqueData; }
@@ -192,13 +198,16 @@ private:
 
 class GoawayFrame : public Frame {
 public:
-    GoawayFrame();
-    GoawayFrame(uint32_t lastStreamId, uint32_t errorCode, Buffer debugData);  // with its length
+    static constexpr int kFixedLength = 8;
+
+    GoawayFrame() : Frame(TYPE_GOAWAY_FRAME, kFixedLength) {}
+    GoawayFrame(uint32_t lastStreamId, uint32_t errorCode,
+                Buffer debugData);  // computes its length
 
     Buffer* encodeFramePayload(hpack::Table* table) override;
     // The error code is read like the stream identifier: its top bit is dropped.
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
-    void updateLength() override;
+    void updateLength() override { m_length = m_additionalDebugData.Length() + kFixedLength; }
 
     // The reserved bit of the payload, not the header's.
     void setReserved(bool reserved) { m_reserved = reserved; }
@@ -207,11 +216,14 @@ public:
     uint32_t getLastStreamId() const { return m_lastStreamId; }
     void setErrorEode(uint32_t errorCode) { m_errorCode = errorCode; }
     uint32_t getErrorCode() const { return m_errorCode; }
-    void setAdditionalDebugData(Buffer& debugData);
+    void setAdditionalDebugData(Buffer& debugData) {
+        m_additionalDebugData = debugData;
+        updateLength();
+    }
     const Buffer& getAdditionalDebugData() const { return m_additionalDebugData; }
 
 private:
-    // A bit of its own beside the header's, of the same name.
+    // Not the header's bit, which has the same name in the base class.
     // cppcheck-suppress duplInheritedMember
     bool m_reserved = false;
     uint32_t m_lastStreamId = 0;
@@ -221,12 +233,15 @@ private:
 
 class WindowUpdateFrame : public Frame {
 public:
-    WindowUpdateFrame();
-    explicit WindowUpdateFrame(uint32_t windowSizeIncrement);  // type SETTINGS, length 0
+    static constexpr int kLength = 4;
+
+    WindowUpdateFrame() : Frame(TYPE_WINDOW_UPDATE_FRAME, kLength) {}
+    explicit WindowUpdateFrame(uint32_t windowSizeIncrement)
+        : m_windowSizeIncrement(windowSizeIncrement) {}
 
     Buffer* encodeFramePayload(hpack::Table* table) override;
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
-    void updateLength() override;
+    void updateLength() override { m_length = kLength; }
 
     // The reserved bit of the payload, not the header's.
     void setReserved(bool reserved) { m_reserved = reserved; }
@@ -236,13 +251,8 @@ public:
     }
     uint32_t getWindowSizeIncrement() const { return m_windowSizeIncrement; }
 
-protected:
-    void appendPayload(std::string& bytes, hpack::Table* table) override;
-
 private:
-    uint32_t word() const;  // the payload
-
-    // A bit of its own beside the header's, of the same name.
+    // Not the header's bit, which has the same name in the base class.
     // cppcheck-suppress duplInheritedMember
     bool m_reserved = false;
     uint32_t m_windowSizeIncrement = 0;
@@ -250,12 +260,14 @@ private:
 
 class RSTStreamFrame : public Frame {
 public:
-    RSTStreamFrame();
-    explicit RSTStreamFrame(uint32_t errorCode);  // type SETTINGS, length 0
+    static constexpr int kLength = 4;
+
+    RSTStreamFrame() : Frame(TYPE_RST_STREAM_FRAME, kLength) {}
+    explicit RSTStreamFrame(uint32_t errorCode) : m_errorCode(errorCode) {}
 
     Buffer* encodeFramePayload(hpack::Table* table) override;
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
-    void updateLength() override;
+    void updateLength() override { m_length = kLength; }
 
     uint32_t getErrorCode() const { return m_errorCode; }
     void setErrorEode(uint32_t errorCode) { m_errorCode = errorCode; }
@@ -266,13 +278,19 @@ private:
 
 class PriorityFrame : public Frame {
 public:
-    PriorityFrame();
-    PriorityFrame(bool exclusive, uint32_t streamDependency, uint8_t weight);
+    static constexpr int kLength = 5;
+
+    PriorityFrame() : Frame(TYPE_PRIORITY_FRAME, kLength) {}
+    PriorityFrame(bool exclusive, uint32_t streamDependency, uint8_t weight)
+        : Frame(TYPE_PRIORITY_FRAME, kLength),
+          m_exclusive(exclusive),
+          m_streamDependency(streamDependency),
+          m_weight(weight) {}
 
     // The weight goes out as stored, without the offset of one that RFC 7540, 6.3 gives it.
     Buffer* encodeFramePayload(hpack::Table* table) override;
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
-    void updateLength() override;
+    void updateLength() override { m_length = kLength; }
 
     void setExclusive(bool exclusive) { m_exclusive = exclusive; }
     bool hasExclusive() const { return m_exclusive; }
@@ -288,12 +306,46 @@ private:
     Buffer m_header;  // carried, used by nothing
 };
 
-class HeadersFrame : public Frame {
+// What DATA, HEADERS and PUSH_PROMISE frames share.
+class PaddedFrame : public Frame {
 public:
+    void setPadLength(uint8_t padLength) { m_padLength = padLength; }
+    uint8_t getPadLength() const { return m_padLength; }
+    void setPadFlag() {
+        setFlags(FLAG_PADDED);
+        updateLength();
+    }
+    void clearPadFlag() {
+        clearFlags(FLAG_PADDED);
+        updateLength();
+    }
+    bool hasPadFlag() const { return hasFlags(FLAG_PADDED); }
+
+protected:
+    using Frame::Frame;
+    // Sets PADDED when `padLength` is not 0.
+    explicit PaddedFrame(uint8_t padLength) : m_padLength(padLength) {
+        if (padLength != 0) setFlags(FLAG_PADDED);
+    }
+
+    // What PADDED adds to the frame's length.
+    uint32_t paddingLength() const { return hasPadFlag() ? uint32_t{m_padLength} + 1 : 0; }
+    // Writes and reads the pad length of a frame with PADDED; return the offset behind it. The
+    // readers subtract m_padLength whether or not this payload has set it.
+    unsigned int writePadLength(Buffer& payload) const;
+    int readPadLength(const char* data, int length);
+
+    uint8_t m_padLength = 0;
+};
+
+class HeadersFrame : public PaddedFrame {
+public:
+    static constexpr int kPriorityLength = 5;
+
     using HeaderList = std::vector<hpack::HeaderFieldRepresentation>;
 
-    HeadersFrame();
-    // Type SETTINGS; the block is encoded at once. PADDED is set when `padLength` is not 0.
+    HeadersFrame() : PaddedFrame(TYPE_HEADERS_FRAME, 0) {}
+    // The block is encoded at once. PRIORITY is set by the second form only.
     HeadersFrame(const HeaderList& list, hpack::Table& table, uint8_t padLength);
     HeadersFrame(const HeaderList& list, hpack::Table& table, bool exclusive,
                  uint32_t streamDependency, uint8_t weight, uint8_t padLength);
@@ -305,15 +357,16 @@ public:
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
     void updateLength() override;
 
-    void setPadLength(uint8_t padLength) { m_padLength = padLength; }
-    uint8_t getPadLength() const { return m_padLength; }
     void setExclusive(bool exclusive) { m_exclusive = exclusive; }
     bool hasExclusive() const { return m_exclusive; }
     void setStreamDependency(uint32_t streamDependency) { m_streamDependency = streamDependency; }
     uint32_t getStreamDependency() const { return m_streamDependency; }
     void setWeight(uint8_t weight) { m_weight = weight; }
     uint8_t getWeight() const { return m_weight; }
-    void setHeaderList(HeaderList list, hpack::Table& table);
+    void setHeaderList(const HeaderList& list, hpack::Table& table) {
+        m_headerList = list;
+        updateHeaderBlockFragment(table);
+    }
     const HeaderList& getHeaderList() const { return m_headerList; }
     // Replaces the block by the encoded header list.
     void updateHeaderBlockFragment(hpack::Table& table);
@@ -325,17 +378,19 @@ public:
     void setEndHeadersFlag() { setFlags(FLAG_END_HEADERS); }
     bool hasEndHeadersFlag() const { return hasFlags(FLAG_END_HEADERS); }
     void clearEndHeadersFlag() { clearFlags(FLAG_END_HEADERS); }
-    void setPadFlag();
-    bool hasPadFlag() const { return hasFlags(FLAG_PADDED); }
-    void clearPadFlag();
-    void setPriorityFlag();
+    void setPriorityFlag() {
+        setFlags(FLAG_PRIORITY);
+        updateLength();
+    }
+    void clearPriorityFlag() {
+        clearFlags(FLAG_PRIORITY);
+        updateLength();
+    }
     bool hasPriorityFlag() const { return hasFlags(FLAG_PRIORITY); }
-    void clearPriorityFlag();
 
 private:
     void appendPlainTextHead();
 
-    uint8_t m_padLength = 0;
     bool m_exclusive = false;
     uint32_t m_streamDependency = 0;
     uint8_t m_weight = 0;
@@ -346,14 +401,17 @@ private:
 // Carried but never interpreted: fragments are not decoded.
 class ContinuationFrame : public Frame {
 public:
-    ContinuationFrame();
-    explicit ContinuationFrame(Buffer& fragment);  // type SETTINGS, with its length
+    ContinuationFrame() : Frame(TYPE_CONTINUATION_FRAME, 0) {}
+    explicit ContinuationFrame(Buffer& fragment);  // computes its length
 
     Buffer* encodeFramePayload(hpack::Table* table) override;
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
-    void updateLength() override;
+    void updateLength() override { m_length = m_headerBlockFragment.Length(); }
 
-    void setHeaderBlockFragment(Buffer& fragment);
+    void setHeaderBlockFragment(Buffer& fragment) {
+        m_headerBlockFragment = fragment;
+        updateLength();
+    }
     const Buffer& getHeaderBlockFragment() const { return m_headerBlockFragment; }
     void setEndHeadersFlag() { setFlags(FLAG_END_HEADERS); }
     bool hasEndHeadersFlag() const { return hasFlags(FLAG_END_HEADERS); }
@@ -364,10 +422,13 @@ private:
 };
 
 // Carried but never interpreted: fragments are not decoded.
-class PushPromisFrame : public Frame {
+class PushPromisFrame : public PaddedFrame {
 public:
-    PushPromisFrame();
-    PushPromisFrame(uint32_t promisedStreamId, Buffer fragment, uint8_t padLength);
+    static constexpr int kStreamIdLength = 4;
+
+    PushPromisFrame() : PaddedFrame(TYPE_PUSH_PROMISE_FRAME, kStreamIdLength) {}
+    PushPromisFrame(uint32_t promisedStreamId, Buffer fragment,
+                    uint8_t padLength);  // computes its length
 
     Buffer* encodeFramePayload(hpack::Table* table) override;
     // The fragment's count does not deduct the identifier, so it takes 4 bytes more than RFC
@@ -375,66 +436,57 @@ public:
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
     void updateLength() override;
 
-    void setPadLength(uint8_t padLength) { m_padLength = padLength; }
-    uint8_t getPadLength() const { return m_padLength; }
     // The reserved bit of the promised stream's word, not the header's.
     void setReserved(bool reserved) { m_reserved = reserved; }
     bool hasReserved() const { return m_reserved; }
     void setPromisedStreamId(uint32_t streamId) { m_promisedStreamId = streamId; }
     uint32_t getPromisedStreamId() const { return m_promisedStreamId; }
-    void setHeaderBlockFragment(Buffer& fragment);
+    void setHeaderBlockFragment(Buffer& fragment) {
+        m_headerBlockFragment = fragment;
+        updateLength();
+    }
     const Buffer& getHeaderBlockFragment() const { return m_headerBlockFragment; }
     void setEndHeadersFlag() { setFlags(FLAG_END_HEADERS); }
     bool hasEndHeadersFlag() const { return hasFlags(FLAG_END_HEADERS); }
     void clearEndHeadersFlag() { clearFlags(FLAG_END_HEADERS); }
-    void setPadFlag();
-    bool hasPadFlag() const { return hasFlags(FLAG_PADDED); }
-    void clearPadFlag();
 
 private:
-    uint8_t m_padLength = 0;
     uint32_t m_promisedStreamId = 0;
     Buffer m_headerBlockFragment;
-    // A bit of its own beside the header's, of the same name.
+    // Not the header's bit, which has the same name in the base class.
     // cppcheck-suppress duplInheritedMember
     bool m_reserved = false;
 };
 
-class DataFrame : public Frame {
+class DataFrame : public PaddedFrame {
 public:
-    DataFrame();
-    DataFrame(Buffer data, uint8_t padLength);  // type SETTINGS, with its length
+    DataFrame() : PaddedFrame(TYPE_DATA_FRAME, 0) {}
+    DataFrame(Buffer data, uint8_t padLength);  // computes its length
 
     Buffer* encodeFramePayload(hpack::Table* table) override;
     bool decodeFramePayload(const char* data, int length, hpack::Table& table) override;
-    void updateLength() override;
+    void updateLength() override { m_length = m_data.Length() + paddingLength(); }
 
-    void setData(Buffer& data);
+    void setData(Buffer& data) {
+        m_data = data;
+        updateLength();
+    }
     void setData(const char* data, unsigned int length);
     const Buffer& getData() const { return m_data; }
-    void setPadLength(uint8_t padLength) { m_padLength = padLength; }
-    uint8_t getPadLength() const { return m_padLength; }
-    void setPadFlag();
-    bool hasPadFlag() const { return hasFlags(FLAG_PADDED); }
-    void clearPadFlag();
     void setEndStreamFlag() { setFlags(FLAG_END_STREAM); }
     bool hasEndStreamFlag() const { return hasFlags(FLAG_END_STREAM); }
     void clearEndStreamFlag() { clearFlags(FLAG_END_STREAM); }
 
-protected:
-    void appendPayload(std::string& bytes, hpack::Table* table) override;
-
 private:
-    uint8_t m_padLength = 0;
     Buffer m_data;
 };
 
 // Cuts the byte stream received from the server into whole frames.
 //
-// Frames come out in wire order, each decoded once, in the call that completes it. Payload
-// decoders may fail: such a frame is queued all the same, and the engine judges it. The context
-// does not check stream states, frame sequences or sizes, and it never recovers from a frame
-// type it does not know: RFC 9113, 5.5 wants those ignored, this client gives the connection up.
+// Frames come out in wire order, each decoded once, in the call that completes it. A frame whose
+// payload does not decode is queued all the same; the engine deals with what it holds. The context
+// does not check stream states, frame sequences or sizes. It never recovers from a frame type it
+// does not know: RFC 9113, 5.5 wants those ignored, this client gives up the connection.
 //
 // Writes the type name of every frame header to standard output. Poll thread only.
 class FrameCtx {
@@ -453,33 +505,19 @@ public:
     FrameCtx& operator=(const FrameCtx&) = delete;
 
     // Takes `length` more bytes of the stream; a null `data` only asks for the state. All header
-    // blocks completed by this call are decoded against a copy of `table`: what they add to it is
+    // blocks completed by this call are decoded against its copy of the table: what they add is
     // gone with the call. RFC 7541, 2.2 has the table live as long as the connection; a server's
     // later reference to such an entry does not resolve here. `flag` is not used.
-    CONTEXT_STATE sendPacket(const char* data, size_t length, const hpack::Table& table, bool flag);
+    CONTEXT_STATE sendPacket(const char* data, size_t length, hpack::Table table, bool flag);
 
-    bool hasFrame() const { return !m_decodedFrameList.empty(); }
-    // Takes the oldest queued frame; an empty pointer when there is none.
+    bool hasFrame() { return !m_decodedFrameList.empty(); }
+    // Removes and returns the oldest queued frame; an empty pointer when there is none.
     std::shared_ptr<Frame> getFrame();
 
 private:
-    // What one call has been given and not used yet.
-    struct Input {
-        void skip(size_t n) {
-            data += n;
-            length -= n;
-        }
-        const char* data;
-        size_t length;
-        const hpack::Table* table;
-        std::optional<hpack::Table> ownTable;  // made for the first header block
-    };
-
-    CONTEXT_STATE queueState() const { return hasFrame() ? CTX_DONE : CTX_MORE_DATA; }
-    CONTEXT_STATE cutFrames(Input& input);
-    const char* headerBytes(Input& input);
-    bool takePendingPayload(Input& input);
-    void queuePendingFrame(const char* payload, Input& input);
+    CONTEXT_STATE queueState() { return hasFrame() ? CTX_DONE : CTX_MORE_DATA; }
+    CONTEXT_STATE cutFrames(hpack::Table& table, size_t& used);
+    void queuePendingFrame(hpack::Table& table, size_t& used);
 
     // m_baseFrame and m_frame are both set, while a payload is awaited, or both empty.
     std::shared_ptr<BaseFrame> m_baseFrame;
@@ -487,7 +525,6 @@ private:
     // Bytes not yet consumed: begins at a frame boundary, or, while a payload is awaited, with it.
     std::string m_stackedData;
     std::list<std::shared_ptr<Frame>> m_decodedFrameList;  // oldest first
-    hpack::Table m_noTable;  // for the decoders that look at none; always empty
 };
 
 }  // namespace tiny

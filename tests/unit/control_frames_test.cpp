@@ -1,41 +1,36 @@
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "Http2Client/frame.h"
+#include "frame_support.h"
 #include "tests/support/bytes.h"
-#include "tests/support/guarded.h"
 
 namespace {
 
-using h2test::GuardedBytes;
+using h2test::be32;
 using h2test::hex;
 using namespace tiny;
 
-std::string payload(Frame& frame) {
-    const std::unique_ptr<Buffer> bytes(frame.encodeFramePayload(nullptr));
-    return std::string(bytes->buffer, bytes->len);
+// The constructors of a control frame: its own type and length by default, SETTINGS with values.
+void expectHeader(const Frame& frame, Frame::FRAME_TYPE type, uint32_t length) {
+    EXPECT_EQ(frame.getType(), type);
+    EXPECT_EQ(frame.length(), length);
+    EXPECT_EQ(frame.getFlags(), 0);
 }
 
-// Decodes from memory that ends with the payload.
-bool decode(Frame& frame, const std::string& bytes) {
-    const GuardedBytes guarded(bytes);
-    hpack::Table table;
-    return frame.decodeFramePayload(guarded.data(), static_cast<int>(bytes.size()), table);
+std::string be16be32(uint16_t id, uint32_t value) { return h2test::be16(id) + be32(value); }
+
+std::string describe(const Settings& settings) {
+    return std::to_string(settings.getHeaderTableSize()) + " " +
+           std::to_string(settings.enablePush()) + " " +
+           std::to_string(settings.getMaxConcurrentStream()) + " " +
+           std::to_string(settings.getInitialWindowSize()) + " " +
+           std::to_string(settings.getMaxFrameSize()) + " " +
+           std::to_string(settings.getMaxHeaderListSize());
 }
 
-std::string be16be32(uint16_t id, uint32_t value) { return h2test::be16(id) + h2test::be32(value); }
-
-TEST(Settings, StartWithWhatThisClientAnnounces) {
-    const Settings settings;
-    EXPECT_EQ(settings.getHeaderTableSize(), 4096U);
-    EXPECT_EQ(settings.getMaxConcurrentStream(), 100U);
-    EXPECT_EQ(settings.getInitialWindowSize(), 0x40000000U);
-    EXPECT_EQ(settings.getMaxFrameSize(), 0x800000U);
-    EXPECT_EQ(settings.getMaxHeaderListSize(), 65535U);
-    EXPECT_FALSE(settings.enablePush());
-}
+const char kDefaults[] = "4096 0 100 1073741824 8388608 65535";
 
 Settings protocolDefaults() {
     Settings settings;
@@ -48,33 +43,28 @@ Settings protocolDefaults() {
     return settings;
 }
 
-TEST(SettingsFrame, DefaultConstructedEncodesNothing) {
-    SettingsFrame frame;
-    EXPECT_EQ(frame.getType(), Frame::TYPE_SETTINGS_FRAME);
-    EXPECT_EQ(frame.length(), 0U);
-    EXPECT_EQ(payload(frame), "");
-    frame.updateLength();
-    EXPECT_EQ(frame.length(), 30U);
-}
-
 TEST(SettingsFrame, EncodesTheDefaultsInThirtyBytes) {
     const std::string expected =
         hex("00 02 00 00 00 00 | 00 03 00 00 00 64 | 00 04 40 00 00 00 |"
             "00 05 00 80 00 00 | 00 06 00 00 FF FF");
-    SettingsFrame frame;
     Settings settings;
-    frame.setSettings(settings);
-    EXPECT_EQ(frame.length(), 30U);
+    EXPECT_EQ(describe(settings), kDefaults);
+    SettingsFrame frame;
+    expectHeader(frame, Frame::TYPE_SETTINGS_FRAME, 0);
+    EXPECT_EQ(payload(frame), "");  // the length is not computed yet
+    frame.updateLength();
     EXPECT_EQ(payload(frame), expected);
-    SettingsFrame constructed{Settings()};
-    EXPECT_EQ(constructed.getType(), Frame::TYPE_SETTINGS_FRAME);
-    EXPECT_EQ(constructed.length(), 30U);
+    SettingsFrame set;
+    set.setSettings(settings);
+    EXPECT_EQ(payload(set), expected);
+    SettingsFrame constructed(settings);
+    expectHeader(constructed, Frame::TYPE_SETTINGS_FRAME, 30);
     EXPECT_EQ(payload(constructed), expected);
 }
 
 TEST(SettingsFrame, LeavesOutTheProtocolsInitialValues) {
     SettingsFrame frame(protocolDefaults());
-    EXPECT_EQ(frame.length(), 0U);
+    expectHeader(frame, Frame::TYPE_SETTINGS_FRAME, 0);
     EXPECT_EQ(payload(frame), "");
     Settings settings = protocolDefaults();
     settings.setHeaderTableSize(8192);
@@ -89,7 +79,6 @@ TEST(SettingsFrame, AckEmptiesIt) {
     frame.setAckFlag();
     EXPECT_TRUE(frame.hasAckFlag());
     EXPECT_EQ(frame.length(), 0U);
-    EXPECT_EQ(payload(frame), "");
     frame.setLength(30);
     EXPECT_EQ(payload(frame), "");
     frame.clearAckFlag();
@@ -102,19 +91,10 @@ TEST(SettingsFrame, DecodesOnlyMultiplesOfSix) {
         SettingsFrame frame(protocolDefaults());
         frame.setLength(99);
         EXPECT_EQ(decode(frame, std::string(length, '\x00')), length % 6 == 0) << length;
-        if (length % 6 != 0) {
-            EXPECT_EQ(frame.length(), 99U);
-            EXPECT_TRUE(frame.getSettings().enablePush());
-        }
+        EXPECT_EQ(frame.length(), length % 6 == 0 ? 30U : 99U);
+        EXPECT_EQ(describe(frame.getSettings()),
+                  length % 6 == 0 ? kDefaults : describe(protocolDefaults()));
     }
-}
-
-TEST(SettingsFrame, WhatIsNotSentBecomesTheRecordsDefault) {
-    SettingsFrame frame(protocolDefaults());
-    EXPECT_TRUE(decode(frame, ""));
-    EXPECT_EQ(frame.getSettings().getInitialWindowSize(), 0x40000000U);
-    EXPECT_FALSE(frame.getSettings().enablePush());
-    EXPECT_EQ(frame.length(), 30U);
     SettingsFrame ack;
     ack.setAckFlag();
     EXPECT_TRUE(decode(ack, ""));
@@ -122,96 +102,68 @@ TEST(SettingsFrame, WhatIsNotSentBecomesTheRecordsDefault) {
 }
 
 TEST(SettingsFrame, DecodesEachParameter) {
+    const std::pair<std::string, std::string> cases[] = {
+        {be16be32(1, 1) + be16be32(2, 1) + be16be32(3, 0x64) + be16be32(4, 0x7F) +
+             be16be32(5, 0x4001) + be16be32(6, 0x10000),
+         "1 1 100 127 16385 65536"},
+        // Unknown ones are skipped, and the last of several counts.
+        {be16be32(3, 7) + be16be32(8, 1) + be16be32(0x0103, 2) + be16be32(0xFF03, 2) +
+             be16be32(3, 9),
+         "4096 0 9 1073741824 8388608 65535"},
+        // The frame size is brought into its range.
+        {be16be32(5, 100), "4096 0 100 1073741824 16384 65535"},
+        {be16be32(5, 0x01000000), "4096 0 100 1073741824 16777215 65535"},
+        // Bytes have their sign.
+        {hex("00 01 00 00 FF FF"), "4294967295 0 100 1073741824 8388608 65535"},
+        {hex("00 03 00 80 00 01"), "4096 0 4286578689 1073741824 8388608 65535"},
+        {hex("00 04 80 00 00 01"), "4096 0 100 2147483649 8388608 65535"},
+        {hex("00 80 00 00 00 01"), kDefaults}};
+    for (const auto& [bytes, settings] : cases) {
+        SettingsFrame frame;
+        EXPECT_TRUE(decode(frame, bytes));
+        EXPECT_EQ(describe(frame.getSettings()), settings);
+    }
     SettingsFrame frame;
-    EXPECT_TRUE(decode(frame, be16be32(1, 1) + be16be32(2, 1) + be16be32(3, 0x64) +
-                                  be16be32(4, 0x7F) + be16be32(5, 0x4001) + be16be32(6, 0x10000)));
-    const Settings& settings = frame.getSettings();
-    EXPECT_EQ(settings.getHeaderTableSize(), 1U);
-    EXPECT_TRUE(settings.enablePush());
-    EXPECT_EQ(settings.getMaxConcurrentStream(), 100U);
-    EXPECT_EQ(settings.getInitialWindowSize(), 0x7FU);
-    EXPECT_EQ(settings.getMaxFrameSize(), 0x4001U);
-    EXPECT_EQ(settings.getMaxHeaderListSize(), 0x10000U);
-    EXPECT_EQ(frame.length(), 5U * 6U);  // push is enabled, so five differ
+    EXPECT_TRUE(decode(frame, be16be32(2, 1)));
+    EXPECT_EQ(frame.length(), 24U);  // push is enabled, so four values differ
 }
 
-TEST(SettingsFrame, LastOfARepeatedParameterHolds) {
-    SettingsFrame frame;
-    EXPECT_TRUE(
-        decode(frame, be16be32(3, 7) + be16be32(8, 1) + be16be32(0x0103, 2) + be16be32(3, 9)));
-    EXPECT_EQ(frame.getSettings().getMaxConcurrentStream(), 9U);
-}
-
-TEST(SettingsFrame, BringsTheFrameSizeIntoItsRange) {
-    SettingsFrame frame;
-    EXPECT_TRUE(decode(frame, be16be32(5, 100)));
-    EXPECT_EQ(frame.getSettings().getMaxFrameSize(), 16384U);
-    EXPECT_TRUE(decode(frame, be16be32(5, 0x01000000)));
-    EXPECT_EQ(frame.getSettings().getMaxFrameSize(), 16777215U);
-}
-
-TEST(SettingsFrame, ReadsBytesWithTheirSign) {
-    SettingsFrame frame;
-    EXPECT_TRUE(decode(frame, hex("00 04 00 00 FF FF")));
-    EXPECT_EQ(frame.getSettings().getInitialWindowSize(), 0xFFFFFFFFU);
-    EXPECT_TRUE(decode(frame, hex("00 04 00 80 00 01")));
-    EXPECT_EQ(frame.getSettings().getInitialWindowSize(), 0xFF800001U);
-    EXPECT_TRUE(decode(frame, hex("00 04 80 00 00 01")));
-    EXPECT_EQ(frame.getSettings().getInitialWindowSize(), 0x80000001U);
-}
-
-TEST(PingFrame, ConstructorsDiffer) {
-    PingFrame made;
-    made.setOpaqueData(7);
-    EXPECT_EQ(made.getType(), Frame::TYPE_PING_FRAME);
-    EXPECT_EQ(made.length(), 8U);
-    const PingFrame value(7);
-    EXPECT_EQ(value.getType(), Frame::TYPE_SETTINGS_FRAME);
-    EXPECT_EQ(value.length(), 0U);
-    EXPECT_EQ(value.getOpaqueData(), 7U);
-}
-
-TEST(PingFrame, EncodesAndDecodes) {
+TEST(PingFrame, EncodesItsOpaqueData) {
     PingFrame frame;
     frame.setOpaqueData(0x0102030405060708);
+    expectHeader(frame, Frame::TYPE_PING_FRAME, 8);
     EXPECT_EQ(payload(frame), hex("01 02 03 04 05 06 07 08"));
-    EXPECT_TRUE(decode(frame, hex("11 12 13 14 15 16 17 18")));
-    EXPECT_EQ(frame.getOpaqueData(), 0x1112131415161718U);
-    EXPECT_TRUE(decode(frame, hex("01 02 03 04 05 06 07 80")));
-    EXPECT_EQ(frame.getOpaqueData(), 0xFFFFFFFFFFFFFF80U);
-    EXPECT_TRUE(decode(frame, hex("FF 00 00 00 00 00 00 01")));
-    EXPECT_EQ(frame.getOpaqueData(), 0xFF00000000000001U);
+    frame.setLength(42);
     frame.setAckFlag();
     EXPECT_TRUE(frame.hasAckFlag());
     frame.clearAckFlag();
     EXPECT_FALSE(frame.hasAckFlag());
-    EXPECT_EQ(frame.length(), 8U);
+    EXPECT_EQ(frame.length(), 42U);
+    const PingFrame value(7);
+    expectHeader(value, Frame::TYPE_SETTINGS_FRAME, 0);
+    EXPECT_EQ(value.getOpaqueData(), 7U);
 }
 
-TEST(PingFrame, NeedsEightBytesAndIgnoresMore) {
-    for (size_t length = 0; length <= 16; ++length) {
-        PingFrame frame;
-        frame.setOpaqueData(5);
-        frame.setLength(static_cast<uint32_t>(length));
-        EXPECT_EQ(decode(frame, std::string(length, '\x01')), length >= 8) << length;
-        EXPECT_EQ(frame.getOpaqueData(), length >= 8 ? 0x0101010101010101U : 5U);
-        EXPECT_EQ(frame.length(), length >= 8 ? 8U : length);
+TEST(PingFrame, DecodesAnyLengthWithSigns) {
+    const std::pair<std::string, uint64_t> cases[] = {
+        {hex("11 12 13 14 15 16 17 18"), 0x1112131415161718},
+        {hex("01 02 03 04 05 06 07 80"), 0xFFFFFFFFFFFFFF80},
+        {hex("FF 00 00 00 00 00 00 01"), 0xFF00000000000001},
+        {hex("11 12 13 14 15 16 17 18 19"), 0x1112131415161718},
+        {hex("11 12 13"), 0x1112130000000000},  // what is missing is zero
+        {hex("11 82"), 0xFF82000000000000},
+        {"", 0}};
+    for (const auto& [bytes, opaque] : cases) {
+        PingFrame frame(5);
+        EXPECT_TRUE(decode(frame, bytes));
+        EXPECT_EQ(frame.getOpaqueData(), opaque);
+        EXPECT_EQ(frame.length(), 8U);
     }
-}
-
-TEST(GoawayFrame, ConstructorsDiffer) {
-    const GoawayFrame made;
-    EXPECT_EQ(made.getType(), Frame::TYPE_GOAWAY_FRAME);
-    EXPECT_EQ(made.length(), 8U);
-    EXPECT_FALSE(made.hasReserved());
-    GoawayFrame value(5, 2, Buffer("bye"));
-    EXPECT_EQ(value.getType(), Frame::TYPE_SETTINGS_FRAME);
-    EXPECT_EQ(value.length(), 11U);
-    EXPECT_EQ(payload(value), hex("00 00 00 05 00 00 00 02") + "bye");
 }
 
 TEST(GoawayFrame, EncodesItsReservedBitMisplaced) {
     GoawayFrame frame;
+    expectHeader(frame, Frame::TYPE_GOAWAY_FRAME, 8);
     frame.setReserved(true);
     frame.setLastStreamId(0x80000003);
     frame.setErrorEode(0x80000002);
@@ -219,153 +171,125 @@ TEST(GoawayFrame, EncodesItsReservedBitMisplaced) {
     frame.setAdditionalDebugData(debug);
     EXPECT_EQ(frame.length(), 9U);
     EXPECT_EQ(payload(frame), hex("00 00 00 83 80 00 00 02") + "d");
+    GoawayFrame value(5, 2, Buffer("bye"));
+    expectHeader(value, Frame::TYPE_SETTINGS_FRAME, 11);
+    EXPECT_EQ(payload(value), hex("00 00 00 05 00 00 00 02") + "bye");
 }
 
-TEST(GoawayFrame, DropsTheTopBitOfItsErrorCode) {
-    GoawayFrame frame;
-    EXPECT_TRUE(decode(frame, hex("00 00 00 05 80 00 00 02")));
-    EXPECT_EQ(frame.getLastStreamId(), 5U);
-    EXPECT_EQ(frame.getErrorCode(), 2U);
-    EXPECT_EQ(frame.getAdditionalDebugData().Length(), 0U);
-    EXPECT_FALSE(frame.hasReserved());
-    EXPECT_TRUE(decode(frame, hex("FF 00 00 05 00 80 00 01") + "why"));
-    EXPECT_TRUE(frame.hasReserved());
-    EXPECT_EQ(frame.getLastStreamId(), 0x7F000005U);
-    EXPECT_EQ(frame.getErrorCode(), 0xFF800001U);
-    EXPECT_STREQ(std::string(frame.getAdditionalDebugData().Address(0), 3).c_str(), "why");
-    EXPECT_EQ(frame.length(), 11U);
-}
-
-TEST(GoawayFrame, NeedsEightBytes) {
-    for (size_t length = 0; length <= 16; ++length) {
+TEST(GoawayFrame, DecodesAnyLengthWithSigns) {
+    struct Case {
+        std::string bytes;
+        bool reserved;
+        uint32_t lastStreamId;
+        uint32_t errorCode;  // without its top bit
+        std::string debugData;
+    };
+    const Case cases[] = {
+        {hex("00 00 00 05 80 00 00 02"), false, 5, 2, ""},
+        {hex("FF 00 00 05 00 80 00 01") + "why", true, 0x7F000005, 0xFF800001, "why"},
+        {hex("80 01 02 03 04 05"), true, 0x010203, 0x04050000, ""},
+        {hex("01 02 83"), false, 0xFFFF8300, 0, ""},
+        {"", false, 0, 0, ""}};
+    for (const Case& each : cases) {
         GoawayFrame frame(1, 1, Buffer("old"));
-        frame.setLength(77);
-        EXPECT_EQ(decode(frame, std::string(length, '\x01')), length >= 8) << length;
-        EXPECT_EQ(frame.getErrorCode(), length >= 8 ? 0x01010101U : 1U);
-        EXPECT_EQ(frame.getAdditionalDebugData().Length(), length >= 8 ? length - 8 : 3U);
-        EXPECT_EQ(frame.length(), length >= 8 ? length : 77U);
+        frame.setReserved(true);
+        EXPECT_TRUE(decode(frame, each.bytes));
+        EXPECT_EQ(frame.hasReserved(), each.reserved);
+        EXPECT_EQ(frame.getLastStreamId(), each.lastStreamId);
+        EXPECT_EQ(frame.getErrorCode(), each.errorCode);
+        EXPECT_EQ(text(frame.getAdditionalDebugData()), each.debugData);
+        EXPECT_EQ(frame.length(), 8 + each.debugData.size());
     }
-}
-
-TEST(WindowUpdateFrame, ConstructorsDiffer) {
-    const WindowUpdateFrame made;
-    EXPECT_EQ(made.getType(), Frame::TYPE_WINDOW_UPDATE_FRAME);
-    EXPECT_EQ(made.length(), 4U);
-    const WindowUpdateFrame value(7);
-    EXPECT_EQ(value.getType(), Frame::TYPE_SETTINGS_FRAME);
-    EXPECT_EQ(value.length(), 0U);
-    EXPECT_EQ(value.getWindowSizeIncrement(), 7U);
 }
 
 TEST(WindowUpdateFrame, PlacesItsReservedBitOnTop) {
     WindowUpdateFrame frame;
+    expectHeader(frame, Frame::TYPE_WINDOW_UPDATE_FRAME, 4);
     frame.setWindowSizeIncrement(-1);
     EXPECT_EQ(frame.getWindowSizeIncrement(), 0xFFFFFFFFU);
     EXPECT_EQ(payload(frame), hex("7F FF FF FF"));
     frame.setReserved(true);
     frame.setWindowSizeIncrement(1);
     EXPECT_EQ(payload(frame), hex("80 00 00 01"));
+    const WindowUpdateFrame value(7);
+    expectHeader(value, Frame::TYPE_SETTINGS_FRAME, 0);
+    EXPECT_EQ(value.getWindowSizeIncrement(), 7U);
 }
 
-TEST(WindowUpdateFrame, DecodesUnsigned) {
-    WindowUpdateFrame frame;
-    EXPECT_TRUE(decode(frame, hex("80 00 FF FF")));
-    EXPECT_TRUE(frame.hasReserved());
-    EXPECT_EQ(frame.getWindowSizeIncrement(), 65535U);
-    EXPECT_TRUE(decode(frame, hex("7F 80 FF 80")));
-    EXPECT_FALSE(frame.hasReserved());
-    EXPECT_EQ(frame.getWindowSizeIncrement(), 0x7F80FF80U);
-    EXPECT_TRUE(decode(frame, hex("00 00 00 00")));
-    EXPECT_EQ(frame.getWindowSizeIncrement(), 0U);
-}
-
-TEST(WindowUpdateFrame, NeedsFourBytesAndIgnoresMore) {
-    for (size_t length = 0; length <= 16; ++length) {
-        WindowUpdateFrame frame;
-        frame.setWindowSizeIncrement(9);
-        frame.setLength(77);
-        EXPECT_EQ(decode(frame, std::string(length, '\x01')), length >= 4) << length;
-        EXPECT_EQ(frame.getWindowSizeIncrement(), length >= 4 ? 0x01010101U : 9U);
-        EXPECT_EQ(frame.length(), length >= 4 ? 4U : 77U);
+TEST(WindowUpdateFrame, DecodesAnyLengthUnsigned) {
+    const std::tuple<std::string, bool, uint32_t> cases[] = {
+        {hex("80 00 FF FF"), true, 65535}, {hex("7F 80 FF 80"), false, 0x7F80FF80},
+        {hex("00 00 00 00"), false, 0},    {hex("00 00 00 01 02"), false, 1},
+        {hex("81 82"), true, 0x01820000},  {"", false, 0}};
+    for (const auto& [bytes, reserved, increment] : cases) {
+        WindowUpdateFrame frame(9);
+        frame.setReserved(true);
+        EXPECT_TRUE(decode(frame, bytes));
+        EXPECT_EQ(frame.hasReserved(), reserved);
+        EXPECT_EQ(frame.getWindowSizeIncrement(), increment);
+        EXPECT_EQ(frame.length(), 4U);
     }
 }
 
-TEST(RSTStreamFrame, ConstructorsDiffer) {
-    const RSTStreamFrame made;
-    EXPECT_EQ(made.getType(), Frame::TYPE_RST_STREAM_FRAME);
-    EXPECT_EQ(made.length(), 4U);
+TEST(RSTStreamFrame, EncodesItsErrorCode) {
+    expectHeader(RSTStreamFrame(), Frame::TYPE_RST_STREAM_FRAME, 4);
     RSTStreamFrame value(8);
-    EXPECT_EQ(value.getType(), Frame::TYPE_SETTINGS_FRAME);
-    EXPECT_EQ(value.length(), 0U);
+    expectHeader(value, Frame::TYPE_SETTINGS_FRAME, 0);
     EXPECT_EQ(payload(value), hex("00 00 00 08"));
     EXPECT_EQ(value.length(), 4U);  // encoding recomputes it
 }
 
-TEST(RSTStreamFrame, NeedsExactlyFourBytes) {
-    for (size_t length = 0; length <= 16; ++length) {
+TEST(RSTStreamFrame, DecodesExactlyFourBytesWithSigns) {
+    const std::tuple<std::string, bool, uint32_t> cases[] = {
+        {hex("00 00 00 08"), true, 8},          {hex("00 00 00 80"), true, 0xFFFFFF80},
+        {hex("80 00 00 01"), true, 0x80000001}, {hex("00 00 08"), false, 3},
+        {hex("00 00 00 00 08"), false, 3},      {"", false, 3}};
+    for (const auto& [bytes, decoded, errorCode] : cases) {
         RSTStreamFrame frame;
         frame.setErrorEode(3);
         frame.setLength(77);
-        EXPECT_EQ(decode(frame, std::string(length, '\x01')), length == 4) << length;
-        EXPECT_EQ(frame.getErrorCode(), length == 4 ? 0x01010101U : 3U);
+        EXPECT_EQ(decode(frame, bytes), decoded);
+        EXPECT_EQ(frame.getErrorCode(), errorCode);
         EXPECT_EQ(frame.length(), 77U);  // never recomputed here
     }
 }
 
-TEST(RSTStreamFrame, ReadsBytesWithTheirSign) {
-    RSTStreamFrame frame;
-    EXPECT_TRUE(decode(frame, hex("00 00 00 08")));
-    EXPECT_EQ(frame.getErrorCode(), 8U);
-    EXPECT_TRUE(decode(frame, hex("00 00 00 80")));
-    EXPECT_EQ(frame.getErrorCode(), 0xFFFFFF80U);
-    EXPECT_TRUE(decode(frame, hex("80 00 00 01")));
-    EXPECT_EQ(frame.getErrorCode(), 0x80000001U);
-}
-
-TEST(PriorityFrame, ConstructorsBothSetTheirType) {
-    const PriorityFrame made;
-    EXPECT_EQ(made.getType(), Frame::TYPE_PRIORITY_FRAME);
-    EXPECT_EQ(made.length(), 5U);
-    PriorityFrame value(true, 3, 16);
-    EXPECT_EQ(value.getType(), Frame::TYPE_PRIORITY_FRAME);
-    EXPECT_EQ(value.length(), 5U);
-    EXPECT_EQ(payload(value), hex("00 00 00 83 10"));
-}
-
-TEST(PriorityFrame, EncodesAndDecodes) {
+TEST(PriorityFrame, EncodesItsExclusiveBitMisplaced) {
     PriorityFrame frame;
+    expectHeader(frame, Frame::TYPE_PRIORITY_FRAME, 5);
     frame.setStreamDependency(0xFFFFFFFF);
     frame.setWeight(255);
     EXPECT_EQ(payload(frame), hex("7F FF FF FF FF"));
     frame.setExclusive(true);
     EXPECT_TRUE(frame.hasExclusive());
-    EXPECT_TRUE(decode(frame, hex("80 00 00 03 10")));
-    EXPECT_TRUE(frame.hasExclusive());
-    EXPECT_EQ(frame.getStreamDependency(), 3U);
-    EXPECT_EQ(frame.getWeight(), 16);
-    EXPECT_TRUE(decode(frame, hex("00 80 00 01 FF")));
-    EXPECT_FALSE(frame.hasExclusive());
-    EXPECT_EQ(frame.getStreamDependency(), 0xFF800001U);  // only the top byte is masked
-    EXPECT_EQ(frame.getWeight(), 255);
+    PriorityFrame value(true, 3, 16);
+    expectHeader(value, Frame::TYPE_PRIORITY_FRAME, 5);
+    EXPECT_EQ(payload(value), hex("00 00 00 83 10"));
 }
 
-TEST(PriorityFrame, NeedsExactlyFiveBytes) {
-    for (size_t length = 0; length <= 16; ++length) {
+TEST(PriorityFrame, DecodesExactlyFiveBytesWithSigns) {
+    struct Case {
+        std::string bytes;
+        bool decoded;
+        bool exclusive;
+        uint32_t dependency;
+        uint8_t weight;
+    };
+    const Case cases[] = {{hex("80 00 00 03 10"), true, true, 3, 16},
+                          // Only the top byte is masked.
+                          {hex("00 80 00 01 FF"), true, false, 0xFF800001, 255},
+                          {hex("00 00 00 03"), false, true, 7, 7},
+                          {hex("00 00 00 03 10 00"), false, true, 7, 7},
+                          {"", false, true, 7, 7}};
+    for (const Case& each : cases) {
         PriorityFrame frame(true, 7, 7);
         frame.setLength(77);
-        EXPECT_EQ(decode(frame, std::string(length, '\x01')), length == 5) << length;
-        EXPECT_EQ(frame.getStreamDependency(), length == 5 ? 0x01010101U : 7U);
-        EXPECT_EQ(frame.length(), length == 5 ? 5U : 77U);
+        EXPECT_EQ(decode(frame, each.bytes), each.decoded);
+        EXPECT_EQ(frame.hasExclusive(), each.exclusive);
+        EXPECT_EQ(frame.getStreamDependency(), each.dependency);
+        EXPECT_EQ(frame.getWeight(), each.weight);
+        EXPECT_EQ(frame.length(), each.decoded ? 5U : 77U);
     }
-}
-
-TEST(Http2ErrorCode, HasTheStandardsValues) {
-    EXPECT_EQ(HTTP2_ERROR_NO_ERROR, 0);
-    EXPECT_EQ(HTTP2_ERROR_FLOW_CONTROL_ERROR, 3);
-    EXPECT_EQ(HTTP2_ERROR_REFUSED_STREAM, 7);
-    EXPECT_EQ(HTTP2_ERROR_CANCEL, 8);
-    EXPECT_EQ(HTTP2_ERROR_ENHANCE_YOUR_CALM, 11);
-    EXPECT_EQ(HTTP2_ERROR_HTTP_1_1_REQUIRED, 13);
 }
 
 }  // namespace

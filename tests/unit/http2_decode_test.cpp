@@ -160,10 +160,10 @@ TEST_F(Http2Decode, HandsOverTheDataAndCreditsTheFrame) {
     decode(dataPadded(1, "abc", 10));
     EXPECT_EQ(client->callbacks(), Calls{Callback::content("abc", true)});
     EXPECT_EQ(m_engine->m_flowControlMap.at(1), 14U);
-    // Padding that does not fit: no data, but the frame counts as it came.
+    // Padding that does not fit: no data, but the padding counts as declared.
     decode(frame(kData, kPadded | kEndStream, 1, hex("09 61")));
     EXPECT_EQ(client->callbacks().back(), Callback::content("", false));
-    EXPECT_EQ(m_engine->m_flowControlMap.at(1), 16U);
+    EXPECT_EQ(m_engine->m_flowControlMap.at(1), 24U);
 }
 
 TEST_F(Http2Decode, CachesTheBodyWhenAsked) {
