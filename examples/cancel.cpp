@@ -6,6 +6,7 @@
 #include <Http2Client/error.h>
 #include <Http2Client/httpClientApi.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -25,13 +26,14 @@ public:
 
     // Starts a request for which wait() returns when `enough` bytes of its body have come.
     bool start(const char* path, size_t enough) {
-        // A request that was answered without a body still counts as running.
-        if (parseHttpClientStatus(nullptr) == ERR_BUSY) cancelRequest();
+        // After an answer without a body the request counts as running: a callback may still come.
+        if (m_withoutBody) cancelRequest();
         setUri(path, HTTP_GET);
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_enough = enough;
             m_bytes = 0;
+            m_withoutBody = false;
             m_end = RUNNING;
         }
         return startRequest(nullptr) == 0;
@@ -50,7 +52,9 @@ public:
     }
 
     void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
-        if (!hasBody(status, headers, count)) finish(COMPLETE);
+        if (hasBody(status, headers, count)) return;
+        m_withoutBody = true;
+        finish(COMPLETE);
     }
     // A callback must not call cancelRequest: it wakes the thread that does.
     void onContentReceived(const char*, size_t len, bool more) override {
@@ -76,6 +80,7 @@ private:
     size_t m_enough = 0;
     size_t m_bytes = 0;
     End m_end = RUNNING;
+    std::atomic<bool> m_withoutBody{false};
 };
 
 int run(char** arguments) {

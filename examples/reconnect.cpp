@@ -42,16 +42,17 @@ public:
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_end = RUNNING;
+            m_withoutBody = false;
             m_bytes = 0;
         }
         if (startRequest(nullptr) != 0) return LOST;  // the connection was lost before
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait_for(lock, limit, [this] { return m_end != RUNNING; });
-        const End end = m_end == RUNNING ? LOST : m_end;
+        const End end = m_end;
+        const bool cancel = m_end == RUNNING || m_withoutBody;  // a callback may still come
         lock.unlock();  // callbacks take it, and cancelRequest waits for a running callback
-        // It still runs after a time-out, and counts as running after an answer without a body.
-        if (parseHttpClientStatus(nullptr) == ERR_BUSY) cancelRequest();
-        return end;
+        if (cancel) cancelRequest();
+        return end == RUNNING ? LOST : end;
     }
 
     int status() const { return m_status; }
@@ -59,7 +60,7 @@ public:
 
     void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
         m_status = status;
-        if (!hasBody(status, headers, count)) finish(COMPLETE);
+        if (!hasBody(status, headers, count)) finish(COMPLETE, true);
     }
     void onContentReceived(const char*, size_t len, bool more) override {
         m_bytes += len;
@@ -71,15 +72,17 @@ public:
     void onSocketClosed() override { finish(LOST); }
 
 private:
-    void finish(End end) {
+    void finish(End end, bool withoutBody = false) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_end = end;
+        if (withoutBody) m_withoutBody = true;
         m_changed.notify_all();
     }
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
     End m_end = RUNNING;
+    bool m_withoutBody = false;
     int m_status = 0;  // these two are written while a request runs and read when none runs
     size_t m_bytes = 0;
 };
