@@ -1,45 +1,54 @@
 #!/usr/bin/env python3
-"""Makes of a page in docs/ what doxygen can read: prints the page with other links.
+"""Prints a page of docs/ in the form that Doxygen reads.
 
 Usage: doxygen_filter.py PAGE
 
-A page is written for a reader of the repository. In the built documentation there are the pages of
-docs/ alone, without anchors of their own, and pictures are drawn:
- - a link to another page stays, without its anchor
- - a link to any other file becomes its text, with the file's path
- - a line that is nothing but a link to a .dot file becomes the picture
-Links elsewhere and fenced code are left alone.
+Pages are written for readers of the repository. For Doxygen
+ - each heading gets an id: PAGE for the title, PAGE-heading-text for the others
+ - a link to a page or a heading becomes a reference to that id
+ - a link to any other file of the repository becomes text with the file's path
+ - a line that only links to a .dot file becomes its drawing
+Links elsewhere, images and fenced code stay as they are.
 """
 import os
 import re
 import sys
 
-PICTURE = re.compile(r"^\[[^\]]*\]\(([\w-]+\.dot)\)$")
-LINK = re.compile(r"\[([^\]]*)\]\((?!https?:|mailto:|#)([^)#\s]+)(?:#[^)]*)?\)")
+FENCED = re.compile(r"(^ *```.*?^ *```$)", re.MULTILINE | re.DOTALL)
+DRAWING = re.compile(r"^\[[^\]]*\]\(([\w-]+\.dot)\)$", re.MULTILINE)
+LINK = re.compile(r"(?<!!)\[([^\]]*)\]\((?!https?:|mailto:)([^)#\s]*)(#[^)]*)?\)")
+HEADING = re.compile(r"^(#+) (.*)$", re.MULTILINE)
+
+
+def anchor(heading):
+    """The anchor that Markdown viewers give to a heading."""
+    return re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
 
 
 def main():
-    page = sys.argv[1]
-    folder = os.path.dirname(os.path.abspath(page))
-    root = os.path.dirname(folder)
+    page = os.path.abspath(sys.argv[1])
+    folder, name = os.path.split(page)
+    name = name[:-len(".md")]
 
-    def replaced(match):
-        text, target = match.groups()
-        path = os.path.normpath(os.path.join(folder, target))
-        if os.path.dirname(path) == folder and path.endswith(".md") and os.path.isfile(path):
-            return f"[{text}]({target})"
-        name = os.path.relpath(path, root)
-        return text if text.strip("`") == name else f"{text} (`{name}`)"
+    def reference(match):
+        text, target, heading = match.groups(default="")
+        path = os.path.normpath(os.path.join(folder, target)) if target else page
+        if os.path.dirname(path) != folder or not path.endswith(".md") or not os.path.isfile(path):
+            file = os.path.relpath(path, os.path.dirname(folder))
+            return text if text.strip("`") == file else f"{text} (`{file}`)"
+        ident = os.path.basename(path)[:-len(".md")] + heading.replace("#", "-")
+        return '@ref {} "{}"'.format(ident, text.replace("\n", " "))
 
-    fenced = False
-    with open(page, encoding="utf-8") as lines:
-        for line in lines:
-            if line.lstrip().startswith("```"):
-                fenced = not fenced
-            elif not fenced:
-                line = PICTURE.sub(r"@dotfile \1", line.rstrip("\n")) + "\n"
-                line = LINK.sub(replaced, line)
-            sys.stdout.write(line)
+    def with_id(match):
+        level, text = match.groups()
+        return f"{match.group()} {{#{name}{'' if level == '#' else '-' + anchor(text)}}}"
+
+    with open(page, encoding="utf-8") as file:
+        parts = FENCED.split(file.read())
+    for i in range(0, len(parts), 2):  # the others are fenced code
+        parts[i] = DRAWING.sub(r"@dotfile \1", parts[i])
+        parts[i] = HEADING.sub(with_id, LINK.sub(reference, parts[i]))
+    sys.stdout.write("".join(parts))
 
 
 if __name__ == "__main__":
