@@ -84,14 +84,14 @@ public:
 
     bool addEvent(int fd, int mask) override { return note("add", fd, mask); }
     bool removeEvent(int fd, int mask) override { return note("remove", fd, mask); }
-    ActiveSockets poll(timeval* timeout) override {
+    std::list<ActiveSocket> poll(timeval* timeout) override {
         m_calls.push_back("poll " + std::to_string(timeout->tv_sec) + " s " +
                           std::to_string(timeout->tv_usec) + " us");
         return m_active;
     }
     std::string poolApiName() override { return "scripted"; }
 
-    ActiveSockets m_active;
+    std::list<ActiveSocket> m_active;
     Lines m_calls;
 
 private:
