@@ -1,5 +1,7 @@
 // Starting and stopping the library, and clients that come and go while requests run.
 #include <atomic>
+#include <csignal>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -7,7 +9,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include "tests/support/signals.h"
 #include "tests/support/threads.h"
 #include "wire_support.h"
 
@@ -152,6 +156,57 @@ TEST(Library, ClientsComeAndGoWhileItIsStopped) {
     ASSERT_TRUE(kept.waitEnd());
     // The destroyed client's connection is served as well; its request is not sent.
     expectReceived(server, 1, opening() + rstStream(1, kCancel));
+}
+
+// ---- signals
+
+// Whether the thread blocks the signal.
+bool blocks(pid_t thread, int signal) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/status");
+    std::string word;
+    while (file >> word && word != "SigBlk:") {
+    }
+    uint64_t mask = 0;
+    file >> std::hex >> mask;
+    EXPECT_TRUE(file) << "no mask";
+    return (mask >> (signal - 1) & 1) != 0;
+}
+
+TEST(Signals, OfTheProcessAreForTheApplicationsThreads) {
+    sigset_t before;
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    const RunningLibrary library;
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    for (int signal = 1; signal < SIGRTMAX; ++signal) {
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+    }
+    const SignalCounter counter(SIGUSR1);
+    sigset_t user;
+    sigemptyset(&user);
+    sigaddset(&user, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &user, nullptr);  // for the server's threads, too
+    ScriptedServer server;
+    std::atomic<pid_t> thread{0};
+    RecordingClient client([&](const Callback&) { thread = gettid(); });
+    startGet(client, server);
+    server.send(0, headers(1, hpackIndexed(8)));
+    ASSERT_TRUE(client.waitHeaders());
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGALRM, SIGCHLD, SIGUSR1, SIGUSR2,
+                             SIGWINCH, SIGTSTP, SIGRTMIN}) {
+        EXPECT_TRUE(blocks(thread, signal)) << signal;
+    }
+    for (const int signal : {SIGPIPE, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
+        EXPECT_FALSE(blocks(thread, signal)) << signal;
+    }
+    // No thread takes this one now. The library's would lose its connection by it.
+    kill(getpid(), SIGUSR1);
+    server.send(0, data(1, "ok", kEndStream));
+    EXPECT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), okCallbacks());
+    EXPECT_EQ(SignalCounter::count(), 0);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(SignalCounter::count(), 1);
 }
 
 // ---- clients without a connection
