@@ -1,15 +1,9 @@
 #include "Http2.h"
 
 #include <algorithm>
-#include <array>
-#include <climits>
-#include <cstddef>
 #include <cstdlib>
 #include <iostream>
-#include <memory_resource>
 #include <unordered_set>
-#include <utility>
-#include <vector>
 
 #include "HttpClientInterface.h"
 #include "HttpClientInterfaceImpl.h"
@@ -29,32 +23,26 @@ const std::string preface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n";
 // Lengths of names and values, and of the URI, that one HEADERS frame may carry.
 constexpr int32_t kHeaderBudget = 16283;
 
-constexpr size_t kUsualFields = 16;  // of a request
-
-constexpr int kNeedClose = -2;
-constexpr int kFetalError = -1;
-
 const std::string& textOf(const std::map<int, std::string>& texts, int key) {
     static const std::string none;
     const auto found = texts.find(key);
     return found == texts.end() ? none : found->second;
 }
 
-// As atoi, but saturating where atoi is undefined.
+// What glibc's atoi does, which the C standard leaves open beyond int.
 int toStatus(const std::string& text) {
-    return static_cast<int>(
-        std::clamp(std::strtol(text.c_str(), nullptr, 10), long{INT_MIN}, long{INT_MAX}));
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
-// The fields that leave a trace when all of `list` are stored in turn, in their order: of those
-// that share one name's text, the last. A block may refer to a long text once a byte; what it costs
-// to store is in proportion to the texts.
+// The last field of each name in `list`, in the order of the list. Of fields with one name only
+// the last leaves a trace when all are stored in turn.
+//
+// A header block can refer to a name of thousands of bytes with a single byte, millions of times,
+// and storing a field compares its name. The fields that such a block decodes to share one text,
+// so names are told apart by their address here: the same name in two texts is stored twice.
 std::vector<const hpack::HeaderField*> lastOfEachName(const HeadersFrame::HeaderList& list) {
-    std::array<std::byte, 2048> room;  // enough for most blocks
-    std::pmr::monotonic_buffer_resource memory(room.data(), room.size());
-    std::pmr::unordered_set<const std::string*> names(&memory);
+    std::unordered_set<const std::string*> names;
     std::vector<const hpack::HeaderField*> fields;
-    fields.reserve(std::min(list.size(), kUsualFields));
     for (auto header = list.rbegin(); header != list.rend(); ++header) {
         const hpack::HeaderField& field = header->constField();
         if (names.insert(&field.Name()).second) fields.push_back(&field);
@@ -64,6 +52,44 @@ std::vector<const hpack::HeaderField*> lastOfEachName(const HeadersFrame::Header
 }
 
 }  // namespace
+
+void ReceiveCredit::add(uint32_t streamId, uint32_t bytes) {
+    countAnewIfChanged();
+    m_counts[streamId] += bytes;
+    m_total += bytes;
+    m_counted = m_counts.size();
+    m_changed.insert(streamId);
+}
+
+uint32_t ReceiveCredit::total() {
+    countAnewIfChanged();
+    return m_total;
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> ReceiveCredit::takeDue(uint32_t threshold) {
+    countAnewIfChanged();
+    std::vector<std::pair<uint32_t, uint32_t>> due;
+    for (const uint32_t streamId : m_changed) {
+        const auto entry = m_counts.find(streamId);
+        if (entry == m_counts.end() || entry->second < threshold) continue;
+        due.push_back(*entry);
+        m_total -= entry->second;
+        m_counts.erase(entry);
+    }
+    m_counted = m_counts.size();
+    m_changed.clear();
+    return due;
+}
+
+void ReceiveCredit::countAnewIfChanged() {
+    if (m_counts.size() == m_counted) return;
+    m_total = 0;
+    for (const auto& [streamId, bytes] : m_counts) {
+        m_total += bytes;
+        m_changed.insert(streamId);
+    }
+    m_counted = m_counts.size();
+}
 
 Http2::Http2() {
     if (m_methodMap.empty()) {
@@ -101,27 +127,54 @@ void Http2::addHttpClient(HttpClientInterfaceImpl* impl) {
     SingleLock lock(&m_httpClientLock);
     const uint32_t streamId = generateStreamId();
     m_httpClientMap[streamId] = impl;
-    if (impl != nullptr) impl->setStreamId(streamId);
+    if (impl == nullptr) return;
+    impl->setStreamId(streamId);
+    impl->streamOpened();
 }
 
 void Http2::removeHttpClient(HttpClientInterfaceImpl* impl) {
-    SingleLock lock(&m_httpClientLock);
-    removeHttpClientLocked(impl);
-}
-
-// RFC 9113, 5.4.2 has a stream reset on an error. This client resets every stream it removes, so
-// that nothing it is no longer interested in keeps coming.
-void Http2::removeHttpClientLocked(HttpClientInterfaceImpl* impl) {
     if (impl == nullptr) return;
-    const uint32_t streamId = impl->streamId();
-    queueRstStream(streamId);
-    const auto found = m_httpClientMap.find(streamId);
-    if (found != m_httpClientMap.end() && found->second == impl) m_httpClientMap.erase(found);
+    SingleLock lock(&m_httpClientLock);
+    const auto entry = registrationLocked(impl);
+    const bool registered = entry != m_httpClientMap.end();
+    eraseLocked(impl, entry);
+    if (registered) impl->streamClosed();
 }
 
-void Http2::forgetHttpClient(const HttpClientInterfaceImpl* impl) {
+// The entry of the request's stream, if that is its own.
+Http2::ClientMap::iterator Http2::registrationLocked(const HttpClientInterfaceImpl* impl) {
+    const auto found = m_httpClientMap.find(impl->streamId());
+    return found != m_httpClientMap.end() && found->second == impl ? found : m_httpClientMap.end();
+}
+
+// RFC 9113, 5.4.2 has a stream reset on an error. This client resets every stream it removes, also
+// those that the server has ended, so that nothing more comes on them.
+void Http2::eraseLocked(const HttpClientInterfaceImpl* impl, ClientMap::iterator entry) {
+    queueRstStream(impl->streamId());
+    if (entry != m_httpClientMap.end()) m_httpClientMap.erase(entry);
+}
+
+// The thread that the last callback wakes may change the request at once, so before the callback
+// the request is marked as ended and its stream as closed.
+void Http2::endRequestLocked(HttpClientInterfaceImpl* impl,
+                             const std::function<void()>& lastCallback) {
+    const auto entry = registrationLocked(impl);
+    impl->removeClientStatus(CLI_STATUS_REQUESTING);
+    if (entry != m_httpClientMap.end()) impl->streamClosed();
+    lastCallback();
+    eraseLocked(impl, entry);
+}
+
+void Http2::forgetHttpClient(HttpClientInterfaceImpl* impl) {
     SingleLock lock(&m_httpClientLock);
-    std::erase_if(m_httpClientMap, [impl](const auto& entry) { return entry.second == impl; });
+    for (auto entry = m_httpClientMap.begin(); entry != m_httpClientMap.end();) {
+        if (entry->second != impl) {
+            ++entry;
+            continue;
+        }
+        impl->streamClosed();
+        entry = m_httpClientMap.erase(entry);
+    }
 }
 
 void Http2::makeRstStream(uint32_t /*streamId*/, int /*errorCode*/) {}
@@ -136,9 +189,8 @@ std::string Http2::encodeFrame(int& status) {
         return preface;
     }
     if (!m_settingSent) {
-        Settings settings;
         SettingsFrame frame;
-        frame.setSettings(settings);
+        frame.updateLength();
         m_settingSent = true;
         std::string bytes;
         appendFrame(bytes, frame);
@@ -161,11 +213,10 @@ std::string Http2::encodeRstStreams() {
 
 std::string Http2::encodeNextHeaders() {
     std::string bytes;
+    HeadersFrame frame;
     SingleLock lock(&m_httpClientLock);
     for (const auto& [streamId, impl] : m_httpClientMap) {
-        if (impl == nullptr || (impl->httpHandshake() && !impl->hasPendingHeaders())) continue;
-        HeadersFrame frame;
-        if (!createHeaderFrame(impl, frame)) continue;
+        if (impl == nullptr || !createHeaderFrame(impl, frame)) continue;
         appendFrame(bytes, frame);
         break;
     }
@@ -176,34 +227,28 @@ std::string Http2::encodeNextHeaders() {
 // transport takes it, whatever the server announces.
 std::string Http2::encodeNextData() {
     std::string bytes;
+    DataFrame frame;
     SingleLock lock(&m_httpClientLock);
     for (const auto& [streamId, impl] : m_httpClientMap) {
-        if (impl == nullptr || !impl->hasPendingContent()) continue;
-        DataFrame frame;
-        if (!createDataFrame(impl, frame)) continue;
+        if (impl == nullptr || !createDataFrame(impl, frame)) continue;
         appendFrame(bytes, frame);
         break;
     }
     return bytes;
 }
 
-// Credit for the connection is the sum over all streams with uncredited bytes. Streams below the
-// threshold keep theirs and are counted again by every later call, also when they have ended: RFC
-// 9113, 6.9.1 wants each byte credited once, this client is generous.
+// Credit for the connection is the sum over all streams with uncredited bytes. RFC 9113, 6.9.1
+// wants each byte credited once. Here streams below the threshold keep their bytes, also when they
+// have ended, and every later call counts them again.
 std::string Http2::encodeCredit() {
     std::string bytes;
-    const uint32_t total = m_flowControlTotal;
+    const uint32_t total = m_receiveCredit.total();
     if (static_cast<int32_t>(total) >= static_cast<int32_t>(m_flowCtrlSize)) {
         appendWindowUpdate(bytes, 0, total);
     }
-    for (const uint32_t streamId : m_flowControlDue) {
-        const auto found = m_flowControlMap.find(streamId);
-        if (found == m_flowControlMap.end()) continue;
-        appendWindowUpdate(bytes, streamId, found->second);
-        m_flowControlTotal -= found->second;
-        m_flowControlMap.erase(found);
+    for (const auto& [streamId, count] : m_receiveCredit.takeDue(m_flowCtrlSize)) {
+        appendWindowUpdate(bytes, streamId, count);
     }
-    m_flowControlDue.clear();
     return bytes;
 }
 
@@ -228,7 +273,7 @@ std::string Http2::encodeKeepAlive(int& status) {
             reportSocketClosedLocked(entry->second);
             entry = m_httpClientMap.erase(entry);
         }
-        status = kNeedClose;
+        status = FrameCtx::CTX_NEED_CLOSE;
     }
     return bytes;
 }
@@ -250,7 +295,6 @@ void Http2::appendWindowUpdate(std::string& bytes, uint32_t streamId, uint32_t i
 // 9113, 8.3.1 leaves that to a "host" header of the application's).
 bool Http2::createHeaderFrame(HttpClientInterfaceImpl* impl, HeadersFrame& frame) {
     HeadersFrame::HeaderList list;
-    list.reserve(kUsualFields);
     const auto append = [&list](const std::string& name, const std::string& value,
                                 hpack::HeaderField::HEADER_FIELD_TYPE type) {
         hpack::HeaderFieldRepresentation entry;
@@ -283,8 +327,10 @@ bool Http2::createHeaderFrame(HttpClientInterfaceImpl* impl, HeadersFrame& frame
             allTaken = true;
             break;
         }
-        if (header.name().empty() || header.value().empty()) continue;
-        append(header.name(), header.value(),
+        const std::string name = header.name();
+        const std::string value = header.value();
+        if (name.empty() || value.empty()) continue;
+        append(name, value,
                header.isValueChangable()
                    ? hpack::HeaderField::LITERAL_HEADER_FIELD_NEVER_INDEXED
                    : hpack::HeaderField::LITERAL_HEADER_FIELD_WITH_INCREMENTAL_INDEXING);
@@ -338,17 +384,6 @@ void Http2::queueRstStream(uint32_t streamId) {
     m_rstFrameMap[streamId] = frame;
 }
 
-void Http2::addCredit(uint32_t streamId, uint32_t length) {
-    uint32_t& count = m_flowControlMap[streamId];
-    count += length;
-    m_flowControlTotal += length;
-    if (count >= m_flowCtrlSize) {
-        m_flowControlDue.insert(streamId);
-    } else {
-        m_flowControlDue.erase(streamId);  // the count has wrapped
-    }
-}
-
 // Receiving
 
 int Http2::decodeFrame(char* data, size_t len) {
@@ -360,7 +395,7 @@ int Http2::decodeFrame(char* data, size_t len) {
             failAllRequests();
             std::cout << "fetal error\n";
             queueRstStream(0);
-            return kFetalError;
+            return FrameCtx::CTX_FETAL_ERROR;
         default: return 0;
     }
 }
@@ -381,8 +416,8 @@ int Http2::drainFrames(const char* data, size_t len) {
                 break;
             case Frame::TYPE_GOAWAY_FRAME:
                 HTTP2CLIENT_LOG_INFO("received stream: " << std::string(data, len));
-                return kNeedClose;
-            case Frame::TYPE_RST_STREAM_FRAME: return kNeedClose;
+                return FrameCtx::CTX_NEED_CLOSE;
+            case Frame::TYPE_RST_STREAM_FRAME: return FrameCtx::CTX_NEED_CLOSE;
             default: break;
         }
     }
@@ -419,19 +454,28 @@ void Http2::failAllRequests() {
             impl = m_httpClientMap.begin()->second;
             m_httpClientMap.erase(m_httpClientMap.begin());
         }
-        if (impl != nullptr) failRequest(impl);
+        if (impl == nullptr) continue;
+        logFailure(impl);
+        impl->removeClientStatus(CLI_STATUS_REQUESTING);
+        impl->streamClosed();
+        impl->client()->onFailed(ERR_FETAL);
     }
 }
 
-void Http2::failRequest(HttpClientInterfaceImpl* impl) {
-    HTTP2CLIENT_LOG_INFO("uri: " << impl->uri() << " status: ERR_FETAL!");
-    impl->removeClientStatus(CLI_STATUS_REQUESTING);
-    impl->client()->onFailed(ERR_FETAL);
+void Http2::failRequestLocked(HttpClientInterfaceImpl* impl) {
+    logFailure(impl);
+    endRequestLocked(impl, [impl] { impl->client()->onFailed(ERR_FETAL); });
 }
 
+void Http2::logFailure(const HttpClientInterfaceImpl* impl) {
+    HTTP2CLIENT_LOG_INFO("uri: " << impl->uri() << " status: ERR_FETAL!");
+}
+
+// The caller removes the entry.
 void Http2::reportSocketClosedLocked(HttpClientInterfaceImpl* impl) {
     HTTP2CLIENT_LOG_INFO("onSocketClosed: Uri:" << impl->uri());
     impl->removeClientStatus(CLI_STATUS_REQUESTING);
+    impl->streamClosed();
     impl->client()->onSocketClosed();
 }
 
@@ -441,7 +485,7 @@ void Http2::processDataFrame(Frame* frame) {
     const char* data = content.Length() == 0 ? "" : content.Address(0);
     const size_t length = content.Length();
     testWriteDataFrame(data, length);
-    addCredit(frame->getStreamId(), frame->length());
+    m_receiveCredit.add(frame->getStreamId(), frame->length());
     m_waitPong = false;
     m_streamPingTicker = 0;
 
@@ -454,15 +498,16 @@ void Http2::processDataFrame(Frame* frame) {
     HttpClientInterfaceImpl* impl = found->second;
     if (impl == nullptr) return;
     const bool more = !dataFrame->hasEndStreamFlag();
+    const auto report = [=] { impl->client()->onContentReceived(data, length, more); };
     if (more) {
         impl->setReceiveContentBegin();
+        impl->appendReceivedContent(data, length);
+        report();
     } else {
         impl->setReceiveContentDone();
+        impl->appendReceivedContent(data, length);
+        endRequestLocked(impl, report);
     }
-    impl->appendReceivedContent(data, length);
-    if (!more) impl->removeClientStatus(CLI_STATUS_REQUESTING);
-    impl->client()->onContentReceived(data, length, more);
-    if (!more) removeHttpClientLocked(impl);
 }
 
 // END_STREAM on a HEADERS frame does not end the request here, where RFC 9113, 8.1 says that the
@@ -483,7 +528,7 @@ void Http2::processHeaderFrame(Frame* frame) {
     }
     if (!headersFrame->hasEndHeadersFlag()) return;
 
-    const std::vector<HttpClientInterface::HeaderDef>& headers = impl->receivedHeaderDefs();
+    const std::vector<HttpClientInterface::HeaderDef>& headers = impl->receivedHeaderRecords();
     HTTP2CLIENT_LOG_INFO("uri: " << impl->uri() << " status:" << impl->receivedHttpStatus());
     impl->client()->onHeaderReceived(impl->receivedHttpStatus(), headers.data(), headers.size());
 }
@@ -499,9 +544,7 @@ void Http2::processRstStreamFrame(Frame* frame) {
     SingleLock lock(&m_httpClientLock);
     const auto found = m_httpClientMap.find(streamId);
     if (found == m_httpClientMap.end() || found->second == nullptr) return;
-    HttpClientInterfaceImpl* impl = found->second;
-    failRequest(impl);
-    removeHttpClientLocked(impl);
+    failRequestLocked(found->second);
 }
 
 // RFC 9113, 6.5.3 wants the values applied and acknowledged. They are not: some servers close the
@@ -534,11 +577,7 @@ void Http2::processGoawayFrame(Frame* frame) {
     auto entry = m_httpClientMap.find(frame->getStreamId());
     while (entry != m_httpClientMap.end()) {
         const uint32_t streamId = entry->first;
-        HttpClientInterfaceImpl* impl = entry->second;
-        if (impl != nullptr) {
-            failRequest(impl);
-            removeHttpClientLocked(impl);
-        }
+        if (entry->second != nullptr) failRequestLocked(entry->second);
         entry = m_httpClientMap.upper_bound(streamId);  // the removal may have taken any entry
     }
 }

@@ -4,10 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "PlatformDef.h"
 #include "frame.h"
@@ -16,6 +19,35 @@
 namespace tiny {
 
 class HttpClientInterfaceImpl;
+
+// The bytes received on each stream and not yet credited to the server.
+//
+// The map belongs to the engine. A server may leave a million finished streams in it, so its sum
+// and the streams that have changed are kept up to date: a call costs what has changed since the
+// last one. If the map's size is not the counted one, it was changed by other means, and all of it
+// is counted anew.
+class ReceiveCredit {
+public:
+    using Counts = std::map<uint32_t, uint32_t>;
+
+    explicit ReceiveCredit(Counts& counts) : m_counts(counts) {}
+    ReceiveCredit(const ReceiveCredit&) = delete;  // Not copyable.
+    ReceiveCredit& operator=(const ReceiveCredit&) = delete;
+
+    void add(uint32_t streamId, uint32_t bytes);
+    // The sum over all streams, modulo 2^32.
+    uint32_t total();
+    // Takes the entries of at least `threshold` bytes out of the map, in ascending stream order.
+    std::vector<std::pair<uint32_t, uint32_t>> takeDue(uint32_t threshold);
+
+private:
+    void countAnewIfChanged();
+
+    Counts& m_counts;
+    size_t m_counted = 0;  // entries of m_counts that are in m_total
+    uint32_t m_total = 0;
+    std::set<uint32_t> m_changed;  // streams that takeDue has not looked at yet
+};
 
 // The protocol engine of one server connection: the registry of running requests, what goes out
 // for them, and what the server's bytes mean to them.
@@ -45,22 +77,21 @@ public:
     void addHttpClient(HttpClientInterfaceImpl* impl);
 
     // Queues a RST_STREAM with CANCEL for the request's stream, whether or not it is registered,
-    // and ends its registration if that stream is registered to it.
-    void removeHttpClient(HttpClientInterfaceImpl* impl);        // takes m_httpClientLock
-    void removeHttpClientLocked(HttpClientInterfaceImpl* impl);  // m_httpClientLock is held
+    // and ends its registration if that stream is registered to it. Null changes nothing.
+    void removeHttpClient(HttpClientInterfaceImpl* impl);
 
     // Ends every registration of `impl`, also under streams it no longer knows. Sends nothing.
-    void forgetHttpClient(const HttpClientInterfaceImpl* impl);
+    void forgetHttpClient(HttpClientInterfaceImpl* impl);
 
     // Returns the next bytes to send, one kind of output a call, empty when there is nothing:
     // preface, SETTINGS, all queued RST_STREAM frames, one HEADERS frame, one DATA frame, or
-    // credit. Sets `status` to -2 when the connection is to be given up for want of a PING answer,
-    // and leaves it alone otherwise.
+    // credit. Sets `status` to CTX_NEED_CLOSE (-2) when a PING has not been answered in time and
+    // the connection is to be dropped, and leaves it alone otherwise.
     std::string encodeFrame(int& status);
 
-    // Consumes bytes from the server. Returns 0: the connection goes on; -1: the bytes cannot be
-    // framed, and every request has been failed; -2: close the connection, after the server's
-    // RST_STREAM or GOAWAY.
+    // Consumes bytes from the server. Returns 0: the connection goes on; CTX_FETAL_ERROR (-1): the
+    // bytes cannot be framed, and every request has been failed; CTX_NEED_CLOSE (-2): close the
+    // connection, after the server's RST_STREAM or GOAWAY.
     int decodeFrame(char* data, size_t len);
 
     // Fill `frame` with the request's next HEADERS or DATA frame. False, with the frame as it was,
@@ -83,12 +114,15 @@ private:
     void appendWindowUpdate(std::string& bytes, uint32_t streamId, uint32_t increment);
     bool readContent(HttpClientInterfaceImpl* impl, DataFrame& frame);
     void queueRstStream(uint32_t streamId);
-    void addCredit(uint32_t streamId, uint32_t length);
 
     int drainFrames(const char* data, size_t len);
     void dispatchFrame(Frame* frame);
     void failAllRequests();
-    void failRequest(HttpClientInterfaceImpl* impl);  // with or without m_httpClientLock
+    ClientMap::iterator registrationLocked(const HttpClientInterfaceImpl* impl);
+    void eraseLocked(const HttpClientInterfaceImpl* impl, ClientMap::iterator entry);
+    void endRequestLocked(HttpClientInterfaceImpl* impl, const std::function<void()>& lastCallback);
+    void failRequestLocked(HttpClientInterfaceImpl* impl);
+    void logFailure(const HttpClientInterfaceImpl* impl);
     void reportSocketClosedLocked(HttpClientInterfaceImpl* impl);
 
     void processDataFrame(Frame* frame);
@@ -120,17 +154,14 @@ private:
     [[maybe_unused]] bool m_isManual = false;
     std::string m_flowCtrlMsg;  // credit as counted per call; never sent, grows with the connection
     std::map<uint32_t, uint32_t> m_flowControlMap;  // bytes not yet credited, by stream
-    int32_t m_streamPingTicker = 0;  // counts calls, and only once it is past pingTicker: dormant
+    int32_t m_streamPingTicker = 0;  // counts calls, but only from pingTicker on: dormant
     bool m_waitPong = false;         // a PING is out
     // Written under m_httpClientLock or on the poll thread; what calls in from other threads is
     // kept apart from the poll thread by the context's connection lock.
     std::map<uint32_t, std::shared_ptr<RSTStreamFrame>> m_rstFrameMap;
     [[maybe_unused]] FILE* m_testfp = nullptr;
 
-    // What encodeCredit would find by walking m_flowControlMap, kept up to date instead: the map
-    // keeps an entry for every stream that ended below the threshold.
-    uint32_t m_flowControlTotal = 0;      // sum of m_flowControlMap, modulo 2^32
-    std::set<uint32_t> m_flowControlDue;  // streams of it at or above m_flowCtrlSize
+    ReceiveCredit m_receiveCredit{m_flowControlMap};
 };
 
 // Texts of HTTP_METHOD and HTTP_SCHEMA. Filled by the first engine's constructor.

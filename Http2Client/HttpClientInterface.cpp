@@ -4,6 +4,7 @@
 
 #include <ctime>
 #include <memory>
+#include <mutex>
 
 #include "HttpClientInterfaceImpl.h"
 #include "HttpContext.h"
@@ -13,7 +14,7 @@ namespace tiny {
 namespace {
 
 constexpr int kNoImpl = -1;
-constexpr int kCannotStart = 2;
+constexpr int kNothingToCancel = 2;
 constexpr useconds_t kWaitRoundMicroseconds = 10000;
 constexpr uint32_t kClockUnitsPerMillisecond = 1000;
 
@@ -36,14 +37,13 @@ int checkUsable(const HttpClientInterfaceImpl* impl) {
 // Registers the request. It is marked as running before it is registered, so that the end of a
 // fast answer cannot be overwritten.
 int registerRequest(HttpClientInterfaceImpl* impl, bool cacheContent) {
-    HttpContext* context = HttpContext::instance();
     {
-        HttpContext::RequestGuard guard(context);
+        const std::unique_lock<Lock> lock = HttpContext::lockRequest(impl);
         impl->resetToRequest();
         if (cacheContent) impl->setReceivedHttpContentCacheEnabled(true);
         impl->addClientStatus(CLI_STATUS_REQUESTING);
     }
-    const int result = context->addHttpClientImpl(impl);
+    const int result = HttpContext::instance()->addHttpClientImpl(impl);
     if (result != 0) impl->removeClientStatus(CLI_STATUS_REQUESTING);
     return result;
 }
@@ -74,25 +74,25 @@ HttpClientInterface::~HttpClientInterface() {
 
 int HttpClientInterface::connectToServer(HTTP_SCHEMA schema, const char* ip, uint16_t port) {
     if (m_impl == nullptr) return kNoImpl;
-    HttpContext* context = HttpContext::instance();
-    const int sock = context->getHttpSocket(schema, ip, port);
+    uint64_t serial = 0;
+    const int sock = HttpContext::instance()->openConnection(schema, ip, port, serial);
     if (sock == -1) return ERR_SOCKET_CLOSED;
-    HttpContext::RequestGuard guard(context);
+    const std::unique_lock<Lock> lock = HttpContext::lockRequest(m_impl);
     m_impl->addClientStatus(CLI_STATUS_CONNECTED);
-    m_impl->setSocket(sock);
+    m_impl->setConnection(sock, serial);
     m_impl->setHttpVersion(schema);
     return ERR_OK;
 }
 
 void HttpClientInterface::clearClient() {
     if (m_impl == nullptr) return;
-    HttpContext::RequestGuard guard(HttpContext::instance());
+    const std::unique_lock<Lock> lock = HttpContext::lockRequest(m_impl);
     m_impl->clear();
 }
 
 int HttpClientInterface::setUri(const char* uri, HTTP_METHOD method) {
     if (const int error = checkUsable(m_impl)) return error;
-    HttpContext::RequestGuard guard(HttpContext::instance());
+    const std::unique_lock<Lock> lock = HttpContext::lockRequest(m_impl);
     m_impl->setUri(uri == nullptr ? "" : uri);
     m_impl->setHttpMethod(method);
     return ERR_OK;
@@ -103,7 +103,7 @@ HttpClientInterface* HttpClientInterface::addHeader(const char* name, const char
     if (checkUsable(m_impl) != ERR_OK) return nullptr;
     auto header =
         std::make_shared<HttpClientInterfaceImpl::HttpHeader>(name, value, valueChangable);
-    HttpContext::RequestGuard guard(HttpContext::instance());
+    const std::unique_lock<Lock> lock = HttpContext::lockRequest(m_impl);
     m_impl->addHttpHeader(header);
     return this;
 }
@@ -111,7 +111,7 @@ HttpClientInterface* HttpClientInterface::addHeader(const char* name, const char
 int HttpClientInterface::setContent(const char* data, size_t len) {
     if (const int error = checkUsable(m_impl)) return error;
     const std::string content = data == nullptr ? std::string() : std::string(data, len);
-    HttpContext::RequestGuard guard(HttpContext::instance());
+    const std::unique_lock<Lock> lock = HttpContext::lockRequest(m_impl);
     m_impl->setContent(content);
     return ERR_OK;
 }
@@ -119,7 +119,7 @@ int HttpClientInterface::setContent(const char* data, size_t len) {
 int HttpClientInterface::setContent(int (*reader)(char* buf, size_t len, void* opaque),
                                     void* opaque) {
     if (const int error = checkUsable(m_impl)) return error;
-    HttpContext::RequestGuard guard(HttpContext::instance());
+    const std::unique_lock<Lock> lock = HttpContext::lockRequest(m_impl);
     m_impl->setContent(reader, opaque);
     return ERR_OK;
 }
@@ -131,13 +131,11 @@ int HttpClientInterface::startRequest(const char* errMsg) {
 }
 
 int HttpClientInterface::cancelRequest() {
-    if (m_impl == nullptr) return kCannotStart;
+    if (m_impl == nullptr) return kNothingToCancel;
     if (!isConnected(m_impl)) return ERR_SOCKET_CLOSED;
-    HttpContext* context = HttpContext::instance();
-    context->forgetHttpClientImpl(m_impl);  // on a former connection too: no callback follows
-    m_impl->removeClientStatus(CLI_STATUS_REQUESTING);
-    HttpContext::RequestGuard guard(context);
-    m_impl->resetToRequest();
+    // On former connections too. Afterwards no engine uses the request, and no callback is made.
+    HttpContext::instance()->forgetHttpClientImpl(m_impl);
+    m_impl->resetToRequest();  // ends CLI_STATUS_REQUESTING
     return ERR_OK;
 }
 
@@ -149,12 +147,9 @@ int HttpClientInterface::blockedRequest(int& status, std::map<std::string, std::
     if (registerRequest(m_impl, true) != 0) return BLOCKED_NOT_STARTED;
     int contentStatus = waitForContent(m_impl, timeout);
 
-    HttpContext* context = HttpContext::instance();
-    context->forgetHttpClientImpl(m_impl);
-    HttpContext::RequestGuard guard(context);
+    HttpContext::instance()->forgetHttpClientImpl(m_impl);
     // The end is marked before the last chunk is cached: it may have become an overflow since.
     if (contentStatus == RECV_STATUS_END) contentStatus = m_impl->receivedHttpContentStatus();
-    m_impl->removeClientStatus(CLI_STATUS_REQUESTING);
     status = m_impl->receivedHttpStatus();
     BLOCKED_RESULT result = BLOCKED_FAILED;
     const char* text = "request failed, not any contents received";

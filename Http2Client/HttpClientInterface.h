@@ -30,6 +30,9 @@ class HttpClientInterfaceImpl;
 /// and a callback in that moment has nothing left to call. Call cancelRequest() in the derived
 /// class's destructor: after it has returned, no callback of this object runs or will run.
 ///
+/// A connection outlives its client, and no call closes one: it stays open until the server closes
+/// it or it breaks. Reuse the object for further requests instead of making a new one for each.
+///
 /// What it does not do: redirects, cookies, decompression, connection reuse between objects,
 /// flow control of what it sends, certificate verification, acknowledgement of the server's
 /// SETTINGS and PING frames.
@@ -44,18 +47,19 @@ public:
     /// A client without a connection and without a request.
     HttpClientInterface();
 
-    /// Withdraws a running request. See above for what the derived class has to do before.
+    /// Withdraws a running request; the connection stays open. See above for what the derived class
+    /// has to do before.
     virtual ~HttpClientInterface();
 
-    /// A client is one object to its connection: it cannot be copied.
+    /// Not copyable.
     HttpClientInterface(const HttpClientInterface&) = delete;
-    /// Nor assigned.
+    /// Not copyable.
     HttpClientInterface& operator=(const HttpClientInterface&) = delete;
 
     /// The connection is gone (closed by the server, broken, or ended after the server's
     /// RST_STREAM or GOAWAY), and the request that was running on it has ended without an answer.
-    /// Connect again before the next request: the descriptor that this object still holds may soon
-    /// belong to another connection. Not called when no request was running.
+    /// Connect again before the next request. Not called when no request was running: then the next
+    /// startRequest returns 2.
     virtual void onSocketClosed() = 0;
 
     /// The running request has failed. `err` is ERR_FETAL: the server reset the stream, or what it
@@ -75,14 +79,15 @@ public:
 
     /// Opens a new connection to the IPv4 address `ip` (dotted text) and `port` (host order), on
     /// the calling thread: it waits for the TCP connect and, for HTTPS_2, for the TLS handshake,
-    /// and all other connections of the process rest meanwhile. There is no time-out but the
-    /// operating system's. A second call opens a second connection and uses that one from then on;
-    /// the first stays open until the server closes it.
+    /// and no other connection of the process sends or receives meanwhile. There is no time-out but
+    /// the operating system's. A second call opens a second connection and uses that one from then
+    /// on.
     /// @return 0: connected; 4 (ERR_SOCKET_CLOSED): the connect or handshake failed, or the process
     /// has no descriptor below 1024 left; -1: no request state (never for a live object).
     int connectToServer(HTTP_SCHEMA schema, const char* ip, uint16_t port);
 
-    /// Forgets URI, headers, body and response; the connection stays.
+    /// Clears URI, headers, body and response; the connection stays. Without a running request this
+    /// call and the setters below wait for no other thread.
     void clearClient();
 
     /// Sets the request's ":path" (sent as it is, so escape it; at most 382 bytes, since servers
@@ -118,9 +123,9 @@ public:
     int startRequest(const char* errMsg);
 
     /// Ends the running request, if there is one: the server is sent a RST_STREAM and no further
-    /// callback is made. A RST_STREAM is queued when none is running, too, for the last request's
-    /// stream, or stream 0 before the first one. A server that does not know the stream answers by
-    /// ending the connection (RFC 9113, 6.4), so cancel only what runs, or connect again.
+    /// callback is made. When none is running, a RST_STREAM is sent all the same, for the last
+    /// request's stream, or for stream 0 before the first request, which a server answers by ending
+    /// the connection (RFC 9113, 6.4). When this object's connection is gone, nothing is sent.
     /// @return 0: done; 4: not connected; 2: no request state.
     int cancelRequest();
 

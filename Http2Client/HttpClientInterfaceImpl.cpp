@@ -1,7 +1,6 @@
 #include "HttpClientInterfaceImpl.h"
 
 #include <algorithm>
-#include <atomic>
 #include <utility>
 
 namespace tiny {
@@ -15,14 +14,75 @@ constexpr size_t kCacheFull = 0xFFFFF;
 // A cursor counts as finished by its low 32 bits.
 bool isFinished(size_t cursor) { return static_cast<uint32_t>(cursor) == kFinishedMark; }
 
-const char* textOrEmpty(const char* text) { return text == nullptr ? "" : text; }
-
+// Moves the elements from `begin` to `end` back by `distance` places.
 template <typename T>
-std::atomic_ref<T> atomic(const T& value) {
-    return std::atomic_ref<T>(const_cast<T&>(value));
+void moveBack(std::vector<T>& list, size_t begin, size_t end, size_t distance) {
+    T* const first = list.data();
+    std::copy_backward(first + begin, first + end, first + end + distance);
 }
 
+const char* textOrEmpty(const char* text) { return text == nullptr ? "" : text; }
+
 }  // namespace
+
+void ReceivedHeaderRecords::store(const std::string& name, const std::string& value) {
+    buildAnewIfChanged();
+    const auto [entry, isNew] = m_headers.try_emplace(name);
+    entry->second = value;
+    if (isNew) {
+        m_new.push_back(&*entry);
+        return;
+    }
+    const size_t position = positionOf(name, m_recorded.size());
+    if (position < m_recorded.size() && m_recorded[position] == &*entry) {
+        m_records[position].m_headerValue = entry->second.c_str();  // the text may have moved
+    }
+}
+
+// New headers are put in from the last to the first, so that each record moves once at most.
+const std::vector<HttpClientInterface::HeaderDef>& ReceivedHeaderRecords::all() {
+    buildAnewIfChanged();
+    std::sort(m_new.begin(), m_new.end(),
+              [](const auto* a, const auto* b) { return a->first < b->first; });
+    size_t end = m_recorded.size();  // of what has not moved yet
+    m_recorded.resize(end + m_new.size());
+    m_records.resize(end + m_new.size());
+    for (size_t left = m_new.size(); left > 0; --left) {
+        const Map::value_type* header = m_new[left - 1];
+        const size_t position = positionOf(header->first, end);
+        moveBack(m_recorded, position, end, left);
+        moveBack(m_records, position, end, left);
+        m_recorded[position + left - 1] = header;
+        m_records[position + left - 1] = {header->first.c_str(), header->second.c_str()};
+        end = position;
+    }
+    m_new.clear();
+    return m_records;
+}
+
+void ReceivedHeaderRecords::clear() {
+    m_headers.clear();
+    m_recorded.clear();
+    m_records.clear();
+    m_new.clear();
+}
+
+void ReceivedHeaderRecords::buildAnewIfChanged() {
+    if (m_recorded.size() + m_new.size() == m_headers.size()) return;
+    m_recorded.clear();
+    m_records.clear();
+    m_new.clear();
+    for (const auto& header : m_headers) m_new.push_back(&header);
+}
+
+// Where a header of this name is among the first `count` recorded ones, or would be.
+size_t ReceivedHeaderRecords::positionOf(const std::string& name, size_t count) const {
+    const auto begin = m_recorded.begin();
+    const auto found =
+        std::lower_bound(begin, begin + static_cast<ptrdiff_t>(count), name,
+                         [](const auto* header, const auto& text) { return header->first < text; });
+    return static_cast<size_t>(found - begin);
+}
 
 HttpClientInterfaceImpl::HttpHeader::HttpHeader(const char* name, const char* value,
                                                 bool valueChangable)
@@ -33,18 +93,9 @@ HttpClientInterfaceImpl::HttpClientInterfaceImpl(HttpClientInterface* httpClient
     clear();
 }
 
-int HttpClientInterfaceImpl::clientStatus() const { return atomic(m_httpClientStatus).load(); }
-
-void HttpClientInterfaceImpl::addClientStatus(HTTP_CLIENT_STATUS status) {
-    atomic(m_httpClientStatus).fetch_or(status);
-}
-
-void HttpClientInterfaceImpl::removeClientStatus(HTTP_CLIENT_STATUS status) {
-    atomic(m_httpClientStatus).fetch_and(~static_cast<int32_t>(status));
-}
-
-void HttpClientInterfaceImpl::resetClientStatus(HTTP_CLIENT_STATUS status) {
-    atomic(m_httpClientStatus).store(status);
+void HttpClientInterfaceImpl::setConnection(int sock, uint64_t serial) {
+    m_socket = sock;
+    m_serial = serial;
 }
 
 void HttpClientInterfaceImpl::setUri(const std::string& uri) {
@@ -67,8 +118,6 @@ uint32_t HttpClientInterfaceImpl::nextHeaderLength() {
     const HttpHeader& header = *m_headerLst[m_headerOffset];
     return static_cast<uint32_t>(header.m_name.size() + header.m_value.size());
 }
-
-bool HttpClientInterfaceImpl::hasPendingHeaders() const { return !isFinished(m_headerOffset); }
 
 bool HttpClientInterfaceImpl::takeHttpHeader(HttpHeader& header) {
     if (isFinished(m_headerOffset)) return false;
@@ -131,81 +180,6 @@ bool HttpClientInterfaceImpl::hasPendingContent() {
     return true;
 }
 
-void HttpClientInterfaceImpl::addReceivedHttpHeader(const std::string& headerName,
-                                                    const std::string& headerValue) {
-    const auto [entry, isNew] = m_receivedHeaderMap.try_emplace(headerName);
-    entry->second = headerValue;
-    if (isNew) {
-        m_unrecordedHeaders.push_back(&*entry);
-        return;
-    }
-    const size_t position = headerPosition(headerName);
-    if (position < m_recordedHeaders.size() && m_recordedHeaders[position] == &*entry) {
-        m_headerDefs[position].m_headerValue = entry->second.c_str();  // the text may have moved
-    }
-}
-
-// Where a header of this name is among the recorded ones, or would be.
-size_t HttpClientInterfaceImpl::headerPosition(const std::string& headerName) const {
-    const auto found = std::lower_bound(
-        m_recordedHeaders.begin(), m_recordedHeaders.end(), headerName,
-        [](const ReceivedHeader* header, const std::string& name) { return header->first < name; });
-    return static_cast<size_t>(found - m_recordedHeaders.begin());
-}
-
-// New headers are put in from the last to the first, so that each record moves once at most.
-const std::vector<HttpClientInterface::HeaderDef>& HttpClientInterfaceImpl::receivedHeaderDefs() {
-    std::sort(m_unrecordedHeaders.begin(), m_unrecordedHeaders.end(),
-              [](const ReceivedHeader* a, const ReceivedHeader* b) { return a->first < b->first; });
-    std::vector<size_t> positions;
-    positions.reserve(m_unrecordedHeaders.size());
-    for (const ReceivedHeader* header : m_unrecordedHeaders) {
-        positions.push_back(headerPosition(header->first));
-    }
-    size_t end = m_recordedHeaders.size();  // of what has not moved yet
-    m_recordedHeaders.resize(end + m_unrecordedHeaders.size());
-    m_headerDefs.resize(m_recordedHeaders.size());
-    for (size_t left = m_unrecordedHeaders.size(); left > 0; --left) {
-        const auto position = static_cast<ptrdiff_t>(positions[left - 1]);
-        const auto oldEnd = static_cast<ptrdiff_t>(end);
-        const auto newEnd = static_cast<ptrdiff_t>(end + left);
-        std::move_backward(m_recordedHeaders.begin() + position, m_recordedHeaders.begin() + oldEnd,
-                           m_recordedHeaders.begin() + newEnd);
-        std::move_backward(m_headerDefs.begin() + position, m_headerDefs.begin() + oldEnd,
-                           m_headerDefs.begin() + newEnd);
-        const ReceivedHeader* header = m_unrecordedHeaders[left - 1];
-        const size_t at = positions[left - 1] + left - 1;
-        m_recordedHeaders[at] = header;
-        m_headerDefs[at] = {header->first.c_str(), header->second.c_str()};
-        end = positions[left - 1];
-    }
-    m_unrecordedHeaders.clear();
-    return m_headerDefs;
-}
-
-void HttpClientInterfaceImpl::forgetReceivedHeaders() {
-    m_receivedHeaderMap.clear();
-    m_recordedHeaders.clear();
-    m_headerDefs.clear();
-    m_unrecordedHeaders.clear();
-}
-
-int HttpClientInterfaceImpl::receivedHttpContentStatus() const {
-    return atomic(m_recvContentStatus).load();
-}
-
-void HttpClientInterfaceImpl::storeContentStatus(RECV_STATUS status) {
-    atomic(m_recvContentStatus).store(status);
-}
-
-void HttpClientInterfaceImpl::setReceiveContentBegin() { storeContentStatus(RECV_STATUS_START); }
-
-void HttpClientInterfaceImpl::setReceiveContentDone() { storeContentStatus(RECV_STATUS_END); }
-
-void HttpClientInterfaceImpl::setReceivedContentOverflow() {
-    storeContentStatus(RECV_STATUS_CONTENT_OVERFLOW);
-}
-
 void HttpClientInterfaceImpl::appendReceivedContent(const char* content, size_t len) {
     if (!m_saveContent) return;
     if (m_recvContentStr.size() > kCacheFull) {
@@ -227,8 +201,8 @@ void HttpClientInterfaceImpl::resetToRequest() {
     removeClientStatus(CLI_STATUS_REQUESTING);
     m_saveContent = false;
     m_receivedStatus = 0;
-    forgetReceivedHeaders();
-    storeContentStatus(RECV_STATUS_UNDEFINED);
+    m_receivedRecords.clear();
+    m_recvContentStatus = RECV_STATUS_UNDEFINED;
     m_recvContentStr.clear();
 }
 
@@ -240,9 +214,7 @@ void HttpClientInterfaceImpl::clear() {
     ctxReader = nullptr;
     m_opaque = nullptr;
     m_errMsg.clear();
-    m_noMoreContent = false;
-    const bool connected = (clientStatus() & CLI_STATUS_CONNECTED) != 0;
-    resetClientStatus(connected ? CLI_STATUS_CONNECTED : CLI_STATE_NONE);
+    m_httpClientStatus &= CLI_STATUS_CONNECTED;
 }
 
 }  // namespace tiny

@@ -4,10 +4,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <iostream>
 #include <list>
-#include <mutex>
 #include <string>
 
 #include "Http2.h"
@@ -24,112 +22,69 @@ namespace {
 
 constexpr size_t kReadBufferLength = 8192;
 constexpr useconds_t kStepPauseMicroseconds = 1000;
-constexpr int kFetalError = -1;
-constexpr int kNeedClose = -2;
-constexpr int kNoConnection = 2;
 
 HttpContext* m_context = nullptr;
 
-// Whether this thread is inside a handler, with m_httpIolock held, or is destroying a connection.
-thread_local bool insideHandler = false;
-thread_local bool insideDrop = false;
-
-// Takes m_httpIolock for a handler.
-class HandlerLock {
-public:
-    explicit HandlerLock(Lock* lock) : m_lock(lock) { insideHandler = true; }
-    ~HandlerLock() { insideHandler = false; }
-    HandlerLock(const HandlerLock&) = delete;
-    HandlerLock& operator=(const HandlerLock&) = delete;
-
-private:
-    SingleLock m_lock;
-};
+bool isFatal(int result) {
+    return result == FrameCtx::CTX_FETAL_ERROR || result == FrameCtx::CTX_NEED_CLOSE;
+}
 
 }  // namespace
 
-// Closed while dropped connections are being destroyed. Never waited for with a lock held.
-class HttpContext::DropGate {
+// The work of one handler: takes m_httpIolock, releases it at the end, and then destroys the
+// connection that the handler has dropped, if any.
+class HttpContext::Handler {
 public:
-    void close() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_drops;
+    explicit Handler(HttpContext& context) : m_context(context), m_lock(context.m_httpIolock) {
+        m_context.m_handlerThread = std::this_thread::get_id();
     }
-    void open() {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            --m_drops;
+    ~Handler() {
+        if (m_dropped) {
+            m_context.m_dropping = true;
+            m_lock.unlock();
+            m_dropped.reset();
+            m_lock.lock();
+            m_context.m_dropping = false;
+            m_context.m_dropOver.notify_all();
         }
-        m_opened.notify_all();
+        m_context.m_handlerThread = std::thread::id();
     }
-    bool isClosed() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_drops != 0;
-    }
-    void waitUntilOpen() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_opened.wait(lock, [this] { return m_drops == 0; });
-    }
+    Handler(const Handler&) = delete;  // Not copyable.
+    Handler& operator=(const Handler&) = delete;
 
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_opened;
-    int m_drops = 0;  // connections being destroyed
-};
-
-// Keeps a dropped connection until its handler has released m_httpIolock, and destroys it then,
-// with the gate closed. Declared before the handler's lock, so that it goes after it.
-class HttpContext::Drop {
-public:
-    Drop() = default;
-    ~Drop() {
-        if (!m_io) return;
-        insideDrop = true;
-        m_io.reset();
-        insideDrop = false;
-        m_gate->open();
-    }
-    Drop(const Drop&) = delete;
-    Drop& operator=(const Drop&) = delete;
-
-    // Takes the connection out of the map. m_httpIolock is held.
+    // Takes the connection out of the map and deregisters its descriptor with the next step.
     //
-    // A request may have queued the descriptor for the poller since the last step. It is taken
-    // back: removals come before additions, so a closed descriptor would end registered, and the
+    // A request may have queued the descriptor for registration since the last step. That is
+    // undone: additions come after removals, so a closed descriptor would end registered, and the
     // next select would fail for all connections.
-    void take(HttpContext& context, int fd) {
+    void drop(int fd) {
+        m_context.queueRemoval(fd);
         {
-            SingleLock lock(&context.m_newLock);
-            context.m_newHttp2Set.erase(fd);
+            SingleLock lock(&m_context.m_newLock);
+            m_context.m_newHttp2Set.erase(fd);
         }
-        const auto found = context.m_httpIoMap.find(fd);
-        m_gate = context.m_dropGate;
-        m_gate->close();
-        m_io = found->second;
-        context.m_httpIoMap.erase(found);
+        const auto found = m_context.m_httpIoMap.find(fd);
+        m_dropped = found->second;
+        m_context.m_httpIoMap.erase(found);
     }
 
 private:
-    std::shared_ptr<HttpIO> m_io;
-    DropGate* m_gate = nullptr;  // set with m_io
+    HttpContext& m_context;
+    std::unique_lock<Lock> m_lock;
+    std::shared_ptr<HttpIO> m_dropped;
 };
 
-HttpContext::RequestGuard::RequestGuard(HttpContext* context) : m_context(context) {
-    if (insideHandler) {
-        m_context = nullptr;
-        return;
-    }
-    while (true) {
-        m_context->m_httpIolock.lock();
-        // A gate is closed with the lock held, so an open one stays open.
-        if (insideDrop || !m_context->m_dropGate->isClosed()) return;
-        m_context->m_httpIolock.unlock();
-        m_context->m_dropGate->waitUntilOpen();
-    }
+std::unique_lock<Lock> HttpContext::lockRequests() {
+    const bool inCallback = isHandlerThread();
+    if (inCallback && !m_dropping) return {};
+    std::unique_lock<Lock> lock(m_httpIolock);
+    if (!inCallback) m_dropOver.wait(lock, [this] { return !m_dropping; });
+    return lock;
 }
 
-HttpContext::RequestGuard::~RequestGuard() {
-    if (m_context != nullptr) m_context->m_httpIolock.unlock();
+std::unique_lock<Lock> HttpContext::lockRequest(const HttpClientInterfaceImpl* impl) {
+    if (!impl->hasOpenStream() || instance()->isHandlerThread()) return {};
+    return instance()->lockRequests();
 }
 
 HttpContext* HttpContext::instance() {
@@ -138,36 +93,38 @@ HttpContext* HttpContext::instance() {
 }
 
 HttpContext::HttpContext()
-    : m_pollPtr(new ev_select),
-      m_buffer(nullptr),
-      m_bufferLen(kReadBufferLength),
-      m_dropGate(new DropGate) {
+    : m_pollPtr(new ev_select), m_buffer(nullptr), m_bufferLen(kReadBufferLength) {
     std::cout << m_pollPtr->poolApiName() << std::endl;
     m_buffer = new char[m_bufferLen];
 }
 
 // The read buffer is left alone: a poll step may still be using it.
-HttpContext::~HttpContext() {
-    delete m_pollPtr;
-    delete m_dropGate;
-}
+HttpContext::~HttpContext() { delete m_pollPtr; }
 
 int HttpContext::getHttpSocket(HTTP_SCHEMA schema, const char* ip, uint16_t port) {
+    uint64_t serial = 0;
+    return openConnection(schema, ip, port, serial);
+}
+
+int HttpContext::openConnection(HTTP_SCHEMA schema, const char* ip, uint16_t port,
+                                uint64_t& serial) {
     SingleLock lock(&m_httpIolock);
+    serial = 0;
     const std::shared_ptr<HttpIO> io = HttpIO::createHttpIO(schema, ip, port);
     if (!io) return -1;
     const int sock = io->httpSocket();
     if (sock >= FD_SETSIZE) return -1;  // select could never report it
     m_httpIoMap[sock] = io;
+    serial = io->serial();
     return sock;
 }
 
 int HttpContext::addHttpClientImpl(HttpClientInterfaceImpl* impl) {
-    RequestGuard guard(this);
-    const int sock = impl->getSocket();
-    const std::shared_ptr<HttpIO> io = findLocked(sock);
+    const std::unique_lock<Lock> lock = lockRequests();
+    const std::shared_ptr<HttpIO> io = findLocked(impl);
     if (!io) return kNoConnection;
     io->httpParser()->addHttpClient(impl);
+    const int sock = io->httpSocket();
     {
         SingleLock newLock(&m_newLock);
         m_newHttp2Set.insert(sock);
@@ -177,15 +134,15 @@ int HttpContext::addHttpClientImpl(HttpClientInterfaceImpl* impl) {
 }
 
 int HttpContext::removeHttpClientImpl(HttpClientInterfaceImpl* impl) {
-    RequestGuard guard(this);
-    const std::shared_ptr<HttpIO> io = findLocked(impl->getSocket());
+    const std::unique_lock<Lock> lock = lockRequests();
+    const std::shared_ptr<HttpIO> io = findLocked(impl);
     if (io) io->httpParser()->removeHttpClient(impl);
     return 0;
 }
 
 void HttpContext::forgetHttpClientImpl(HttpClientInterfaceImpl* impl) {
     removeHttpClientImpl(impl);
-    RequestGuard guard(this);
+    const std::unique_lock<Lock> lock = lockRequests();
     for (const auto& [sock, io] : m_httpIoMap) io->httpParser()->forgetHttpClient(impl);
 }
 
@@ -215,8 +172,7 @@ void HttpContext::httpCron() {
 }
 
 bool HttpContext::readEventHandler(int fd) {
-    Drop drop;
-    HandlerLock lock(&m_httpIolock);
+    Handler handler(*this);
     const std::shared_ptr<HttpIO> io = findLocked(fd);
     if (!io) {
         queueRemoval(fd);
@@ -224,54 +180,39 @@ bool HttpContext::readEventHandler(int fd) {
     }
     int ret = 0;
     int err = 0;
-    while (true) {
+    while (!isFatal(err)) {
         ret = io->read(m_buffer, m_bufferLen);
         if (ret <= 0) break;
         err = io->httpParser()->decodeFrame(m_buffer, static_cast<size_t>(ret));
-        if (err == kFetalError || err == kNeedClose) break;
     }
-    if (ret != 0 && err != kFetalError && err != kNeedClose) return true;
-    queueRemoval(fd);
+    if (ret != 0 && !isFatal(err)) return true;
     HTTP2CLIENT_LOG_INFO("IO error, err = " << err << ", m_httpIoMap.size()" << m_httpIoMap.size()
                                             << ",err ip:" << io->httpIp());
-    drop.take(*this, fd);
+    handler.drop(fd);
     return false;
 }
 
+// After a partial write the bytes just written are kept and the rest is discarded. A server that
+// reads slowly sees the client's stream repeat itself; that is how it has always behaved.
 bool HttpContext::writeEventHandler(int fd) {
-    Drop drop;
-    HandlerLock lock(&m_httpIolock);
+    Handler handler(*this);
     const std::shared_ptr<HttpIO> io = findLocked(fd);
     if (!io) {
         queueRemoval(fd);
         return true;
     }
+    std::string& cache = io->buffer();
     int err = 0;
-    if (!io->bufferOverLimit()) {
-        std::string bytes = io->httpParser()->encodeFrame(err);
-        if (io->buffer().empty()) {
-            io->buffer().swap(bytes);
-        } else {
-            io->buffer() += bytes;
-        }
-    }
-    if (err == kNeedClose) {
+    if (!io->bufferOverLimit()) cache += io->httpParser()->encodeFrame(err);
+    if (err == FrameCtx::CTX_NEED_CLOSE) {
         HTTP2CLIENT_LOG_INFO("http link Error Need Close!");
-        queueRemoval(fd);
         HTTP2CLIENT_LOG_INFO("IO error, err = " << err << ", m_httpIoMap.size()"
                                                 << m_httpIoMap.size());
-        drop.take(*this, fd);
+        handler.drop(fd);
         return false;
     }
-    return sendCacheLocked(fd, *io, drop);
-}
-
-// After a partial write the bytes just written are kept and the rest is discarded. Peers that
-// slow this client down see its stream repeat itself; that is how it has always behaved.
-bool HttpContext::sendCacheLocked(int fd, HttpIO& io, Drop& drop) {
-    std::string& cache = io.buffer();
     if (cache.empty()) return true;
-    const int ret = io.write(cache.data(), cache.size());
+    const int ret = io->write(cache.data(), cache.size());
     if (ret > 0) {
         const auto written = static_cast<size_t>(ret);
         if (written == cache.size()) {
@@ -282,25 +223,30 @@ bool HttpContext::sendCacheLocked(int fd, HttpIO& io, Drop& drop) {
     }
     if (ret != 0) return true;
     std::cout << "write failed" << std::endl;
-    queueRemoval(fd);
     HTTP2CLIENT_LOG_INFO("IO error, err ");
-    drop.take(*this, fd);
+    handler.drop(fd);
     return false;
 }
 
 bool HttpContext::errorEventHandler(int fd) {
-    Drop drop;
-    HandlerLock lock(&m_httpIolock);
-    queueRemoval(fd);
-    if (!findLocked(fd)) return true;
+    Handler handler(*this);
+    if (!findLocked(fd)) {
+        queueRemoval(fd);
+        return true;
+    }
     HTTP2CLIENT_LOG_INFO("IO error, err ");
-    drop.take(*this, fd);
+    handler.drop(fd);
     return true;
 }
 
 std::shared_ptr<HttpIO> HttpContext::findLocked(int fd) {
     const auto found = m_httpIoMap.find(fd);
     return found == m_httpIoMap.end() ? nullptr : found->second;
+}
+
+std::shared_ptr<HttpIO> HttpContext::findLocked(const HttpClientInterfaceImpl* impl) {
+    std::shared_ptr<HttpIO> io = findLocked(impl->getSocket());
+    return io && impl->accepts(io->serial()) ? io : nullptr;
 }
 
 void HttpContext::queueRemoval(int fd) {

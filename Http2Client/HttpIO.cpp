@@ -1,5 +1,7 @@
 #include "HttpIO.h"
 
+#include <atomic>
+
 #include "Http2.h"
 #include "HttpSocketBase.h"
 #include "HttpSocketOri.h"
@@ -12,6 +14,8 @@ namespace tiny {
 namespace {
 
 constexpr size_t kCacheLimit = size_t{16} * 1024 * 1024;
+
+std::atomic<uint64_t> lastSerial{0};
 
 }  // namespace
 
@@ -35,12 +39,14 @@ std::shared_ptr<HttpIO> HttpIO::createHttpIO(HTTP_SCHEMA schema, const char* ip,
         HTTP2CLIENT_LOG_INFO("createa http io: ip = " << address << "failed");
         io.reset();
     }
-    // Written after a failed handshake too: readers of the log know the pair.
+    // Logged after a failed handshake too: programs that read the log expect the pair.
     HTTP2CLIENT_LOG_INFO("createa http io: ip = " << address << "ok");
     return io;
 }
 
-HttpIO::HttpIO() : m_socket(nullptr), m_http2(nullptr) { HTTP2CLIENT_LOG_INFO("HttpIO::HttpIO"); }
+HttpIO::HttpIO() : m_socket(nullptr), m_http2(nullptr), m_serial(++lastSerial) {
+    HTTP2CLIENT_LOG_INFO("HttpIO::HttpIO");
+}
 
 HttpIO::~HttpIO() {
     HTTP2CLIENT_LOG_INFO("~~~~~HttpIO::HttpIO");

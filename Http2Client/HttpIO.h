@@ -27,6 +27,8 @@ public:
     HttpIO(const HttpIO&) = delete;
     HttpIO& operator=(const HttpIO&) = delete;
 
+    // Unlike the descriptor, no two connections of the process have the same. Never 0.
+    uint64_t serial() const { return m_serial; }
     int httpSocket() const;
     std::string httpIp() const;
     uint16_t httpPort() const;
@@ -48,6 +50,7 @@ private:
     HttpSocketBase* m_socket;  // owned; null only during construction
     Http2* m_http2;            // owned; null until the transport is initialised
     std::string m_cachedBuffer;
+    const uint64_t m_serial;
 };
 
 }  // namespace tiny

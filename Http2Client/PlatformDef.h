@@ -6,40 +6,41 @@
 
 #include <pthread.h>
 
+#include "error.h"
+
 /// Marks what the shared library exports. Everything else is compiled with hidden visibility.
 #define HTTP2CLIENT_API __attribute__((visibility("default")))
 
-/// A plain mutex. It is not recursive: a thread that takes it twice blocks for ever.
+/// A plain mutex. It is not recursive: a thread that locks it twice blocks for ever.
 class Lock {
 public:
-    /// Free at first.
     Lock() { pthread_mutex_init(&m_mutex, nullptr); }
-    /// Must be free.
+    /// The mutex must not be locked.
     ~Lock() { pthread_mutex_destroy(&m_mutex); }
-    /// A mutex stays where it is: it cannot be copied.
+    /// Not copyable.
     Lock(const Lock&) = delete;
-    /// Nor assigned.
+    /// Not copyable.
     Lock& operator=(const Lock&) = delete;
 
-    /// Takes the mutex; waits for it when another thread has it.
+    /// Locks the mutex, and waits for that as long as another thread has it locked.
     void lock() { pthread_mutex_lock(&m_mutex); }
-    /// Gives the mutex back. For the thread that has it.
+    /// Unlocks the mutex. Only for the thread that has it locked.
     void unlock() { pthread_mutex_unlock(&m_mutex); }
 
 private:
     pthread_mutex_t m_mutex;
 };
 
-/// Holds a Lock from construction to destruction. The Lock must outlive it.
+/// Locks a Lock from construction to destruction. The Lock must outlive it.
 class SingleLock {
 public:
-    /// Takes `lock`, which must not be null.
+    /// Locks `lock`, which must not be null.
     explicit SingleLock(Lock* lock) : m_lock(lock) { m_lock->lock(); }
-    /// Gives the lock back.
+    /// Unlocks it.
     ~SingleLock() { m_lock->unlock(); }
-    /// Holds a lock for one place: it cannot be copied.
+    /// Not copyable.
     SingleLock(const SingleLock&) = delete;
-    /// Nor assigned.
+    /// Not copyable.
     SingleLock& operator=(const SingleLock&) = delete;
 
 private:

@@ -4,7 +4,6 @@
 #include <sys/time.h>
 
 #include <list>
-#include <memory_resource>
 #include <string>
 
 namespace tiny {
@@ -21,7 +20,6 @@ public:
         int m_socket;
         int m_mask;  // what the socket is ready for
     };
-    using ActiveSockets = std::pmr::list<ActiveSocket>;
 
     virtual ~ev() = default;
 
@@ -29,8 +27,7 @@ public:
     virtual bool addEvent(int fd, int mask) = 0;
     virtual bool removeEvent(int fd, int mask) = 0;
     // Waits up to `timeout` for a ready socket and returns those that are; empty when time is up.
-    // The list may live on the poller's memory: it must be gone before the poller.
-    virtual ActiveSockets poll(timeval* timeout) = 0;
+    virtual std::list<ActiveSocket> poll(timeval* timeout) = 0;
     virtual std::string poolApiName() = 0;
 };
 

@@ -1,8 +1,5 @@
 #include "ev_select.h"
 
-#include <new>
-#include <utility>
-
 namespace tiny {
 
 namespace {
@@ -10,27 +7,6 @@ namespace {
 bool fitsFdSet(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
 
 }  // namespace
-
-ListMemory::~ListMemory() {
-    while (m_free != nullptr) ::operator delete(std::exchange(m_free, m_free->m_next));
-}
-
-void* ListMemory::do_allocate(size_t size, size_t /*alignment*/) {
-    if (size != kBlockSize || m_free == nullptr) return ::operator new(size);
-    return std::exchange(m_free, m_free->m_next);
-}
-
-void ListMemory::do_deallocate(void* block, size_t size, size_t /*alignment*/) {
-    if (size == kBlockSize) {
-        m_free = new (block) Block{m_free};
-    } else {
-        ::operator delete(block);
-    }
-}
-
-bool ListMemory::do_is_equal(const std::pmr::memory_resource& other) const noexcept {
-    return this == &other;
-}
 
 ev_select::ev_select() : m_maxfd(0) {
     FD_ZERO(&readfds);
@@ -57,8 +33,8 @@ bool ev_select::removeEvent(int fd, int mask) {
     return true;
 }
 
-ev::ActiveSockets ev_select::poll(timeval* timeout) {
-    ActiveSockets active(&m_listMemory);
+std::list<ev::ActiveSocket> ev_select::poll(timeval* timeout) {
+    std::list<ActiveSocket> active;
     _readfds = readfds;
     _writefds = writefds;
     const int result = select(m_maxfd + 1, &_readfds, &_writefds, nullptr, timeout);

@@ -1,6 +1,7 @@
 #include "httpClientApi.h"
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <atomic>
 
@@ -13,34 +14,47 @@ struct http2ThreadParam {
     unsigned int m_pollTime;  // milliseconds
 };
 
-// Written by the application's threads and the poll thread, so accessed atomically throughout.
-static bool http2ClientThreadRun = false;
-static http2ThreadParam* http2ContextParam = nullptr;  // of the running thread; else null
+static std::atomic<bool> http2ClientThreadRun{false};
+static std::atomic<http2ThreadParam*> http2ContextParam{nullptr};  // null when no thread runs
 
 static bool http2ThreadJoinable = false;  // g_http2Thread is a thread not joined yet
 pthread_t g_http2Thread;
 
 static void* threadProc(void* param) {
     auto* threadParam = static_cast<http2ThreadParam*>(param);
-    while (std::atomic_ref<bool>(http2ClientThreadRun).load()) {
-        threadParam->m_context->pollHttpClient(threadParam->m_pollTime);
-    }
-    delete std::atomic_ref<http2ThreadParam*>(http2ContextParam).exchange(nullptr);
+    while (http2ClientThreadRun) threadParam->m_context->pollHttpClient(threadParam->m_pollTime);
+    delete http2ContextParam.exchange(nullptr);
     return nullptr;
 }
 
+// The signals that a process is sent. The poll thread blocks them: the application's threads handle
+// them, and none of them interrupts select, which would end every connection. Not blocked are the
+// signals of a thread's own faults, and SIGPIPE, whose effect is up to the application.
+static sigset_t signalsOfTheProcess() {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int number : {SIGPIPE, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
+        sigdelset(&signals, number);
+    }
+    return signals;
+}
+
 int initHttp2Client(unsigned int pollTime) {
-    std::atomic_ref<bool>(http2ClientThreadRun).store(true);
-    std::atomic_ref<http2ThreadParam*> running(http2ContextParam);
-    if (running.load() != nullptr) return 1;
+    http2ClientThreadRun = true;
+    if (http2ContextParam != nullptr) return 1;
     auto* param = new http2ThreadParam{HttpContext::instance(), pollTime};
-    running.store(param);
+    http2ContextParam = param;
+    // The new thread inherits the mask.
+    const sigset_t blocked = signalsOfTheProcess();
+    sigset_t former;
+    pthread_sigmask(SIG_BLOCK, &blocked, &former);
     http2ThreadJoinable = pthread_create(&g_http2Thread, nullptr, threadProc, param) == 0;
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
     return 1;
 }
 
 int destroyHttp2Client() {
-    std::atomic_ref<bool>(http2ClientThreadRun).store(false);
+    http2ClientThreadRun = false;
     if (!http2ThreadJoinable) return 1;
     pthread_join(g_http2Thread, nullptr);
     http2ThreadJoinable = false;

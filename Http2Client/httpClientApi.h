@@ -7,7 +7,8 @@
 #include "PlatformDef.h"
 
 /// Starts the library's one background thread, which does all socket input and output after a
-/// connect and makes every callback.
+/// connect and makes every callback. The thread blocks the signals that a process is sent (SIGINT,
+/// SIGTERM, SIGCHLD and so on, but not SIGPIPE): other threads handle them.
 ///
 /// Call it before the first tiny::HttpClientInterface is used, and never at the same time as
 /// destroyHttp2Client. A call while the thread runs changes nothing, `pollTime` included.

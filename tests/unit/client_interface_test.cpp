@@ -599,7 +599,7 @@ TEST_F(ClientInterface, BlockedRequestReturnsAtOnceWhenTheBodyHasFailed) {
     ASSERT_TRUE(waitRegistered(client));
     EXPECT_EQ(deliver(client, headers(1, hpackIndexed(14)) + data(1, "abc")), 0);
     // Nothing in the library says so yet.
-    std::atomic_ref<int32_t>(impl.m_recvContentStatus).store(tiny::RECV_STATUS_FAILED);
+    impl.m_recvContentStatus = tiny::RECV_STATUS_FAILED;
     call.join();
     EXPECT_EQ(call.result, 1);
     EXPECT_EQ(call.status, 500);

@@ -17,7 +17,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -361,47 +360,6 @@ TEST(EvSelect, TakesAnInterruptionForAFailure) {
 TEST(EvSelect, AFailureWithNothingRegisteredReportsNothing) {
     ev_select poller;
     EXPECT_EQ(poll(poller, {0, -1}), Active{});
-}
-
-TEST(EvSelect, ListsTakeTheMemoryOfThoseThatAreGone) {
-    ev_select poller;
-    const ev_select other;
-    using Addresses = std::set<const ev::ActiveSocket*>;
-    const auto fill = [](ev::ActiveSockets& list, Addresses& addresses) {
-        for (int i = 0; i < 3; ++i) {
-            list.push_back({i, i});
-            addresses.insert(&list.back());
-        }
-    };
-    Addresses ofFirst;
-    Addresses ofSecond;
-    Addresses ofThird;
-    ev::ActiveSockets second(&poller.m_listMemory);
-    {
-        ev::ActiveSockets first(&poller.m_listMemory);
-        fill(first, ofFirst);
-        fill(second, ofSecond);
-    }
-    ev::ActiveSockets third(&poller.m_listMemory);
-    fill(third, ofThird);
-    EXPECT_EQ(ofThird, ofFirst);
-    Addresses all = ofFirst;
-    all.insert(ofSecond.begin(), ofSecond.end());
-    EXPECT_EQ(all.size(), 6U);
-    EXPECT_TRUE(poller.m_listMemory.is_equal(poller.m_listMemory));
-    EXPECT_FALSE(poller.m_listMemory.is_equal(other.m_listMemory));
-}
-
-// A block that was made for a list's entry is too small for it.
-TEST(EvSelect, GivesABlockOfAnotherSizeItsOwnMemory) {
-    ev_select poller;
-    std::pmr::memory_resource& memory = poller.m_listMemory;
-    { ev::ActiveSockets(1, ev::ActiveSocket{1, 1}, &memory); }
-    for (int i = 0; i < 2; ++i) {
-        void* const block = memory.allocate(1000);
-        EXPECT_GE(malloc_usable_size(block), 1000U);
-        memory.deallocate(block, 1000);
-    }
 }
 
 }  // namespace

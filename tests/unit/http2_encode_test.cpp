@@ -336,7 +336,7 @@ TEST_P(Http2EncodeStreams, CreditEqualsWalkingAllEntries) {
     std::map<uint32_t, uint32_t> counts;
     const auto receive = [&](uint32_t index, uint32_t length) {
         const uint32_t streamId = 2 * index + 1;
-        m_engine->addCredit(streamId, length);
+        m_engine->m_receiveCredit.add(streamId, length);
         counts.try_emplace(counts.end(), streamId, 0)->second += length;
     };
     const uint32_t streams = GetParam();
@@ -355,16 +355,30 @@ TEST_P(Http2EncodeStreams, CreditEqualsWalkingAllEntries) {
     EXPECT_EQ(m_engine->m_flowControlMap, counts);
 }
 
+TEST_F(Http2Encode, CountsAMapThatWasChangedByOtherMeans) {
+    sendOpening();
+    m_engine->m_flowControlMap = {{1, 40000}, {3, 1000}};
+    EXPECT_EQ(encode(), windowUpdate(0, 41000) + windowUpdate(1, 40000));
+    EXPECT_EQ(encode(), "");
+    m_engine->m_flowControlMap[5] = 31768;
+    EXPECT_EQ(encode(), windowUpdate(0, 32768));  // with the 1000 of stream 3
+    m_engine->m_flowControlMap.clear();
+    EXPECT_EQ(encode(), "");
+    decode(data(7, std::string(16384, 'x')) + data(7, std::string(16384, 'x')));
+    m_engine->m_rstFrameMap.clear();
+    EXPECT_EQ(encode(), windowUpdate(0, 32768) + windowUpdate(7, 32768));
+}
+
 TEST_F(Http2Encode, CountersWrapAtThirtyTwoBits) {
     sendOpening();
     for (int i = 0; i < 256; ++i) {
-        m_engine->addCredit(1, 0x800000);
-        m_engine->addCredit(1, 0x800000);
+        m_engine->m_receiveCredit.add(1, 0x800000);
+        m_engine->m_receiveCredit.add(1, 0x800000);
     }
-    m_engine->addCredit(3, 5);
+    m_engine->m_receiveCredit.add(3, 5);
     EXPECT_EQ(m_engine->m_flowControlMap.at(1), 0U);
     EXPECT_EQ(encode(), "");  // wrapped to nothing
-    m_engine->addCredit(1, 0x90000000);
+    m_engine->m_receiveCredit.add(1, 0x90000000);
     // The sum is negative as a signed number, so only the stream is credited.
     EXPECT_EQ(encode(), windowUpdate(1, 0x10000000));
 }

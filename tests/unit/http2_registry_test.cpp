@@ -91,16 +91,6 @@ TEST_F(Http2Registry, RemovalOfNullChangesNothing) {
     EXPECT_EQ(registered(), Streams{1});
 }
 
-TEST_F(Http2Registry, LockedRemovalExpectsTheLock) {
-    RecordingClient* client = request(HTTP_GET, "/");
-    {
-        SingleLock lock(&m_engine->m_httpClientLock);
-        m_engine->removeHttpClientLocked(client->ctx());
-    }
-    EXPECT_TRUE(registered().empty());
-    EXPECT_EQ(m_engine->m_rstFrameMap.count(1), 1U);
-}
-
 TEST_F(Http2Registry, ForgetsEveryRegistrationSilently) {
     RecordingClient* client = request(HTTP_GET, "/");
     m_engine->addHttpClient(client->ctx());

@@ -337,7 +337,7 @@ TEST_F(ImplTest, ClearKeepsTheConnectionOnly) {
 }
 
 // However headers come in, the records are the map's entries, in its order, with its own texts.
-TEST(ReceivedHeaderDefs, FollowTheMap) {
+TEST(ReceivedHeaderRecords, FollowTheMap) {
     std::mt19937 random(7);
     for (int round = 0; round < 50; ++round) {
         tiny::HttpClientInterfaceImpl impl(nullptr);
@@ -348,16 +348,35 @@ TEST(ReceivedHeaderDefs, FollowTheMap) {
                 impl.addReceivedHttpHeader(name, std::string(random() % 60, 'v'));
             }
             if (random() % 10 == 0) impl.resetToRequest();
-            const auto& defs = impl.receivedHeaderDefs();
-            ASSERT_EQ(defs.size(), impl.receivedHttpHeaders().size());
+            const auto& records = impl.receivedHeaderRecords();
+            ASSERT_EQ(records.size(), impl.receivedHttpHeaders().size());
             size_t at = 0;
             for (const auto& [name, value] : impl.receivedHttpHeaders()) {
-                ASSERT_EQ(defs[at].m_headerName, name.c_str());
-                ASSERT_EQ(defs[at].m_headerValue, value.c_str());
+                ASSERT_EQ(records[at].m_headerName, name.c_str());
+                ASSERT_EQ(records[at].m_headerValue, value.c_str());
                 ++at;
             }
         }
     }
+}
+
+TEST(ReceivedHeaderRecords, AreBuiltAnewForAMapChangedByOtherMeans) {
+    Impl impl(nullptr);
+    const auto names = [&] {
+        std::string out;
+        for (const auto& record : impl.receivedHeaderRecords()) {
+            out += std::string(record.m_headerName) + "=" + record.m_headerValue + " ";
+        }
+        return out;
+    };
+    impl.addReceivedHttpHeader("b", "1");
+    EXPECT_EQ(names(), "b=1 ");
+    impl.m_receivedHeaderMap = {{"a", "2"}, {"c", "3"}};
+    EXPECT_EQ(names(), "a=2 c=3 ");
+    impl.m_receivedHeaderMap.clear();
+    impl.addReceivedHttpHeader("d", "4");
+    impl.addReceivedHttpHeader("d", "5");
+    EXPECT_EQ(names(), "d=5 ");
 }
 
 }  // namespace

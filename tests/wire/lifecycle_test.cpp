@@ -1,13 +1,19 @@
 // Starting and stopping the library, and clients that come and go while requests run.
 #include <atomic>
+#include <csignal>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include "tests/support/descriptors.h"
+#include "tests/support/signals.h"
 #include "tests/support/threads.h"
 #include "wire_support.h"
 
@@ -152,6 +158,126 @@ TEST(Library, ClientsComeAndGoWhileItIsStopped) {
     ASSERT_TRUE(kept.waitEnd());
     // The destroyed client's connection is served as well; its request is not sent.
     expectReceived(server, 1, opening() + rstStream(1, kCancel));
+}
+
+// ---- signals
+
+// Whether the thread blocks the signal.
+bool blocks(pid_t thread, int signal) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/status");
+    std::string word;
+    while (file >> word && word != "SigBlk:") {
+    }
+    uint64_t mask = 0;
+    file >> std::hex >> mask;
+    EXPECT_TRUE(file) << "no mask";
+    return (mask >> (signal - 1) & 1) != 0;
+}
+
+TEST(Signals, OfTheProcessAreForTheApplicationsThreads) {
+    sigset_t before;
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    const RunningLibrary library;
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    for (int signal = 1; signal < SIGRTMAX; ++signal) {
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+    }
+    const SignalCounter counter(SIGUSR1);
+    sigset_t user;
+    sigemptyset(&user);
+    sigaddset(&user, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &user, nullptr);  // for the server's threads, too
+    ScriptedServer server;
+    std::atomic<pid_t> thread{0};
+    RecordingClient client([&](const Callback&) { thread = gettid(); });
+    startGet(client, server);
+    server.send(0, headers(1, hpackIndexed(8)));
+    ASSERT_TRUE(client.waitHeaders());
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGALRM, SIGCHLD, SIGUSR1, SIGUSR2,
+                             SIGWINCH, SIGTSTP, SIGRTMIN}) {
+        EXPECT_TRUE(blocks(thread, signal)) << signal;
+    }
+    for (const int signal : {SIGPIPE, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
+        EXPECT_FALSE(blocks(thread, signal)) << signal;
+    }
+    // No thread takes this one now. The library's would lose its connection by it.
+    kill(getpid(), SIGUSR1);
+    server.send(0, data(1, "ok", kEndStream));
+    EXPECT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), okCallbacks());
+    EXPECT_EQ(SignalCounter::count(), 0);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(SignalCounter::count(), 1);
+}
+
+// ---- a descriptor that the system has given to another connection
+
+class ReusedDescriptor : public testing::Test {
+protected:
+    // Runs a request of `former` to its end, lets the server close the connection, and starts a
+    // request of `latter` on a connection with the same descriptor.
+    void hand(tiny::HttpClientInterface& former, RecordingClient& latter) {
+        const int fd = nextDescriptor();
+        ASSERT_EQ(connectTo(former, m_server), 0);
+        ASSERT_EQ(former.startRequest(nullptr), 0);
+        ASSERT_TRUE(m_server.waitFramesOf(0, kHeaders));
+        m_server.send(0, okResponse(1));
+        ASSERT_TRUE(m_server.waitFramesOf(0, kRstStream));
+        m_server.close(0);
+        ASSERT_TRUE(waitFor([&] { return !isOpen(fd); }));
+        const OccupiedDescriptors below(fd);
+        ASSERT_EQ(connectTo(latter, m_server), 0);
+        ASSERT_TRUE(isOpen(fd));
+        ASSERT_EQ(latter.setUri("/", HTTP_GET), 0);
+        ASSERT_EQ(latter.startRequest(nullptr), 0);
+        expectReceived(m_server, 1, opening() + getRequest(1, "/"));
+    }
+    // The other client's request and the next one go on as if there were no other client.
+    void expectUnharmed(RecordingClient& latter) {
+        m_server.send(1, okResponse(1));
+        ASSERT_TRUE(latter.waitEnd());
+        EXPECT_EQ(latter.callbacks(), okCallbacks());
+        ASSERT_EQ(latter.startRequest(nullptr), 0);
+        expectReceived(m_server, 1,
+                       opening() + getRequest(1, "/") + rstStream(1, kCancel) + getRequest(3, "/"));
+    }
+
+    const RunningLibrary m_library;
+    ScriptedServer m_server;
+};
+
+TEST_F(ReusedDescriptor, CancellingWithdrawsNothingOfAnother) {
+    RecordingClient former;
+    RecordingClient latter;
+    hand(former, latter);
+    EXPECT_EQ(former.cancelRequest(), 0);
+    expectUnharmed(latter);
+}
+
+TEST_F(ReusedDescriptor, DestructionWithdrawsNothingOfAnother) {
+    auto former = std::make_unique<RecordingClient>();
+    RecordingClient latter;
+    hand(*former, latter);
+    former.reset();
+    expectUnharmed(latter);
+}
+
+TEST_F(ReusedDescriptor, StartingFindsTheConnectionGone) {
+    RecordingClient former;
+    RecordingClient latter;
+    hand(former, latter);
+    former.clear();
+    EXPECT_EQ(former.startRequest(nullptr), 2);
+    int status = 0;
+    std::map<std::string, std::string> headerMap;
+    std::string content;
+    const char* text = nullptr;
+    EXPECT_EQ(former.blockedRequest(status, headerMap, content, text, 0), 2);
+    expectUnharmed(latter);
+    EXPECT_EQ(former.callbacks(), std::vector<Callback>());
+    ASSERT_EQ(connectTo(former, m_server), 0);
+    EXPECT_EQ(former.startRequest(nullptr), 0);
 }
 
 // ---- clients without a connection
@@ -457,7 +583,103 @@ TEST(Reconnect, DestroyedClientHearsNothingOfEitherConnectionsFailure) {
     }
 }
 
+// ---- settings without a request
+
+// Runs every call that changes a request. False: one of them has not returned.
+bool settingsReturn(tiny::HttpClientInterface& client, const std::function<void()>& unblock) {
+    Event done;
+    std::thread setting([&] {
+        EXPECT_EQ(client.setUri("/", HTTP_GET), 0);
+        EXPECT_EQ(client.addHeader("a", "b", false), &client);
+        EXPECT_EQ(client.setContent("c", 1), 0);
+        EXPECT_EQ(client.setContent(&BodySource::read, nullptr), 0);
+        client.clearClient();
+        done.set();
+    });
+    const bool returned = done.wait(std::chrono::seconds(10));
+    unblock();
+    setting.join();
+    return returned;
+}
+
+TEST(SettingsWithoutARequest, WaitForNoHandshake) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    ScriptedServer silent;  // takes the ClientHello and never answers
+    RecordingClient client;
+    startGet(client, server);
+    server.send(0, okResponse(1));
+    ASSERT_TRUE(client.waitEnd());
+    ASSERT_TRUE(server.waitFramesOf(0, kRstStream));
+    RecordingClient other;
+    std::thread connecting([&] { EXPECT_EQ(connectTo(other, silent, true), 4); });
+    ASSERT_TRUE(silent.waitReceived(0, 1));
+    EXPECT_TRUE(settingsReturn(client, [&] { silent.close(0); }));
+    connecting.join();
+}
+
+TEST(SettingsWithoutARequest, WaitForNoCallbackNotEvenTheirOwnLast) {
+    for (const std::string& end : {okResponse(1), rstStream(1, 2), std::string("closed")}) {
+        const RunningLibrary library;
+        ScriptedServer server;
+        RecordingClient idle;
+        ASSERT_EQ(connectTo(idle, server), 0);
+        Event inside;
+        Event release;
+        RecordingClient client([&](const Callback& callback) {
+            if (callback.kind == Callback::Kind::kHeaders) return;
+            inside.set();
+            EXPECT_TRUE(release.wait());
+        });
+        startGet(client, server, 1);
+        if (end == "closed") {
+            server.close(1);
+        } else {
+            server.send(1, end);
+        }
+        ASSERT_TRUE(inside.wait());
+        EXPECT_TRUE(settingsReturn(idle, [] {})) << end;
+        EXPECT_TRUE(settingsReturn(client, [&] { release.set(); })) << end;
+        release.set();
+    }
+}
+
 // ---- settings while a request runs
+
+TEST(SettingsWhileRunning, WorkInsideCallbacksAndWaitForNothing) {
+    const RunningLibrary library;
+    ScriptedServer server;
+    ScriptedServer silent;
+    RecordingClient other;
+    startGet(other, server);
+    RecordingClient client([&](const Callback&) {
+        EXPECT_EQ(client.addHeader("a", "b", false), &client);
+        EXPECT_EQ(other.setContent("", 0), 0);
+    });
+    startGet(client, server, 1);
+    server.send(1, headers(1, hpackIndexed(8)));
+    ASSERT_TRUE(client.waitHeaders());
+    // Outside a handler's lock, too, which another client's handshake holds by now.
+    RecordingClient third;
+    Event inside;
+    Event release;
+    Event finished;
+    RecordingClient ending([&](const Callback&) {
+        inside.set();
+        EXPECT_TRUE(release.wait());
+        EXPECT_EQ(other.addHeader("c", "d", false), &other);
+        finished.set();
+    });
+    startGet(ending, server, 2);
+    server.close(2);
+    ASSERT_TRUE(inside.wait());
+    std::thread connecting([&] { EXPECT_EQ(connectTo(third, silent, true), 4); });
+    ASSERT_TRUE(silent.waitReceived(0, 1));
+    release.set();
+    EXPECT_TRUE(finished.wait(std::chrono::seconds(10)));
+    silent.close(0);
+    connecting.join();
+}
 
 TEST(SettingsWhileRunning, NewUriSendsTheHeadersAnew) {
     const RunningLibrary library;
