@@ -168,12 +168,10 @@ void Http2::endRequestLocked(HttpClientInterfaceImpl* impl,
 void Http2::forgetHttpClient(HttpClientInterfaceImpl* impl) {
     SingleLock lock(&m_httpClientLock);
     for (auto entry = m_httpClientMap.begin(); entry != m_httpClientMap.end();) {
-        if (entry->second != impl) {
-            ++entry;
-            continue;
-        }
+        const auto current = entry++;
+        if (current->second != impl) continue;
+        m_httpClientMap.erase(current);
         impl->streamClosed();
-        entry = m_httpClientMap.erase(entry);
     }
 }
 
@@ -266,12 +264,10 @@ std::string Http2::encodeKeepAlive(int& status) {
                                                     << " and m_waitPong = " << m_waitPong);
         SingleLock lock(&m_httpClientLock);
         for (auto entry = m_httpClientMap.begin(); entry != m_httpClientMap.end();) {
-            if (entry->second == nullptr) {
-                ++entry;
-                continue;
-            }
-            reportSocketClosedLocked(entry->second);
-            entry = m_httpClientMap.erase(entry);
+            const auto current = entry++;
+            if (current->second == nullptr) continue;
+            reportSocketClosedLocked(current->second);
+            m_httpClientMap.erase(current);
         }
         status = FrameCtx::CTX_NEED_CLOSE;
     }
@@ -409,16 +405,15 @@ int Http2::drainFrames(const char* data, size_t len) {
                   << " name = " << frame->getFrameTypeName() << "    length = " << frame->length()
                   << '\n';
         dispatchFrame(frame.get());
-        switch (frame->getType()) {
-            case Frame::TYPE_DATA_FRAME:
-                total += frame->length();
-                received.emplace_back(frame->getStreamId(), frame->length());
-                break;
-            case Frame::TYPE_GOAWAY_FRAME:
-                HTTP2CLIENT_LOG_INFO("received stream: " << std::string(data, len));
-                return FrameCtx::CTX_NEED_CLOSE;
-            case Frame::TYPE_RST_STREAM_FRAME: return FrameCtx::CTX_NEED_CLOSE;
-            default: break;
+        const int type = frame->getType();
+        if (type == Frame::TYPE_DATA_FRAME) {
+            total += frame->length();
+            received.emplace_back(frame->getStreamId(), frame->length());
+        }
+        if (type == Frame::TYPE_RST_STREAM_FRAME) return FrameCtx::CTX_NEED_CLOSE;
+        if (type == Frame::TYPE_GOAWAY_FRAME) {
+            HTTP2CLIENT_LOG_INFO("received stream: " << std::string(data, len));
+            return FrameCtx::CTX_NEED_CLOSE;
         }
     }
     if (static_cast<int32_t>(total) <= 0) return 0;

@@ -31,8 +31,6 @@ public:
     using Counts = std::map<uint32_t, uint32_t>;
 
     explicit ReceiveCredit(Counts& counts) : m_counts(counts) {}
-    ReceiveCredit(const ReceiveCredit&) = delete;  // Not copyable.
-    ReceiveCredit& operator=(const ReceiveCredit&) = delete;
 
     void add(uint32_t streamId, uint32_t bytes);
     // The sum over all streams, modulo 2^32.

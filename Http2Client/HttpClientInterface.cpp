@@ -26,12 +26,10 @@ enum BLOCKED_RESULT {
     BLOCKED_TIMEOUT = 3
 };
 
-bool isConnected(const HttpClientInterfaceImpl* impl) { return impl->getSocket() != -1; }
-
 // -1, 4, or 0 when the object can take settings.
 int checkUsable(const HttpClientInterfaceImpl* impl) {
     if (impl == nullptr) return kNoImpl;
-    return isConnected(impl) ? ERR_OK : ERR_SOCKET_CLOSED;
+    return impl->getSocket() != -1 ? ERR_OK : ERR_SOCKET_CLOSED;
 }
 
 // Registers the request. It is marked as running before it is registered, so that the end of a
@@ -132,7 +130,7 @@ int HttpClientInterface::startRequest(const char* errMsg) {
 
 int HttpClientInterface::cancelRequest() {
     if (m_impl == nullptr) return kNothingToCancel;
-    if (!isConnected(m_impl)) return ERR_SOCKET_CLOSED;
+    if (const int error = checkUsable(m_impl)) return error;
     // On former connections too. Afterwards no engine uses the request, and no callback is made.
     HttpContext::instance()->forgetHttpClientImpl(m_impl);
     m_impl->resetToRequest();  // ends CLI_STATUS_REQUESTING

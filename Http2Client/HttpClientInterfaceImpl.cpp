@@ -93,11 +93,6 @@ HttpClientInterfaceImpl::HttpClientInterfaceImpl(HttpClientInterface* httpClient
     clear();
 }
 
-void HttpClientInterfaceImpl::setConnection(int sock, uint64_t serial) {
-    m_socket = sock;
-    m_serial = serial;
-}
-
 void HttpClientInterfaceImpl::setUri(const std::string& uri) {
     m_uri = uri;
     m_handshake = false;

@@ -46,8 +46,6 @@ public:
     using Map = std::map<std::string, std::string>;
 
     explicit ReceivedHeaderRecords(Map& headers) : m_headers(headers) {}
-    ReceivedHeaderRecords(const ReceivedHeaderRecords&) = delete;  // Not copyable.
-    ReceivedHeaderRecords& operator=(const ReceivedHeaderRecords&) = delete;
 
     // Stores a header in the map; a repeated name replaces the earlier value.
     void store(const std::string& name, const std::string& value);
@@ -123,7 +121,10 @@ public:
     // The connection: its descriptor, and its serial number, since the system gives a closed
     // connection's descriptor to another one. setSocket stands for whatever connection has that
     // descriptor.
-    void setConnection(int sock, uint64_t serial);
+    void setConnection(int sock, uint64_t serial) {
+        m_socket = sock;
+        m_serial = serial;
+    }
     void setSocket(int sock) { setConnection(sock, kAnySerial); }
     int getSocket() const { return m_socket; }
     // Whether the connection with this serial number may be the request's.

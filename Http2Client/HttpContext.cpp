@@ -31,18 +31,20 @@ bool isFatal(int result) {
 
 }  // namespace
 
-// The work of one handler: takes m_httpIolock, releases it at the end, and then destroys the
-// connection that the handler has dropped, if any.
+// The work of one handler on descriptor `fd`: takes m_httpIolock and looks the connection up, and
+// at the end releases the lock and then destroys the connection, if the handler has dropped it.
 class HttpContext::Handler {
 public:
-    explicit Handler(HttpContext& context) : m_context(context), m_lock(context.m_httpIolock) {
+    Handler(HttpContext& context, int fd)
+        : m_context(context), m_lock(context.m_httpIolock), m_fd(fd), m_io(context.findLocked(fd)) {
         m_context.m_handlerThread = std::this_thread::get_id();
+        if (!m_io) m_context.queueRemoval(fd);
     }
     ~Handler() {
         if (m_dropped) {
             m_context.m_dropping = true;
             m_lock.unlock();
-            m_dropped.reset();
+            m_io.reset();
             m_lock.lock();
             m_context.m_dropping = false;
             m_context.m_dropOver.notify_all();
@@ -52,26 +54,30 @@ public:
     Handler(const Handler&) = delete;  // Not copyable.
     Handler& operator=(const Handler&) = delete;
 
+    // The connection; null when the descriptor has none.
+    HttpIO* io() const { return m_io.get(); }
+
     // Takes the connection out of the map and deregisters its descriptor with the next step.
     //
     // A request may have queued the descriptor for registration since the last step. That is
     // undone: additions come after removals, so a closed descriptor would end registered, and the
     // next select would fail for all connections.
-    void drop(int fd) {
-        m_context.queueRemoval(fd);
+    void drop() {
+        m_context.queueRemoval(m_fd);
         {
             SingleLock lock(&m_context.m_newLock);
-            m_context.m_newHttp2Set.erase(fd);
+            m_context.m_newHttp2Set.erase(m_fd);
         }
-        const auto found = m_context.m_httpIoMap.find(fd);
-        m_dropped = found->second;
-        m_context.m_httpIoMap.erase(found);
+        m_context.m_httpIoMap.erase(m_fd);
+        m_dropped = true;
     }
 
 private:
     HttpContext& m_context;
     std::unique_lock<Lock> m_lock;
-    std::shared_ptr<HttpIO> m_dropped;
+    const int m_fd;
+    std::shared_ptr<HttpIO> m_io;
+    bool m_dropped = false;
 };
 
 std::unique_lock<Lock> HttpContext::lockRequests() {
@@ -172,12 +178,9 @@ void HttpContext::httpCron() {
 }
 
 bool HttpContext::readEventHandler(int fd) {
-    Handler handler(*this);
-    const std::shared_ptr<HttpIO> io = findLocked(fd);
-    if (!io) {
-        queueRemoval(fd);
-        return true;
-    }
+    Handler handler(*this, fd);
+    HttpIO* const io = handler.io();
+    if (io == nullptr) return true;
     int ret = 0;
     int err = 0;
     while (!isFatal(err)) {
@@ -188,19 +191,16 @@ bool HttpContext::readEventHandler(int fd) {
     if (ret != 0 && !isFatal(err)) return true;
     HTTP2CLIENT_LOG_INFO("IO error, err = " << err << ", m_httpIoMap.size()" << m_httpIoMap.size()
                                             << ",err ip:" << io->httpIp());
-    handler.drop(fd);
+    handler.drop();
     return false;
 }
 
 // After a partial write the bytes just written are kept and the rest is discarded. A server that
 // reads slowly sees the client's stream repeat itself; that is how it has always behaved.
 bool HttpContext::writeEventHandler(int fd) {
-    Handler handler(*this);
-    const std::shared_ptr<HttpIO> io = findLocked(fd);
-    if (!io) {
-        queueRemoval(fd);
-        return true;
-    }
+    Handler handler(*this, fd);
+    HttpIO* const io = handler.io();
+    if (io == nullptr) return true;
     std::string& cache = io->buffer();
     int err = 0;
     if (!io->bufferOverLimit()) cache += io->httpParser()->encodeFrame(err);
@@ -208,7 +208,7 @@ bool HttpContext::writeEventHandler(int fd) {
         HTTP2CLIENT_LOG_INFO("http link Error Need Close!");
         HTTP2CLIENT_LOG_INFO("IO error, err = " << err << ", m_httpIoMap.size()"
                                                 << m_httpIoMap.size());
-        handler.drop(fd);
+        handler.drop();
         return false;
     }
     if (cache.empty()) return true;
@@ -224,18 +224,15 @@ bool HttpContext::writeEventHandler(int fd) {
     if (ret != 0) return true;
     std::cout << "write failed" << std::endl;
     HTTP2CLIENT_LOG_INFO("IO error, err ");
-    handler.drop(fd);
+    handler.drop();
     return false;
 }
 
 bool HttpContext::errorEventHandler(int fd) {
-    Handler handler(*this);
-    if (!findLocked(fd)) {
-        queueRemoval(fd);
-        return true;
-    }
+    Handler handler(*this, fd);
+    if (handler.io() == nullptr) return true;
     HTTP2CLIENT_LOG_INFO("IO error, err ");
-    handler.drop(fd);
+    handler.drop();
     return true;
 }
 

@@ -235,6 +235,10 @@ protected:
     }
     // The other client's request and the next one go on as if there were no other client.
     void expectUnharmed(RecordingClient& latter) {
+        RecordingClient barrier;  // every connection is written to meanwhile
+        ASSERT_EQ(connectTo(barrier, m_server), 0);
+        ASSERT_EQ(barrier.startRequest(nullptr), 0);
+        ASSERT_TRUE(m_server.waitFramesOf(2, kHeaders));
         m_server.send(1, okResponse(1));
         ASSERT_TRUE(latter.waitEnd());
         EXPECT_EQ(latter.callbacks(), okCallbacks());
