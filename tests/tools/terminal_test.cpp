@@ -114,8 +114,7 @@ TEST(H2requestTerminal, IsEndedByCtrlC) {
     terminal.enter(command(server, "-i"));
     ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
     terminal.press("C-c");
-    ASSERT_TRUE(terminal.waitFor("h2request: interrupted; the request was cancelled"))
-        << terminal.screen();
+    ASSERT_TRUE(terminal.waitFor("h2request: interrupted")) << terminal.screen();
     terminal.enter("echo \"code=$?.\"");
     ASSERT_TRUE(terminal.waitFor("code=130.")) << terminal.screen();
 }
