@@ -1,90 +1,55 @@
 #include "blocking.h"
 
-#include <future>
-#include <memory>
-#include <thread>
 #include <utility>
+
+#include "call.h"
 
 namespace {
 
 using Result = Exchange::BlockedResult;
 
-// blockedRequest on a thread of its own. That thread is left alone when it does not come back.
-class Call {
-public:
-    explicit Call(Exchange& exchange) {
-        auto promise = std::make_shared<std::promise<Result>>();
-        m_result = promise->get_future();
-        m_thread = std::thread([promise, &exchange] {
-            promise->set_value(exchange.runBlocked());
-            exchange.wake();
-        });
-    }
-    ~Call() {
-        if (m_thread.joinable()) m_thread.detach();
-    }
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
-
-    bool isOver() const {
-        return m_result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    }
-    Result take() {
-        m_thread.join();
-        return m_result.get();
-    }
-
-private:
-    std::future<Result> m_result;
-    std::thread m_thread;
-};
-
 // An answer that ends with headers: blockedRequest does not see that, and waits on.
-void endAfterHeaders(const Course& course, bool hadBody, bool isLast, Outcome& outcome) {
+void endAfterHeaders(const RequestContext& context, bool hadBody, bool isLast, Outcome& outcome) {
     if (hadBody) {
         return fail(outcome, EXIT_REQUEST_FAILED,
                     "request failed: the blocking call waits on after an answer with trailers; "
                     "leave out --blocking");
     }
-    if (!course.sink.writeHead(*outcome.status, outcome.headers) || !course.sink.writeBody({})) {
-        return fail(outcome, EXIT_USAGE, {});
-    }
-    judge(outcome, course.options);
+    Arrived whole;
+    whole.status = outcome.status;
+    whole.headers = outcome.headers;
+    if (!writeArrived(context, whole, outcome)) return;
+    classify(outcome, context.options);
     if (isLast) return;
     fail(outcome, EXIT_REQUEST_FAILED,
          "request failed: the blocking call waits on after an answer without a body; leave out "
          "--blocking or --repeat");
 }
 
-// Watches until the call is over, or is not to be waited for. True for the former.
-bool watch(const Course& course, const Call& call, const Deadline& deadline, bool isLast,
-           Outcome& outcome) {
-    while (!call.isOver()) {
-        if (isGivenUp(course, deadline, outcome)) return false;
-        Arrived arrived = course.exchange.wait(nextLook(course, deadline));
-        if (!outcome.status) course.sink.showUpload(course.body.sent(), course.body.size());
-        if (arrived.status) {
-            outcome.status = arrived.status;
-            outcome.headers = std::move(arrived.headers);
-            course.sink.endProgress();
-        }
-        if (arrived.beforeLibrary) {
-            endAfterHeaders(course, arrived.hadBody, isLast, outcome);
-            return false;
-        }
-        if (arrived.end != Arrived::NONE && arrived.end != Arrived::COMPLETE) {
-            failByEnd(outcome, arrived.end, course.options);
-            return false;
-        }
+// Looks at what has arrived beside the call. True when the call is not to be waited for any more.
+bool isEndedBeside(const RequestContext& context, bool isLast, Outcome& outcome) {
+    if (isGivenUp(context, outcome)) return true;
+    Arrived arrived = context.exchange.wait({});
+    if (!outcome.status) context.sink.showUpload(context.body.sent(), context.body.size());
+    if (arrived.status) {
+        outcome.status = arrived.status;
+        outcome.headers = std::move(arrived.headers);
+        context.sink.endProgress();
     }
+    if (arrived.withHeaders) {
+        endAfterHeaders(context, arrived.hadBody, isLast, outcome);
+        return true;
+    }
+    if (arrived.end == Arrived::NONE || arrived.end == Arrived::COMPLETE) return false;
+    failByEnd(outcome, arrived.end);
     return true;
 }
 
-void judgeResult(const Course& course, const Result& result, Outcome& outcome) {
-    if (course.exchange.wait(Clock::now()).end == Arrived::TOO_LARGE) {
-        return failByEnd(outcome, Arrived::TOO_LARGE, course.options);
+void takeResult(const RequestContext& context, const Result& result, Outcome& outcome) {
+    if (context.exchange.wait({}).end == Arrived::TOO_LARGE) {
+        return failByEnd(outcome, Arrived::TOO_LARGE);
     }
-    if (result.code == 2) return failByEnd(outcome, Arrived::CLOSED, course.options);
+    if (result.code == 2) return failByEnd(outcome, Arrived::CLOSED);
     if (result.code != 0) {
         const bool timedOut = result.code == 3;
         return fail(
@@ -93,23 +58,23 @@ void judgeResult(const Course& course, const Result& result, Outcome& outcome) {
     }
     outcome.status = result.status;
     outcome.headers = result.headers;
-    if (!course.sink.writeHead(result.status, result.headers) ||
-        !course.sink.writeBody(result.body)) {
-        return fail(outcome, EXIT_USAGE, {});
-    }
-    judge(outcome, course.options);
+    Arrived whole;
+    whole.status = result.status;
+    whole.headers = result.headers;
+    whole.body = result.body;
+    if (writeArrived(context, whole, outcome)) classify(outcome, context.options);
 }
 
 }  // namespace
 
-Outcome runBlocking(const Course& course, bool isLast) {
-    const Deadline deadline = deadlineOf(course.options);
+Outcome runBlocking(const RequestContext& context, bool isLast) {
     Outcome outcome;
-    course.exchange.prepareBlocked(course.body);
-    Call call(course.exchange);
-    outcome.stuck = !watch(course, call, deadline, isLast, outcome);
-    if (!outcome.stuck) judgeResult(course, call.take(), outcome);
-    outcome.timing.answer = course.exchange.times();
-    course.sink.endProgress();
+    Exchange& exchange = context.exchange;
+    exchange.prepareBlocked(context.body);
+    const auto result = callLibrary([&exchange] { return exchange.runBlocked(); },
+                                    [&] { return isEndedBeside(context, isLast, outcome); });
+    if (result) takeResult(context, *result, outcome);
+    outcome.timing.answer = exchange.times();
+    context.sink.endProgress();
     return outcome;
 }

@@ -7,9 +7,11 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "interrupt.h"
 #include "message.h"
 
 namespace {
@@ -19,12 +21,11 @@ bool complainOf(const std::string& what, int error, const char* advice) {
     return false;
 }
 
+// As read, but Ctrl-C ends the wait with EINTR.
 ssize_t readSome(int fd, char* buf, size_t len) {
-    ssize_t n = 0;
-    do {
-        n = ::read(fd, buf, len);
-    } while (n < 0 && errno == EINTR);
-    return n;
+    if (waitReady(fd, POLLIN, isInterrupted)) return ::read(fd, buf, len);
+    errno = EINTR;
+    return -1;
 }
 
 // A new file without a name, gone when it is closed; -1 and errno when there can be none.
@@ -58,6 +59,7 @@ bool BodySource::open(const Options& options) {
 
 bool BodySource::openFile(const std::string& name) {
     const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1 && isInterrupted()) return false;  // while it waited for the other end of a pipe
     if (fd == -1) return complainOf("cannot read " + name, errno, "check --data-file");
     struct stat status {};
     if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
@@ -76,6 +78,7 @@ bool BodySource::spool(int from, const std::string& name) {
     static std::array<char, 65536> buffer;
     while (true) {
         const ssize_t n = readSome(from, buffer.data(), buffer.size());
+        if (n < 0 && isInterrupted()) return false;
         if (n < 0) return complainOf("cannot read " + name, errno, "check --data-file");
         if (n == 0) return true;
         if (writeWhole(m_file, buffer.data(), static_cast<size_t>(n)) != 0) {
@@ -112,7 +115,6 @@ size_t BodyReader::take(char* buf, size_t len) {
         const int64_t n = m_source.readAt(m_offset, buf, len);
         if (n >= 0) return static_cast<size_t>(n);
         m_error = errno;
-        if (m_onFailure) m_onFailure();
     }
     std::fill(buf, buf + len, '\0');
     return len;

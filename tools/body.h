@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 
 #include "options.h"
@@ -21,7 +20,7 @@ public:
     BodySource(const BodySource&) = delete;
     BodySource& operator=(const BodySource&) = delete;
 
-    // False, with a message on standard error, when the source cannot be read.
+    // False when the source cannot be read, with a message on standard error, or after Ctrl-C.
     bool open(const Options& options);
     bool exists() const { return m_exists; }
     uint64_t size() const { return m_size; }  // bytes when it was opened
@@ -50,9 +49,6 @@ public:
     bool exists() const { return m_source.exists(); }
     uint64_t size() const { return m_source.size(); }
 
-    // Called once, on the library's thread, when reading fails. Set it while no request is running.
-    void setOnFailure(std::function<void()> onFailure) { m_onFailure = std::move(onFailure); }
-
     // Starts again, for the next request. No request may be running.
     void rewind() { m_offset = 0; }
 
@@ -72,7 +68,6 @@ private:
     const BodySource& m_source;
     std::atomic<uint64_t> m_offset{0};
     std::atomic<int> m_error{0};
-    std::function<void()> m_onFailure;
 };
 
 #endif  // HTTP2CLIENT_TOOLS_BODY_H

@@ -1,10 +1,12 @@
 #include "console_lines.h"
 
 #include <iostream>
+#include <string_view>
 
 #include <unistd.h>
 
 #include "message.h"
+#include "text.h"
 
 ConsoleLines::ConsoleLines(bool show) : m_show(show), m_standard(std::cout.rdbuf(this)) {}
 
@@ -27,7 +29,12 @@ ConsoleLines::int_type ConsoleLines::overflow(int_type c) {
 std::streamsize ConsoleLines::xsputn(const char* text, std::streamsize n) {
     if (!m_show) return n;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_text.append(text, static_cast<size_t>(n));
+    // The library's own line ends come last in what it writes; any other is a server's.
+    std::string_view piece(text, static_cast<size_t>(n));
+    const bool endsLine = !piece.empty() && piece.back() == '\n';
+    if (endsLine) piece.remove_suffix(1);
+    m_text += printable(piece);
+    if (endsLine) m_text += '\n';
     writeLinesLocked();
     return n;
 }

@@ -1,13 +1,6 @@
 #include "exchange.h"
 
-#include <thread>
 #include <utility>
-
-#include <linux/tcp.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
-#include "connect_clock.h"
 
 namespace {
 
@@ -22,19 +15,6 @@ constexpr uint64_t kMostBlocked = 1024UL * 1024 - 1;
 // The longest processor time that blockedRequest can count; the wall clock is watched elsewhere.
 constexpr uint32_t kLongestWaitMs = 4294967;
 
-// How long a reset may take to be sent: longer only when the server takes nothing.
-constexpr std::chrono::seconds kResetTime{2};
-
-// What has gone out on a TCP connection; nothing when that cannot be told.
-std::optional<uint64_t> bytesSent(int fd) {
-    tcp_info info{};
-    socklen_t size = sizeof(info);
-    if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return std::nullopt;
-    constexpr size_t kNeeded = offsetof(tcp_info, tcpi_bytes_sent) + sizeof(info.tcpi_bytes_sent);
-    if (size < kNeeded) return std::nullopt;
-    return info.tcpi_bytes_sent;
-}
-
 bool isInterim(int status) { return status >= 100 && status < 200; }
 
 bool endsWithHeaders(int status, const HeaderMap& headers) {
@@ -45,21 +25,8 @@ bool endsWithHeaders(int status, const HeaderMap& headers) {
 
 }  // namespace
 
-Exchange::Connected Exchange::connect(const Options& options) {
-    Connected result;
-    forgetConnectCall();
-    const TimePoint start = Clock::now();
-    result.ok =
-        connectToServer(options.tls ? HTTPS_2 : HTTP_2, options.ip.c_str(), options.port) == 0;
-    const TimePoint end = Clock::now();
-    result.times.all = end - start;
-    const std::optional<ConnectCall> call = lastConnectCall();
-    if (!call) return result;
-    m_socket = call->fd;
-    result.error = call->error;
-    result.times.tcp = call->end - start;
-    if (options.tls && call->error == 0) result.times.tls = end - call->end;
-    return result;
+bool Exchange::connect(const Options& options) {
+    return connectToServer(options.tls ? HTTPS_2 : HTTP_2, options.ip.c_str(), options.port) == 0;
 }
 
 void Exchange::describe(const Options& options, BodyReader& body) {
@@ -72,6 +39,12 @@ void Exchange::describe(const Options& options, BodyReader& body) {
 }
 
 int Exchange::start(BodyReader& body) {
+    bool running = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        running = m_running;
+    }
+    if (running) withdraw();
     reset(body, false);
     return startRequest(nullptr);
 }
@@ -87,43 +60,7 @@ Exchange::BlockedResult Exchange::runBlocked() {
     return result;
 }
 
-void Exchange::reset(BodyReader& body, bool blocking) {
-    body.rewind();
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_arrived = Arrived();
-    m_woken = false;
-    m_answered = false;
-    m_blocking = blocking;
-    m_abandoned = false;
-    m_received = 0;
-    m_start = Clock::now();
-    m_firstByte.reset();
-    m_end.reset();
-}
-
-Arrived Exchange::wait(const Deadline& deadline) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    const auto something = [this] {
-        return m_woken || m_arrived.status || !m_arrived.body.empty() ||
-               m_arrived.end != Arrived::NONE;
-    };
-    if (deadline) {
-        m_changed.wait_until(lock, *deadline, something);
-    } else {
-        m_changed.wait(lock, something);
-    }
-    m_woken = false;
-    m_taken.notify_all();
-    return std::exchange(m_arrived, Arrived());
-}
-
-void Exchange::wake() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_woken = true;
-    m_changed.notify_all();
-}
-
-void Exchange::stop() {
+void Exchange::withdraw() {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_abandoned = true;
@@ -132,13 +69,28 @@ void Exchange::stop() {
     cancelRequest();
 }
 
-void Exchange::cancel() {
-    const std::optional<uint64_t> before = bytesSent(m_socket);
-    stop();
-    const TimePoint limit = Clock::now() + kResetTime;
-    while (before && bytesSent(m_socket) == before && Clock::now() < limit) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+void Exchange::reset(BodyReader& body, bool blocking) {
+    body.rewind();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_arrived = Arrived();
+    m_running = true;
+    m_answered = false;
+    m_blocking = blocking;
+    m_abandoned = false;
+    m_received = 0;
+    m_arrivals = 0;
+    m_start = Clock::now();
+    m_firstByte.reset();
+    m_end.reset();
+}
+
+Arrived Exchange::wait(Duration limit) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait_for(lock, limit, [this] {
+        return m_arrived.status || !m_arrived.body.empty() || m_arrived.end != Arrived::NONE;
+    });
+    m_taken.notify_all();
+    return std::exchange(m_arrived, Arrived());
 }
 
 AnswerTimes Exchange::times() {
@@ -150,13 +102,20 @@ AnswerTimes Exchange::times() {
     return times;
 }
 
+uint64_t Exchange::progress() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_arrivals;
+}
+
 void Exchange::finish(Arrived::End end) {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    m_running = false;
     setEndLocked(end);
     m_changed.notify_all();
 }
 
 void Exchange::noteArrivalLocked() {
+    ++m_arrivals;
     if (!m_firstByte) m_firstByte = Clock::now();
 }
 
@@ -180,7 +139,7 @@ void Exchange::onHeaderReceived(int status, const HeaderDef* headers, size_t cou
     }
     if (complete) {
         setEndLocked(Arrived::COMPLETE);
-        m_arrived.beforeLibrary = true;
+        m_arrived.withHeaders = true;
         m_arrived.hadBody = m_received > 0;
     }
     m_changed.notify_all();
@@ -195,7 +154,8 @@ void Exchange::onContentReceived(const char* data, size_t len, bool more) {
         storeBody(lock, data, len);
         if (!more) {
             setEndLocked(Arrived::COMPLETE);
-            m_arrived.beforeLibrary = false;
+            m_arrived.withHeaders = false;
+            m_running = false;
         }
     }
     m_changed.notify_all();

@@ -22,30 +22,29 @@ struct Arrived {
     HeaderMap headers;
     std::string body;
     End end = NONE;
-    bool beforeLibrary = false;  // complete, but the library waits on: see Exchange
-    bool hadBody = false;        // set with beforeLibrary
+    bool withHeaders = false;  // complete with headers, so that the library waits on: see Exchange
+    bool hadBody = false;      // set with withHeaders
 };
 
 // A connection and its successive requests. The callbacks only store what comes, on the library's
-// thread; the main thread takes it with wait.
+// thread; another thread takes it with wait.
 //
 // Where an answer ends: with the DATA frame that the library reports as the last one; or with its
 // headers when they say that no body follows (status 204 and 304, content-length 0); or with
 // trailers, which are always the last of a response (RFC 9113, 8.1). The library reports no end of
-// stream on headers, so in the latter two cases it has to be told, by stop(). Interim responses
-// (status 1xx) are passed over.
+// stream on headers, so in the latter two cases the request is withdrawn before the next one.
+// Interim responses (status 1xx) are passed over.
+//
+// What calls the library (connect to runBlocked, and the destructor) may block as long as a server
+// likes: the library takes its locks while it connects, and while it reads what a server sends
+// without a pause. See call.h.
 class Exchange : public tiny::HttpClientInterface {
 public:
     Exchange() = default;
-    ~Exchange() override { stop(); }
+    ~Exchange() override { withdraw(); }
 
-    // Blocks until the connection is there or has failed.
-    struct Connected {
-        bool ok = false;
-        int error = 0;  // errno of the TCP connect; 0 when that succeeded, or is not known
-        ConnectTimes times;
-    };
-    Connected connect(const Options& options);
+    // Whether there is a connection now.
+    bool connect(const Options& options);
     // Sets what all requests have in common. `body` must outlive the exchange.
     void describe(const Options& options, BodyReader& body);
     // From the next request on, bodies are counted and dropped.
@@ -65,19 +64,13 @@ public:
     void prepareBlocked(BodyReader& body);
     BlockedResult runBlocked();
 
-    // Waits for something to arrive, for wake, or for the deadline. May return nothing at all.
-    Arrived wait(const Deadline& deadline);
-    // Makes wait return. From any thread.
-    void wake();
-    // Ends the running request, if there is one. Not while runBlocked runs.
-    void stop();
-
-    // The same, and waits until the server has been sent the reset, but not for long. (While a body
-    // is sent, a piece of that may be taken for it.)
-    void cancel();
+    // Waits for something to arrive, but no longer than this. May return nothing at all.
+    Arrived wait(Duration limit);
 
     // Times of the last request, as far as it has come, and the bytes of its body.
     AnswerTimes times();
+    // Counts what has come of it.
+    uint64_t progress();
 
     void onSocketClosed() override { finish(Arrived::CLOSED); }
     void onFailed(HTTP_ERROR /*err*/) override { finish(Arrived::FAILED); }
@@ -85,28 +78,28 @@ public:
     void onContentReceived(const char* data, size_t len, bool more) override;
 
 private:
+    void withdraw();
     void reset(BodyReader& body, bool blocking);
     void noteArrivalLocked();
     void setEndLocked(Arrived::End end);
     void finish(Arrived::End end);
     void storeBody(std::unique_lock<std::mutex>& lock, const char* data, size_t len);
 
-    std::mutex m_mutex;                 // guards all below but the last two
+    std::mutex m_mutex;                 // guards all below but the last
     std::condition_variable m_changed;  // something has arrived
     std::condition_variable m_taken;    // there is room again
     Arrived m_arrived;
-    bool m_woken = false;
+    bool m_running = false;    // the library has not ended the request
     bool m_answered = false;   // the final status has come
     bool m_blocking = false;   // the request runs through blockedRequest
     bool m_abandoned = false;  // nobody takes anything any more
     uint64_t m_received = 0;   // bytes of the body
+    uint64_t m_arrivals = 0;   // calls of callbacks
     TimePoint m_start;
     std::optional<TimePoint> m_firstByte;
     std::optional<TimePoint> m_end;
 
-    // Not guarded: changed only between requests.
-    bool m_keepsBodies = true;
-    int m_socket = -1;  // the library's; -1 when it was not seen
+    bool m_keepsBodies = true;  // not guarded: changed only between requests
 };
 
 #endif  // HTTP2CLIENT_TOOLS_EXCHANGE_H

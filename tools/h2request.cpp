@@ -7,6 +7,7 @@
 #include "body.h"
 #include "console_lines.h"
 #include "interrupt.h"
+#include "message.h"
 #include "options.h"
 #include "output.h"
 #include "parallel.h"
@@ -16,6 +17,20 @@ namespace {
 
 constexpr unsigned int kPollTimeMs = 5;
 
+void setLogLevel([[maybe_unused]] bool verbose) {
+#ifdef H2REQUEST_SETS_LOG_LEVEL
+    constexpr int kInfo = 20000;
+    constexpr int kNone = 60000;
+    CLogWrapper::SetLevel(verbose ? kInfo : kNone);
+#endif
+}
+
+// The library's thread, too, has nothing to do with Ctrl-C.
+void startLibrary() {
+    const BlockedInterrupts blocked;
+    initHttp2Client(kPollTimeMs);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -23,19 +38,21 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     Options options;
     if (const auto ended = parseOptions(argc, argv, options)) return *ended;
-    Interrupt interrupt;
+    catchInterrupts();
     BodySource body;
+    if (!body.open(options)) {
+        if (!isInterrupted()) return EXIT_USAGE;
+        complain("interrupted");
+        return EXIT_INTERRUPTED;
+    }
     Output output;
-    if (!body.open(options) || !output.open(options)) return EXIT_USAGE;
-#ifdef H2REQUEST_SETS_LOG_LEVEL
-    constexpr int kLogInfo = 20000;
-    if (options.verbose) CLogWrapper::SetLevel(kLogInfo);
-#endif
-
+    if (!output.open(options)) return EXIT_USAGE;
+    if (options.tls && !options.insecure) {
+        complain("note: the server's certificate is not verified (-k: leave out this note)");
+    }
+    setLogLevel(options.verbose);
     const ConsoleLines consoleLines(options.verbose);
-    initHttp2Client(kPollTimeMs);
-    const int code = options.parallel == 0 ? runSuccessive(options, body, output, interrupt)
-                                           : runParallel(options, body, interrupt);
-    destroyHttp2Client();
-    return code;
+    startLibrary();
+    if (options.parallel == 0) runSuccessive(options, body, output);
+    runParallel(options, body);
 }

@@ -5,26 +5,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "text.h"
+
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// How many bytes follow the first one of a character; nothing when none can start so.
-std::optional<size_t> continuationBytes(unsigned char first) {
-    if (first < 0x80) return 0;
-    if (first >= 0xc2 && first <= 0xdf) return 1;
-    if (first >= 0xe0 && first <= 0xef) return 2;
-    if (first >= 0xf0 && first <= 0xf4) return 3;
-    return std::nullopt;
-}
-
-// The second byte's range is narrower after some first bytes (RFC 3629, 4): no overlong forms, no
-// surrogates, nothing above U+10FFFF.
-bool isSecondByte(unsigned char first, unsigned char second) {
-    const unsigned char low = first == 0xe0 ? 0xa0 : first == 0xf0 ? 0x90 : 0x80;
-    const unsigned char high = first == 0xed ? 0x9f : first == 0xf4 ? 0x8f : 0xbf;
-    return second >= low && second <= high;
-}
 
 std::string fromLatin1(const std::string& text) {
     std::string result;
@@ -48,12 +33,7 @@ Json inMs(const std::optional<Duration>& duration) {
 
 Json jsonOf(const Timing& timing) {
     Json json = Json::object();
-    if (timing.connect && !timing.connect->tcp) {
-        json["connect_and_tls_ms"] = milliseconds(timing.connect->all);
-    } else {
-        json["connect_ms"] = timing.connect ? inMs(timing.connect->tcp) : Json(nullptr);
-        json["tls_ms"] = timing.connect ? inMs(timing.connect->tls) : Json(nullptr);
-    }
+    json["connect_ms"] = inMs(timing.connect);
     const bool isAnswer = timing.answer.has_value();
     json["first_byte_ms"] = isAnswer ? inMs(timing.answer->firstByte) : Json(nullptr);
     json["total_ms"] = isAnswer ? Json(milliseconds(timing.answer->total)) : Json(nullptr);
@@ -79,20 +59,6 @@ void addBody(Json& json, const std::string& body, const Options& options) {
 }
 
 }  // namespace
-
-bool isUtf8(const std::string& text) {
-    size_t i = 0;
-    while (i < text.size()) {
-        const auto first = static_cast<unsigned char>(text[i++]);
-        const std::optional<size_t> more = continuationBytes(first);
-        if (!more || text.size() - i < *more) return false;
-        for (size_t k = 0; k < *more; ++k) {
-            const auto byte = static_cast<unsigned char>(text[i++]);
-            if (k == 0 ? !isSecondByte(first, byte) : (byte & 0xc0) != 0x80) return false;
-        }
-    }
-    return true;
-}
 
 std::string base64(const std::string& bytes) {
     constexpr const char* kDigits =

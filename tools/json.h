@@ -16,14 +16,12 @@
 //   body      the body, when it is UTF-8; else
 //   body_base64  the same in base64 (RFC 4648, 4); or, with -o,
 //   body_file    where it is
-//   timing    connect_ms and tls_ms (null on a connection in use, and without TLS), first_byte_ms,
-//             total_ms, bytes_per_second; connect_and_tls_ms in place of the first two when they
-//             could not be told apart
+//   timing    connect_ms (TLS included; null on a connection in use), first_byte_ms, total_ms,
+//             bytes_per_second
 //   error     null for an answer, whatever its status; else kind, exit_code and message
 std::string jsonLine(uint64_t number, const Outcome& outcome, const std::string& body,
                      const Options& options);
 
-bool isUtf8(const std::string& text);
 std::string base64(const std::string& bytes);
 
 #endif  // HTTP2CLIENT_TOOLS_JSON_H

@@ -1,9 +1,12 @@
 #include "message.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <string_view>
 
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -34,9 +37,19 @@ std::string Style::paint(Colour colour, const std::string& text) const {
     return m_colours ? startOf(colour) + text + "\033[0m" : text;
 }
 
-int writeWhole(int fd, const char* data, size_t len) {
+bool waitReady(int fd, short events, const GiveUp& giveUp) {
+    pollfd ready{fd, events, 0};
+    while (poll(&ready, 1, static_cast<int>(kLookPause.count())) != 1) {
+        if (giveUp()) return false;
+    }
+    return true;
+}
+
+int writeWhole(int fd, const char* data, size_t len, const GiveUp& giveUp) {
     while (len > 0) {
-        const ssize_t n = write(fd, data, len);
+        if (giveUp && !waitReady(fd, POLLOUT, giveUp)) return EINTR;
+        // A pipe that is ready takes this much at once.
+        const ssize_t n = write(fd, data, giveUp ? std::min<size_t>(len, PIPE_BUF) : len);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return errno;
         data += n;
@@ -45,11 +58,8 @@ int writeWhole(int fd, const char* data, size_t len) {
     return 0;
 }
 
-std::string complaint(const std::string& message) {
-    return Style(STDERR_FILENO).paint(Colour::RED, "h2request:") + " " + message + "\n";
-}
-
 void complain(const std::string& message) {
-    const std::string line = complaint(message);
+    const std::string line =
+        Style(STDERR_FILENO).paint(Colour::RED, "h2request:") + " " + message + "\n";
     writeWhole(STDERR_FILENO, line.data(), line.size());  // there is nowhere to complain of it
 }

@@ -1,7 +1,9 @@
 #ifndef HTTP2CLIENT_TOOLS_MESSAGE_H
 #define HTTP2CLIENT_TOOLS_MESSAGE_H
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
 
 enum class Colour { RED, GREEN, CYAN };
@@ -17,11 +19,16 @@ private:
     bool m_colours;
 };
 
-// Writes all of it. Returns 0, or errno.
-int writeWhole(int fd, const char* data, size_t len);
+// How often what waits looks for Ctrl-C and for the end of its time.
+constexpr std::chrono::milliseconds kLookPause{20};
 
-// What complain writes, with the line's end.
-std::string complaint(const std::string& message);
+using GiveUp = std::function<bool()>;
+
+// Waits until `fd` has one of poll's `events`, or is broken. False when `giveUp` says so before.
+bool waitReady(int fd, short events, const GiveUp& giveUp);
+
+// Writes all of it. Returns 0, or errno; EINTR when `giveUp`, if there is one, says so before.
+int writeWhole(int fd, const char* data, size_t len, const GiveUp& giveUp = {});
 
 // Writes one line, "h2request: " and the message, to standard error. From any thread; the lines
 // of several do not mix.

@@ -71,6 +71,9 @@ void checkAddress(const Options& options) {
                "' is no IPv4 address; names are not looked up: ask `getent ahostsv4 NAME`");
     }
     const auto needsEscape = [](unsigned char c) { return c <= ' ' || c >= 0x7f; };
+    if (options.path.find('#') != std::string::npos) {
+        refuse("PATH has a fragment, which is never sent; leave out all from '#' on, or write %23");
+    }
     if (options.path.empty() || options.path[0] != '/') {
         refuse("PATH must start with '/', as in /index.html");
     }
@@ -120,6 +123,8 @@ void checkOutput(const CLI::App& app, const Options& options) {
 
 // The options as CLI11 fills them.
 struct RawOptions {
+    std::vector<std::string> target;  // IP PORT PATH, or a URL
+    unsigned int timeoutMs = 0;
     std::string method = "GET";
     std::vector<std::string> headers;
     std::vector<std::string> volatileHeaders;
@@ -128,44 +133,82 @@ struct RawOptions {
 };
 
 void addOptions(CLI::App& app, Options& options, RawOptions& raw) {
-    app.add_option("IP", options.ip)->required();
-    app.add_option("PORT", options.port)->required()->check(CLI::Range(1, 65535));
-    app.add_option("PATH", options.path)->required();
+    app.add_option("IP PORT PATH", raw.target);
     app.add_flag("--tls", options.tls);
+    app.add_flag("-k", options.insecure);
     app.add_option("-X", raw.method)->check(CLI::IsMember({"GET", "POST", "DELETE"}));
     app.add_option("-H", raw.headers)->allow_extra_args(false);
     app.add_option("--volatile-header", raw.volatileHeaders)->allow_extra_args(false);
-    auto* text = app.add_option("--data", raw.data);
+    auto* text = app.add_option("-d,--data", raw.data);
     app.add_option("--data-file", raw.dataFile)->excludes(text);
     app.add_flag("-i", options.showHeaders);
     app.add_option("-o", options.outputFile);
-    app.add_option("--timeout", options.timeoutMs)->check(CLI::Range(1U, 1000000000U));
+    app.add_option("--timeout", raw.timeoutMs)->check(CLI::Range(0U, 1000000000U));
     app.add_option("--repeat", options.repeat)->check(CLI::Range(1U, 1000000000U));
     app.add_option("--parallel", options.parallel)->check(CLI::Range(1U, kMostConnections));
     app.add_flag("--blocking", options.blocking);
     app.add_flag("--json", options.json);
+    app.add_option("--max-body", options.maxBody)->check(CLI::NonNegativeNumber);
     app.add_flag("--timing", options.timing);
     app.add_flag("-v", options.verbose);
     app.set_version_flag("--version", kVersion);
 }
 
-// The exit code of a program that only says something about itself.
-int print(const std::string& text) {
-    const int error = writeWhole(STDOUT_FILENO, text.data(), text.size());
-    if (error == 0) return EXIT_ANSWERED;
-    complain(std::string("cannot write to standard output: ") + std::strerror(error));
-    return EXIT_USAGE;
+uint16_t parsePort(const std::string& text) {
+    unsigned int port = 0;
+    const bool isNumber = CLI::detail::lexical_cast(text, port);
+    if (!isNumber || port == 0 || port > 65535) {
+        refuse("'" + text + "' is no port; it is a number from 1 to 65535");
+    }
+    return static_cast<uint16_t>(port);
+}
+
+// Takes http://IP:PORT/PATH apart. Port and path may be missing.
+void parseUrl(std::string url, Options& options) {
+    const bool tls = url.rfind("https://", 0) == 0;
+    if (options.tls && !tls) refuse("http:// does not go with --tls; write https://");
+    options.tls = tls;
+    url.erase(0, url.find("//") + 2);
+    const size_t path = std::min(url.find_first_of("/?#"), url.size());
+    options.path = url.substr(path);
+    if (options.path.empty() || options.path[0] != '/') options.path.insert(0, 1, '/');
+    url.erase(path);
+    const size_t colon = url.find(':');
+    options.ip = url.substr(0, colon);
+    options.port = colon != std::string::npos ? parsePort(url.substr(colon + 1)) : tls ? 443 : 80;
+}
+
+void parseTarget(const std::vector<std::string>& target, Options& options) {
+    const bool isUrl = !target.empty() &&
+                       (target[0].rfind("http://", 0) == 0 || target[0].rfind("https://", 0) == 0);
+    const size_t expected = isUrl ? 1 : 3;
+    if (target.size() > expected) refuse("'" + target[expected] + "' is one argument too many");
+    if (isUrl) return parseUrl(target[0], options);
+    if (target.empty()) refuse("IP is required, or a URL such as http://127.0.0.1:8080/");
+    if (target.size() == 1) refuse("PORT is required");
+    if (target.size() == 2) refuse("PATH is required");
+    options.ip = target[0];
+    options.port = parsePort(target[1]);
+    options.path = target[2];
+}
+
+// CLI11 finds out about unknown options last.
+void refuseUnknownOption(const CLI::App& app) {
+    for (const std::string& argument : app.remaining()) {
+        if (argument.size() > 1 && argument[0] == '-') refuse("unknown option " + argument);
+    }
 }
 
 void complete(const CLI::App& app, const RawOptions& raw, Options& options) {
+    parseTarget(raw.target, options);
+    if (app.count("--timeout") > 0) options.timeoutMs = raw.timeoutMs;
+    if (options.outputFile == "-") options.outputFile.clear();
     options.method = raw.method == "POST"     ? HTTP_POST
                      : raw.method == "DELETE" ? HTTP_DELETE
                                               : HTTP_GET;
     if (app.count("--data") > 0) options.data = raw.data;
     if (app.count("--data-file") > 0) options.dataFile = raw.dataFile;
-    if ((options.data || options.dataFile) && app.count("-X") == 0) {
-        refuse("a body needs a method that has one; add -X POST");
-    }
+    if ((options.data || options.dataFile) && app.count("-X") == 0) options.method = HTTP_POST;
     for (const auto& header : raw.headers) options.headers.push_back(parseHeader(header, false));
     for (const auto& header : raw.volatileHeaders) {
         options.headers.push_back(parseHeader(header, true));
@@ -174,6 +217,14 @@ void complete(const CLI::App& app, const RawOptions& raw, Options& options) {
     checkAddress(options);
     addHostHeader(options);
     checkHeaderSize(options);
+}
+
+// The exit code of a program that only says something about itself.
+int print(const std::string& text) {
+    const int error = writeWhole(STDOUT_FILENO, text.data(), text.size());
+    if (error == 0) return EXIT_ANSWERED;
+    complain(std::string("cannot write to standard output: ") + std::strerror(error));
+    return EXIT_USAGE;
 }
 
 }  // namespace
@@ -185,14 +236,22 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     RawOptions raw;
     addOptions(app, options, raw);
     try {
-        app.parse(argc, argv);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::Success&) {
+            throw;
+        } catch (const CLI::ParseError&) {
+            refuseUnknownOption(app);
+            throw;
+        }
         complete(app, raw, options);
+        return std::nullopt;
     } catch (const CLI::CallForVersion&) {
         return print(kVersion + std::string("\n"));
+    } catch (const CLI::Success&) {
+        return print(kHelp);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return print(kHelp);
         complain(error.what() + std::string("\nTry 'h2request --help'."));
         return EXIT_USAGE;
     }
-    return std::nullopt;
 }

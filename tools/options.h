@@ -33,19 +33,25 @@ struct Options {
     uint16_t port = 0;
     std::string path;
     bool tls = false;
+    bool insecure = false;  // the user knows that no certificate is verified
     HTTP_METHOD method = HTTP_GET;
     std::vector<Header> headers;  // a host header among them
     std::optional<std::string> data;
     std::optional<std::string> dataFile;  // "-" for standard input
     bool showHeaders = false;
-    std::string outputFile;      // empty for standard output
-    unsigned int timeoutMs = 0;  // wall clock; 0 for none
+    std::string outputFile;                 // empty for standard output
+    std::optional<unsigned int> timeoutMs;  // of a connect, and of a request; 0 for none
+    unsigned int idleMs = 60000;            // without progress; used when timeoutMs is not set
     unsigned int repeat = 1;
     unsigned int parallel = 0;  // connections that share the requests; 0 for none of that
     bool blocking = false;
     bool json = false;
+    uint64_t maxBody = uint64_t{16} * 1024 * 1024;  // bytes of a body that --json keeps
     bool timing = false;
     bool verbose = false;
+
+    // Whether bodies are kept for a JSON object.
+    bool keepsBody() const { return json && outputFile.empty(); }
 };
 
 // Fills `options` from the command line. Returns nothing when the program goes on, and its exit

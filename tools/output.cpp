@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -30,40 +31,59 @@ void occupyStandardDescriptors() {
     }
 }
 
-bool writeOut(const std::string& text) {
-    const int error = writeWhole(STDOUT_FILENO, text.data(), text.size());
-    return error == 0 || complainOf("standard output", error);
+bool writeOut(const std::string& text, const GiveUp& giveUp) {
+    const int error = writeWhole(STDOUT_FILENO, text.data(), text.size(), giveUp);
+    return error == 0 || (error != EINTR && complainOf("standard output", error));
 }
 
 Output::Output() : m_style(STDOUT_FILENO) {}
 
-Output::~Output() {
-    if (m_body != STDOUT_FILENO && m_body != -1) ::close(m_body);
-}
-
 bool Output::open(const Options& options) {
     m_showHeaders = options.showHeaders;
-    m_keepsBody = options.json && options.outputFile.empty();
-    if (!options.outputFile.empty()) {
-        m_name = options.outputFile;
-        m_body = ::open(m_name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-        if (m_body == -1) {
-            complain("cannot write " + m_name + ": " + std::strerror(errno) +
-                     "; choose another file with -o");
-            return false;
-        }
+    m_keepsBody = options.keepsBody();
+    if (!options.outputFile.empty() && !openFile(options.outputFile)) {
+        complain("cannot write " + options.outputFile + ": " + std::strerror(errno) +
+                 "; choose another file with -o");
+        return false;
     }
+    m_toTerminal = isatty(m_body) == 1;
     // The log of -v and a bar would write over each other, as would a body on the same terminal.
     const bool bars = isatty(STDERR_FILENO) == 1 && !options.verbose;
     m_upload.enable(bars);
-    m_download.enable(bars && (m_keepsBody || isatty(m_body) == 0));
+    m_download.enable(bars && (m_keepsBody || !m_toTerminal));
     return true;
+}
+
+// A device or a pipe is written at once. A link stays, and what it leads to is replaced.
+bool Output::openFile(const std::string& name) {
+    m_name = name;
+    struct stat old {};
+    const bool exists = stat(name.c_str(), &old) == 0;
+    if (exists && !S_ISREG(old.st_mode)) {
+        m_body = ::open(name.c_str(), O_WRONLY | O_CLOEXEC);
+        return m_body != -1;
+    }
+    if (exists && access(name.c_str(), W_OK) != 0) return false;
+    char* const path = realpath(name.c_str(), nullptr);
+    if (path != nullptr) m_name = path;
+    std::free(path);
+    m_temporary = m_name + ".XXXXXX";
+    m_body = mkostemp(m_temporary.data(), O_CLOEXEC);
+    if (m_body == -1) {
+        m_temporary.clear();
+        return false;
+    }
+    const mode_t mask = umask(0);
+    umask(mask);
+    return fchmod(m_body, exists ? old.st_mode & 07777 : 0666 & ~mask) == 0;
 }
 
 void Output::beginAnswer() {
     m_expected = 0;
     m_received = 0;
+    m_binary = false;
     m_kept.clear();
+    if (m_toTerminal) write(m_body, m_name, m_text.end());
 }
 
 bool Output::writeHead(int status, const HeaderMap& headers) {
@@ -77,39 +97,41 @@ bool Output::writeHead(int status, const HeaderMap& headers) {
     std::string head = m_style.paint(colour, "status: " + std::to_string(status)) + "\n";
     for (const auto& [name, value] : headers) {
         if (name == ":status") continue;
-        head += m_style.paint(Colour::CYAN, name + ":");
-        head.append(" ").append(value).append("\n");
+        head += m_style.paint(Colour::CYAN, printable(name) + ":");
+        head.append(" ").append(printable(value)).append("\n");
     }
     return write(STDOUT_FILENO, "standard output", head + "\n");
 }
 
 bool Output::writeBody(const std::string& bytes) {
-    if (!emptyFile()) return false;
     m_received += bytes.size();
     if (!bytes.empty()) m_download.show("received", m_received, m_expected);
     if (m_keepsBody) {
         m_kept += bytes;
         return true;
     }
-    return write(m_body, m_name, bytes);
+    return m_toTerminal ? writeToTerminal(bytes) : write(m_body, m_name, bytes);
 }
 
-bool Output::emptyFile() {
-    if (m_body == STDOUT_FILENO || m_emptied) return true;
-    m_emptied = true;
-    struct stat status {};
-    if (fstat(m_body, &status) != 0 || !S_ISREG(status.st_mode)) return true;
-    return ftruncate(m_body, 0) == 0 || complainOf(m_name, errno);
+bool Output::writeToTerminal(const std::string& bytes) {
+    if (m_binary) return true;
+    if (bytes.find('\0') == std::string::npos) return write(m_body, m_name, m_text.add(bytes));
+    m_binary = true;
+    m_text.end();
+    complain("the body is binary, which is not for a terminal: write it with -o FILE");
+    return true;
 }
 
-bool Output::close() {
-    if (m_body == STDOUT_FILENO) return true;
-    const int result = ::close(m_body);
-    m_body = -1;
-    return result == 0 || complainOf(m_name, errno);
+bool Output::close(bool whole) {
+    if (m_body == STDOUT_FILENO) return write(m_body, m_name, m_text.end()) || !whole;
+    if (m_body == -1) return true;
+    bool ok = ::close(std::exchange(m_body, -1)) == 0;
+    if (m_temporary.empty()) return ok || complainOf(m_name, errno);
+    if (ok && whole) ok = rename(m_temporary.c_str(), m_name.c_str()) == 0;
+    const int error = errno;
+    if (!ok || !whole) unlink(m_temporary.c_str());
+    return ok || complainOf(m_name, error);
 }
-
-void Output::showUpload(uint64_t sent, uint64_t size) { m_upload.show("sent", sent, size); }
 
 void Output::endProgress() {
     m_upload.end();
@@ -117,8 +139,9 @@ void Output::endProgress() {
 }
 
 bool Output::write(int fd, const std::string& name, const std::string& bytes) {
-    const int error = writeWhole(fd, bytes.data(), bytes.size());
+    const int error = writeWhole(fd, bytes.data(), bytes.size(), m_giveUp);
     if (error == 0) return true;
     endProgress();
+    if (error == EINTR) return false;
     return complainOf(name, error);
 }

@@ -1,6 +1,7 @@
 #include "parallel.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -9,20 +10,25 @@
 #include <utility>
 #include <vector>
 
-#include <poll.h>
 #include <unistd.h>
 
+#include "interrupt.h"
 #include "json.h"
 #include "message.h"
 #include "output.h"
+#include "probe.h"
 #include "request.h"
 #include "summary.h"
-#include "watchdog.h"
 
 namespace {
 
+// How long after its time a connection may take to get out of the library.
+constexpr std::chrono::milliseconds kSlack{500};
+
+constexpr std::chrono::milliseconds kWorkerPause{100};
+
 // Keeps the body of an answer; of what an exchange drops nothing comes here.
-class Kept : public AnswerSink {
+class KeptBody : public AnswerSink {
 public:
     bool writeHead(int /*status*/, const HeaderMap& /*headers*/) override { return true; }
     bool writeBody(const std::string& bytes) override {
@@ -35,186 +41,199 @@ public:
 
 // What one thread works with.
 struct Worker {
-    explicit Worker(const BodySource& source) : body(source) {}
+    Worker(const Options& options, const BodySource& source) : body(source), limit(options) {}
 
-    BodyReader body;                     // outlives the exchange
-    std::shared_ptr<Exchange> exchange;  // replaced under Crew's m_exchanges; null: no connection
-    std::optional<ConnectTimes> connectTimes;  // of a connection that has had no request yet
+    BodyReader body;                      // outlives the exchange
+    std::unique_ptr<Exchange> exchange;   // null: no connection
+    std::optional<Duration> connectTime;  // of a connection that has had no request yet
+    TimeLimit limit;                      // runs while the thread uses the library
+    unsigned int number = 0;              // of its request; 0: none; guarded by m_mutex
 };
 
-// Whether standard output takes a few lines at once.
-bool takesOutput() {
-    pollfd ready{STDOUT_FILENO, POLLOUT, 0};
-    return poll(&ready, 1, 0) == 1;
-}
-
-class Crew {
+// The main thread starts the others, and then only waits for them, for Ctrl-C, and for one that
+// does not get out of the library in time: that one has kept all others from it as well.
+class ParallelRun {
 public:
-    Crew(const Options& options, const BodySource& source, Interrupt& interrupt);
-    int run();
+    ParallelRun(const Options& options, const BodySource& source);
+    [[noreturn]] void run();
 
 private:
-    std::optional<Outcome> connect(Worker& worker);
-    void disconnect(Worker& worker);
-    void wakeAll();
+    // On a worker's thread.
     void work(Worker& worker);
+    bool connect(Worker& worker);
     Outcome request(Worker& worker, std::string& body);
-    void report(unsigned int number, const Outcome& outcome, const std::string& body);
-    int finish();
-    bool print();
+    void report(Worker& worker, const Outcome& outcome, const std::string& body);
+
+    // On the main thread, with m_mutex held.
+    void waitForAll(std::unique_lock<std::mutex>& lock, const unsigned int& count);
+    [[noreturn]] void giveUp(int code, const std::string& message);
+    [[noreturn]] void leave();
 
     const Options& m_options;
-    Interrupt& m_interrupt;
-    Watchdog m_watchdog;
-    std::mutex m_connecting;  // the library connects one at a time; guards the watchdog
-    std::mutex m_exchanges;   // guards all pointers to exchanges against wakeAll
     std::vector<std::unique_ptr<Worker>> m_workers;
-    std::atomic<unsigned int> m_next{1};  // number of the next request
-    TimePoint m_start;
+    std::atomic<bool> m_connecting{true};  // the first connections are being made
+    std::atomic<unsigned int> m_next{1};   // number of the next request
+    std::mutex m_connect;  // the library connects one at a time; a time limit starts with the turn
     std::mutex m_output;   // held while standard output is written
-    std::mutex m_results;  // guards all below
+    std::mutex m_mutex;    // guards all below
+    std::condition_variable m_changed;
+    unsigned int m_ready = 0;     // workers that have tried to connect
+    unsigned int m_finished = 0;  // and that have nothing more to do
+    TimePoint m_start;
     Summary m_summary;
     int m_failure = EXIT_ANSWERED;  // exit code of the first failure
     bool m_errorStatus = false;
 };
 
-Crew::Crew(const Options& options, const BodySource& source, Interrupt& interrupt)
-    : m_options(options), m_interrupt(interrupt), m_start(Clock::now()) {
+ParallelRun::ParallelRun(const Options& options, const BodySource& source) : m_options(options) {
     for (unsigned int i = 0; i < options.parallel; ++i) {
-        m_workers.push_back(std::make_unique<Worker>(source));
+        m_workers.push_back(std::make_unique<Worker>(options, source));
     }
 }
 
-// Nothing when the connection is there.
-std::optional<Outcome> Crew::connect(Worker& worker) {
-    auto exchange = std::make_shared<Exchange>();
-    Exchange::Connected connected;
+bool ParallelRun::connect(Worker& worker) {
+    auto exchange = std::make_unique<Exchange>();
     {
-        const std::lock_guard<std::mutex> lock(m_connecting);
-        // A connect that hangs holds up all connections, so it ends the run.
-        m_watchdog.arm(deadlineOf(m_options), timedOutMessage("connection", m_options), [this] {
-            if (takesOutput()) print();
-        });
-        connected = exchange->connect(m_options);
-        m_watchdog.disarm();
-    }
-    if (!connected.ok) {
-        Outcome outcome;
-        failToConnect(outcome, connected, m_options);
-        return outcome;
+        const std::lock_guard<std::mutex> lock(m_connect);
+        const TimePoint start = Clock::now();
+        worker.limit.start();
+        const bool connected = exchange->connect(m_options);
+        worker.limit.stop();
+        if (!connected) return false;
+        worker.connectTime = Clock::now() - start;
     }
     exchange->describe(m_options, worker.body);
     if (!m_options.json) exchange->dropBodies();
-    worker.body.setOnFailure([target = exchange.get()] { target->wake(); });
-    worker.connectTimes = connected.times;
-    {
-        const std::lock_guard<std::mutex> lock(m_exchanges);
-        worker.exchange = std::move(exchange);
-    }
-    const std::lock_guard<std::mutex> lock(m_results);
+    worker.exchange = std::move(exchange);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_summary.addConnection();
-    return std::nullopt;
-}
-
-void Crew::disconnect(Worker& worker) {
-    std::shared_ptr<Exchange> old;
-    const std::lock_guard<std::mutex> lock(m_exchanges);
-    old.swap(worker.exchange);
-}
-
-void Crew::wakeAll() {
-    const std::lock_guard<std::mutex> lock(m_exchanges);
-    for (const auto& worker : m_workers) {
-        if (worker->exchange) worker->exchange->wake();
-    }
+    return true;
 }
 
 // The connection may have gone while it was idle: then the request is made on a new one.
-Outcome Crew::request(Worker& worker, std::string& body) {
+Outcome ParallelRun::request(Worker& worker, std::string& body) {
     Outcome outcome;
     for (int tries = 0; tries < 2; ++tries) {
-        if (!worker.exchange) {
-            if (auto failed = connect(worker)) return *failed;
-        }
-        Kept kept;
-        const Course course{m_options, *worker.exchange, worker.body, m_interrupt, kept};
-        outcome = runStreaming(course);
-        outcome.timing.connect = std::exchange(worker.connectTimes, std::nullopt);
+        if (!worker.exchange && !connect(worker)) return failToConnect(m_options);
+        KeptBody kept;
+        const RequestContext context{m_options, *worker.exchange, worker.body, worker.limit,
+                                     kept,      kWorkerPause};
+        worker.limit.start();
+        outcome = followRequest(context, worker.exchange->start(worker.body));
+        outcome.timing.connect = std::exchange(worker.connectTime, std::nullopt);
         body = std::move(kept.body);
-        if (outcome.disconnected) disconnect(worker);
+        if (outcome.disconnected) worker.exchange.reset();
+        worker.limit.stop();
         if (!outcome.unsent) break;
     }
     return outcome;
 }
 
-void Crew::work(Worker& worker) {
-    while (!m_interrupt.requested()) {
-        const unsigned int number = m_next++;
-        if (number > m_options.repeat) return;
+void ParallelRun::work(Worker& worker) {
+    connect(worker);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    ++m_ready;
+    m_changed.notify_all();
+    m_changed.wait(lock, [this] { return !m_connecting; });
+    while ((worker.number = m_next++) <= m_options.repeat) {
+        lock.unlock();
         std::string body;
         const Outcome outcome = request(worker, body);
-        report(number, outcome, body);
+        report(worker, outcome, body);
+        lock.lock();
     }
+    worker.number = 0;
+    ++m_finished;
+    m_changed.notify_all();
 }
 
-void Crew::report(unsigned int number, const Outcome& outcome, const std::string& body) {
+void ParallelRun::report(Worker& worker, const Outcome& outcome, const std::string& body) {
     if (outcome.code == EXIT_USAGE) {
         // No further request can be made: not worth waiting for those that run.
         complain(outcome.message);
         _exit(EXIT_USAGE);
     }
     if (m_options.json) {
-        const std::string line = jsonLine(number, outcome, body, m_options);
+        const std::string line = jsonLine(worker.number, outcome, body, m_options);
         const std::lock_guard<std::mutex> lock(m_output);
-        if (!writeOut(line)) _exit(EXIT_USAGE);
+        if (!writeOut(line, isInterrupted) && !isInterrupted()) _exit(EXIT_USAGE);
     }
-    const std::lock_guard<std::mutex> lock(m_results);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    worker.number = 0;
     m_summary.add(outcome);
     if (outcome.code == EXIT_ERROR_STATUS) m_errorStatus = true;
     if (!outcome.isAnswer() && m_failure == EXIT_ANSWERED) m_failure = outcome.code;
 }
 
-// Prints the summary. False, with a message, when the output does not take it.
-bool Crew::print() {
+// Prints the summary and ends the process.
+void ParallelRun::leave() {
     const int fd = m_options.json ? STDERR_FILENO : STDOUT_FILENO;
-    const std::lock_guard<std::mutex> lock(m_results);
     const std::string text = m_summary.text(Clock::now() - m_start, Style(fd));
-    if (!m_options.json) return writeOut(text);
-    writeWhole(fd, text.data(), text.size());
-    return true;
-}
-
-int Crew::finish() {
-    if (!print()) return EXIT_USAGE;
-    if (m_interrupt.requested()) {
-        complain("interrupted; the requests that ran were cancelled");
-        return EXIT_INTERRUPTED;
+    if (m_options.json) {
+        writeWhole(fd, text.data(), text.size());
+    } else if (!writeOut(text, isInterrupted) && m_failure != EXIT_INTERRUPTED) {
+        _exit(EXIT_USAGE);
     }
-    if (m_failure != EXIT_ANSWERED) return m_failure;
-    return m_errorStatus ? EXIT_ERROR_STATUS : EXIT_ANSWERED;
+    if (m_failure != EXIT_ANSWERED) _exit(m_failure);
+    _exit(m_errorStatus ? EXIT_ERROR_STATUS : EXIT_ANSWERED);
 }
 
-int Crew::run() {
+// Counts the requests that run as failed by `code`.
+void ParallelRun::giveUp(int code, const std::string& message) {
+    complain(message);
+    if (m_connecting) _exit(code);
+    Outcome outcome;
+    fail(outcome, code, message);
+    const std::unique_lock<std::mutex> output(m_output, std::try_to_lock);
     for (const auto& worker : m_workers) {
-        const auto failed = connect(*worker);
-        if (!failed || worker != m_workers.front()) continue;  // a worker tries again by itself
-        complain(failed->message);
-        return failed->code;
+        if (worker->number == 0) continue;
+        m_summary.add(outcome);
+        if (m_options.json && output) {
+            writeOut(jsonLine(worker->number, outcome, {}, m_options), isInterrupted);
+        }
     }
-    const InterruptWake wake(m_interrupt, [this] { wakeAll(); });
+    if (m_failure == EXIT_ANSWERED || code == EXIT_INTERRUPTED) m_failure = code;
+    leave();
+}
+
+void ParallelRun::waitForAll(std::unique_lock<std::mutex>& lock, const unsigned int& count) {
+    const auto isDone = [&] { return count == m_workers.size(); };
+    while (!m_changed.wait_for(lock, kLookPause, isDone)) {
+        if (isInterrupted()) giveUp(EXIT_INTERRUPTED, "interrupted");
+        for (const auto& worker : m_workers) {
+            if (!worker->limit.isOver(kSlack)) continue;
+            giveUp(EXIT_TIMED_OUT, worker->limit.text("connection or complete answer") +
+                                       ", and the library is held up: the run was given up; allow "
+                                       "more with --timeout");
+        }
+    }
+}
+
+void ParallelRun::run() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    {
+        const BlockedInterrupts blocked;
+        for (const auto& worker : m_workers) {
+            std::thread([this, target = worker.get()] { work(*target); }).detach();
+        }
+    }
+    waitForAll(lock, m_ready);
+    if (m_summary.connections() == 0) {
+        const Outcome failed = failToConnect(m_options);
+        complain(failed.message);
+        _exit(failed.code);
+    }
     m_start = Clock::now();
-    std::vector<std::thread> threads;
-    threads.reserve(m_workers.size());
-    for (const auto& worker : m_workers) {
-        threads.emplace_back([this, target = worker.get()] { work(*target); });
-    }
-    for (std::thread& thread : threads) thread.join();
-    return finish();
+    m_connecting = false;
+    m_changed.notify_all();
+    waitForAll(lock, m_finished);
+    if (isInterrupted()) giveUp(EXIT_INTERRUPTED, "interrupted");
+    leave();
 }
 
 }  // namespace
 
-int runParallel(const Options& options, const BodySource& source, Interrupt& interrupt) {
-    Crew crew(options, source, interrupt);
-    return crew.run();
+void runParallel(const Options& options, const BodySource& source) {
+    ParallelRun run(options, source);
+    run.run();
 }

@@ -9,7 +9,6 @@
 class Progress {
 public:
     void enable(bool enabled) { m_enabled = enabled; }
-    bool isEnabled() const { return m_enabled; }
     // `total` is 0 when unknown. Draws at most ten times a second, and always when it is complete.
     void show(const char* what, uint64_t done, uint64_t total);
     // Leaves the bar as it is and goes to the next line.

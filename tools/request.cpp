@@ -1,62 +1,49 @@
 #include "request.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <utility>
+
+#include "interrupt.h"
 
 namespace {
 
 constexpr int kFirstServerError = 500;
-constexpr std::chrono::milliseconds kProgressPause{100};
+
+// What had come when a request was given up, for its message.
+std::string whatHadCome(const RequestContext& context, const Outcome& outcome) {
+    std::string text;
+    if (context.body.size() > 0) {
+        text = std::to_string(context.body.sent()) + " of " + std::to_string(context.body.size()) +
+               " bytes were sent; ";
+    }
+    if (!outcome.status) return text + "nothing had come";
+    return text + "status " + std::to_string(*outcome.status) + " and " +
+           std::to_string(context.exchange.times().bodySize) + " bytes of the body had come";
+}
+
+void failByBodyLimit(const Options& options, Outcome& outcome) {
+    fail(outcome, EXIT_REQUEST_FAILED,
+         "request failed: the body is over the " + std::to_string(options.maxBody) +
+             " bytes that --json keeps; write it with -o FILE, or allow more with --max-body");
+}
 
 }  // namespace
 
-void failToConnect(Outcome& outcome, const Exchange::Connected& connected, const Options& options) {
-    std::string message = "cannot connect to " + options.ip + " port " +
-                          std::to_string(options.port) + (options.tls ? " with TLS" : "");
-    if (connected.error == ECONNREFUSED) {
-        message += ": nobody listens there; start the server, or see its ports with `ss -ltn`";
-    } else if (connected.error == EBADF) {
-        message += ": no descriptor is left; allow more with `ulimit -n`, or use fewer";
-    } else if (connected.error != 0) {
-        message += std::string(": ") + std::strerror(connected.error) +
-                   "; check the address, and whether a firewall is in between";
-    } else if (options.tls) {
-        message += ": the handshake failed; leave out --tls if the port speaks plain HTTP/2";
-    } else {
-        message += ": the process has no descriptor below 1024 left; use fewer connections";
-    }
-    outcome.timing.connect = connected.times;
-    outcome.disconnected = true;
-    fail(outcome, EXIT_CANNOT_CONNECT, message);
-}
-
-Deadline deadlineOf(const Options& options) {
-    if (options.timeoutMs == 0) return std::nullopt;
-    return Clock::now() + std::chrono::milliseconds(options.timeoutMs);
-}
-
-bool isOver(const Deadline& deadline) { return deadline && Clock::now() >= *deadline; }
-
-Deadline nextLook(const Course& course, const Deadline& deadline) {
-    if (!course.sink.showsUpload() || course.body.size() == 0) return deadline;
-    const auto tick = Clock::now() + kProgressPause;
-    return deadline ? std::min(*deadline, tick) : tick;
-}
-
-bool writeArrived(const Course& course, const Arrived& arrived) {
+bool writeArrived(const RequestContext& context, const Arrived& arrived, Outcome& outcome) {
+    AnswerSink& sink = context.sink;
+    bool taken = true;
     if (arrived.status) {
-        course.sink.showUpload(course.body.sent(), course.body.size());
-        if (!course.sink.writeHead(*arrived.status, arrived.headers)) return false;
+        sink.showUpload(context.body.sent(), context.body.size());
+        taken = sink.writeHead(*arrived.status, arrived.headers);
     }
-    const bool isAnswer = arrived.status || !arrived.body.empty();
-    return !isAnswer || course.sink.writeBody(arrived.body);
-}
-
-std::string timedOutMessage(const char* what, const Options& options) {
-    return std::string("no ") + what + " within " + std::to_string(options.timeoutMs) +
-           " ms; allow more with --timeout";
+    if (taken && context.options.keepsBody() &&
+        context.exchange.times().bodySize > context.options.maxBody) {
+        failByBodyLimit(context.options, outcome);
+        return false;
+    }
+    if (taken && (arrived.status || !arrived.body.empty())) taken = sink.writeBody(arrived.body);
+    if (!taken && !isGivenUp(context, outcome)) fail(outcome, EXIT_USAGE, {});
+    return taken;
 }
 
 void fail(Outcome& outcome, int code, std::string message) {
@@ -64,7 +51,7 @@ void fail(Outcome& outcome, int code, std::string message) {
     outcome.message = std::move(message);
 }
 
-void failByEnd(Outcome& outcome, Arrived::End end, const Options& options) {
+void failByEnd(Outcome& outcome, Arrived::End end) {
     if (end == Arrived::TOO_LARGE) {
         return fail(outcome, EXIT_REQUEST_FAILED,
                     "request failed: the body is over the 1 MiB that the blocking call can hold; "
@@ -73,17 +60,14 @@ void failByEnd(Outcome& outcome, Arrived::End end, const Options& options) {
     outcome.disconnected = true;
     if (end == Arrived::CLOSED) {
         return fail(outcome, EXIT_CONNECTION_LOST,
-                    std::string("connection lost before the answer was complete; ") +
-                        (options.tls ? "see the server's log"
-                                     : "if the port speaks TLS, add --tls; else see the server's "
-                                       "log"));
+                    "connection lost before the answer was complete; see the server's log");
     }
     fail(outcome, EXIT_REQUEST_FAILED,
          "request failed: the server reset it, or what it sends cannot be parsed; -v shows the "
          "frames");
 }
 
-void judge(Outcome& outcome, const Options& options) {
+void classify(Outcome& outcome, const Options& options) {
     const int status = outcome.status.value_or(0);
     if (status == 0) {
         return fail(outcome, EXIT_REQUEST_FAILED,
@@ -102,15 +86,18 @@ void judge(Outcome& outcome, const Options& options) {
     fail(outcome, EXIT_ERROR_STATUS, message);
 }
 
-bool isGivenUp(const Course& course, const Deadline& deadline, Outcome& outcome) {
-    if (course.interrupt.requested()) {
-        fail(outcome, EXIT_INTERRUPTED, "interrupted; the request was cancelled");
-    } else if (course.body.error() != 0) {
+bool isGivenUp(const RequestContext& context, Outcome& outcome) {
+    context.limit.setProgress(context.exchange.progress() + context.body.sent());
+    if (isInterrupted()) {
+        fail(outcome, EXIT_INTERRUPTED, "interrupted");
+    } else if (context.body.error() != 0) {
         fail(outcome, EXIT_USAGE,
-             std::string("reading the body failed: ") + std::strerror(course.body.error()) +
+             std::string("reading the body failed: ") + std::strerror(context.body.error()) +
                  "; the request was given up: check --data-file");
-    } else if (isOver(deadline)) {
-        fail(outcome, EXIT_TIMED_OUT, timedOutMessage("complete answer", course.options));
+    } else if (context.limit.isOver()) {
+        fail(outcome, EXIT_TIMED_OUT,
+             context.limit.text("complete answer") + "; " + whatHadCome(context, outcome) +
+                 "; allow more with --timeout");
     } else {
         return false;
     }
@@ -129,37 +116,29 @@ const char* kindOf(int code) {
     }
 }
 
-namespace {
-
-// Takes what arrives until the request has ended, or is given up.
-void followAnswer(const Course& course, const Deadline& deadline, Outcome& outcome) {
-    while (!isGivenUp(course, deadline, outcome)) {
-        Arrived arrived = course.exchange.wait(nextLook(course, deadline));
-        if (arrived.status) outcome.status = arrived.status;
-        if (!writeArrived(course, arrived)) return fail(outcome, EXIT_USAGE, {});
-        if (arrived.status) outcome.headers = std::move(arrived.headers);
-        if (!outcome.status) course.sink.showUpload(course.body.sent(), course.body.size());
-        if (arrived.end == Arrived::COMPLETE) {
-            if (arrived.beforeLibrary) course.exchange.stop();
-            return judge(outcome, course.options);
-        }
-        if (arrived.end != Arrived::NONE) return failByEnd(outcome, arrived.end, course.options);
-    }
-}
-
-}  // namespace
-
-Outcome runStreaming(const Course& course) {
-    const Deadline deadline = deadlineOf(course.options);
+Outcome followRequest(const RequestContext& context, int startCode) {
     Outcome outcome;
-    if (course.exchange.start(course.body) != 0) {
-        failByEnd(outcome, Arrived::CLOSED, course.options);
+    if (startCode != 0) {
+        failByEnd(outcome, Arrived::CLOSED);
         outcome.unsent = true;
         return outcome;
     }
-    followAnswer(course, deadline, outcome);
-    outcome.timing.answer = course.exchange.times();
-    if (!outcome.isAnswer()) course.exchange.cancel();
-    course.sink.endProgress();
+    while (!isGivenUp(context, outcome)) {
+        Arrived arrived = context.exchange.wait(context.lookPause);
+        if (arrived.status) outcome.status = arrived.status;
+        if (!writeArrived(context, arrived, outcome)) break;
+        if (arrived.status) outcome.headers = std::move(arrived.headers);
+        if (!outcome.status) context.sink.showUpload(context.body.sent(), context.body.size());
+        if (arrived.end == Arrived::COMPLETE) {
+            classify(outcome, context.options);
+            break;
+        }
+        if (arrived.end != Arrived::NONE) {
+            failByEnd(outcome, arrived.end);
+            break;
+        }
+    }
+    outcome.timing.answer = context.exchange.times();
+    context.sink.endProgress();
     return outcome;
 }

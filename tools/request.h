@@ -6,12 +6,12 @@
 
 #include "body.h"
 #include "exchange.h"
-#include "interrupt.h"
 #include "options.h"
+#include "time_limit.h"
 #include "timing.h"
 
-// Where an answer goes while it arrives. What returns a bool returns false, after a message, when
-// it takes no more.
+// Where an answer goes while it arrives. What returns a bool returns false when it takes no more,
+// after a message unless the request was given up meanwhile.
 class AnswerSink {
 public:
     AnswerSink() = default;
@@ -21,8 +21,7 @@ public:
 
     virtual bool writeHead(int status, const HeaderMap& headers) = 0;
     virtual bool writeBody(const std::string& bytes) = 0;
-    // For a progress bar: whether one may be shown, how much has been sent, and its end.
-    virtual bool showsUpload() const { return false; }
+    // For a progress bar: how much has been sent, and its end.
     virtual void showUpload(uint64_t /*sent*/, uint64_t /*size*/) {}
     virtual void endProgress() {}
 };
@@ -34,8 +33,6 @@ struct Outcome {
     bool unsent = false;  // the connection was gone before the request began
     // The connection has ended; the object of the exchange is of no further use.
     bool disconnected = false;
-    // A thread is still inside blockedRequest and cannot be called back: only _exit is left.
-    bool stuck = false;
     std::optional<int> status;
     HeaderMap headers;
     Timing timing;
@@ -45,36 +42,31 @@ struct Outcome {
 };
 
 // All that requests on one connection share.
-struct Course {
+struct RequestContext {
     const Options& options;
     Exchange& exchange;
     BodyReader& body;
-    const Interrupt& interrupt;
+    TimeLimit& limit;
     AnswerSink& sink;
+    Duration lookPause;  // how often to look for Ctrl-C, when nothing arrives
 };
 
-// One request, its answer handed to the sink as it arrives. It is ended in any case.
-Outcome runStreaming(const Course& course);
+// Hands the answer of a request to the sink as it arrives, to its end or to that of the time.
+// `startCode` is what Exchange::start returned.
+Outcome followRequest(const RequestContext& context, int startCode);
 
 // ---- what the ways of making a request have in common
 
-Deadline deadlineOf(const Options& options);
-bool isOver(const Deadline& deadline);
-// When to look again even if nothing arrives: for a bar that shows how much has been sent.
-Deadline nextLook(const Course& course, const Deadline& deadline);
-// Hands on what has arrived. False when the sink takes no more.
-bool writeArrived(const Course& course, const Arrived& arrived);
-
-std::string timedOutMessage(const char* what, const Options& options);
+// Hands on what has arrived. False, with code and message, when it is not taken.
+bool writeArrived(const RequestContext& context, const Arrived& arrived, Outcome& outcome);
 // These fill in code and message.
 void fail(Outcome& outcome, int code, std::string message);
-void failToConnect(Outcome& outcome, const Exchange::Connected& connected, const Options& options);
-void failByEnd(Outcome& outcome, Arrived::End end, const Options& options);
-// A complete answer, judged by its status.
-void judge(Outcome& outcome, const Options& options);
-// Whether the request is to be given up though nothing has gone wrong with it: an interrupt, a
-// body that cannot be read, no time left.
-bool isGivenUp(const Course& course, const Deadline& deadline, Outcome& outcome);
+void failByEnd(Outcome& outcome, Arrived::End end);
+// Tells by its status what a complete answer is.
+void classify(Outcome& outcome, const Options& options);
+// Whether the request is to be given up though nothing has gone wrong with it: Ctrl-C, a body that
+// cannot be read, no time left.
+bool isGivenUp(const RequestContext& context, Outcome& outcome);
 
 // A word for each exit code of a failed request, as in "timed out".
 const char* kindOf(int code);

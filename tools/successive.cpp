@@ -1,96 +1,124 @@
 #include "successive.h"
 
-#include <iostream>
-#include <utility>
-
 #include <unistd.h>
 
 #include "blocking.h"
+#include "call.h"
+#include "interrupt.h"
 #include "json.h"
 #include "message.h"
+#include "probe.h"
 #include "request.h"
-#include "watchdog.h"
 
 namespace {
 
-// How long after its time a request may take to be ended in order, before the watchdog ends it.
-constexpr std::chrono::seconds kGrace{5};
+class SuccessiveRun {
+public:
+    SuccessiveRun(const Options& options, const BodySource& source, Output& output)
+        : m_options(options), m_output(output), m_body(source), m_limit(options) {
+        output.setGiveUp([this] {
+            m_limit.extend();  // the user's output may be slow, the server is not to blame
+            return isInterrupted() || m_limit.isOver();
+        });
+    }
+    [[noreturn]] void run();
 
-// What --timing and --json say of a request. Its exit code, or that of a broken output.
-int report(const Options& options, const Output& output, unsigned int number,
-           const Outcome& outcome) {
-    if (options.timing) {
+private:
+    void connect();
+    Outcome request(unsigned int number);
+    void report(unsigned int number, const Outcome& outcome);
+    [[noreturn]] void leave();
+
+    const Options& m_options;
+    Output& m_output;
+    BodyReader m_body;
+    Exchange m_exchange;
+    TimeLimit m_limit;
+    Duration m_connectTime{};
+    int m_code = EXIT_ANSWERED;
+};
+
+void SuccessiveRun::connect() {
+    const TimePoint start = Clock::now();
+    m_limit.start();
+    const auto connected = callLibrary([this] { return m_exchange.connect(m_options); },
+                                       [this] { return isInterrupted() || m_limit.isOver(); });
+    m_connectTime = Clock::now() - start;
+    if (connected == true) return;
+    Outcome outcome;
+    if (connected == false) {
+        outcome = failToConnect(m_options);
+    } else if (isInterrupted()) {
+        fail(outcome, EXIT_INTERRUPTED, "interrupted");
+    } else {
+        fail(outcome, EXIT_TIMED_OUT,
+             m_limit.text("connection") +
+                 "; check the address and the port, or allow more with "
+                 "--timeout");
+    }
+    outcome.timing.connect = m_connectTime;
+    report(1, outcome);
+    leave();
+}
+
+Outcome SuccessiveRun::request(unsigned int number) {
+    const RequestContext context{m_options, m_exchange, m_body, m_limit, m_output, kLookPause};
+    m_limit.start();
+    m_output.beginAnswer();
+    Outcome outcome;
+    if (m_options.blocking) {
+        outcome = runBlocking(context, number == m_options.repeat);
+    } else if (const auto code = callLibrary([this] { return m_exchange.start(m_body); },
+                                             [&] { return isGivenUp(context, outcome); })) {
+        outcome = followRequest(context, *code);
+    }
+    if (number == 1) outcome.timing.connect = m_connectTime;
+    const bool failed = outcome.code >= EXIT_REQUEST_FAILED && outcome.code <= EXIT_TIMED_OUT;
+    if (failed && number == 1 && !outcome.status) explainFailure(m_options, outcome);
+    if (outcome.code == EXIT_CONNECTION_LOST && number > 1) {
+        outcome.message = "connection lost after " + std::to_string(number - 1) +
+                          (number == 2 ? " answer" : " answers") +
+                          "; servers end a connection after some time or some requests: with "
+                          "--parallel 1 the rest is made on new ones";
+    }
+    return outcome;
+}
+
+void SuccessiveRun::report(unsigned int number, const Outcome& outcome) {
+    if (outcome.code != EXIT_ANSWERED) m_code = outcome.code;
+    if (!outcome.message.empty()) complain(outcome.message);
+    if (m_options.timing) {
         const std::string line = timingLine(outcome.timing) + "\n";
         writeWhole(STDERR_FILENO, line.data(), line.size());
     }
     const bool broken = outcome.code == EXIT_USAGE && outcome.message.empty();
-    if (!options.json || broken) return outcome.code;
-    return writeOut(jsonLine(number, outcome, output.keptBody(), options)) ? outcome.code
-                                                                           : EXIT_USAGE;
+    if (!m_options.json || broken) return;
+    if (!m_output.writeJson(jsonLine(number, outcome, m_output.keptBody(), m_options)) &&
+        outcome.isAnswer()) {
+        m_code = isInterrupted() ? EXIT_INTERRUPTED : EXIT_USAGE;
+    }
 }
 
-int complainAndReport(const Options& options, const Output& output, unsigned int number,
-                      const Outcome& outcome) {
-    if (!outcome.message.empty()) complain(outcome.message);
-    return report(options, output, number, outcome);
+void SuccessiveRun::leave() {
+    const bool whole = m_code == EXIT_ANSWERED || m_code == EXIT_ERROR_STATUS;
+    if (!m_output.close(whole)) m_code = EXIT_USAGE;
+    _exit(m_code);
 }
 
-// Nothing when the connection is there.
-std::optional<Outcome> connect(const Options& options, const Output& output, Watchdog& watchdog,
-                               Exchange& exchange, ConnectTimes& times) {
-    const std::string late = timedOutMessage("connection", options);
-    const TimePoint start = Clock::now();
-    watchdog.arm(deadlineOf(options), late, [&, late, start] {
-        Outcome outcome;
-        fail(outcome, EXIT_TIMED_OUT, late);
-        outcome.timing.connect = ConnectTimes{Clock::now() - start, {}, {}};
-        report(options, output, 1, outcome);
-    });
-    const Exchange::Connected connected = exchange.connect(options);
-    watchdog.disarm();
-    times = connected.times;
-    if (connected.ok) return std::nullopt;
-    Outcome outcome;
-    failToConnect(outcome, connected, options);
-    return outcome;
-}
-
-// Ends the process at once.
-[[noreturn]] void leave(Output& output, int code) {
-    if (!output.close() && code == EXIT_ANSWERED) code = EXIT_USAGE;
-    std::cerr.flush();
-    _exit(code);
+void SuccessiveRun::run() {
+    connect();
+    m_exchange.describe(m_options, m_body);
+    for (unsigned int number = 1; number <= m_options.repeat; ++number) {
+        const Outcome outcome = request(number);
+        report(number, outcome);
+        if (m_code != EXIT_ANSWERED && m_code != EXIT_ERROR_STATUS) break;
+    }
+    leave();
 }
 
 }  // namespace
 
-int runSuccessive(const Options& options, const BodySource& source, Output& output,
-                  Interrupt& interrupt) {
-    Watchdog watchdog;
-    BodyReader body(source);
-    Exchange exchange;
-    ConnectTimes connectTimes;
-    if (const auto failed = connect(options, output, watchdog, exchange, connectTimes)) {
-        return complainAndReport(options, output, 1, *failed);
-    }
-    exchange.describe(options, body);
-    body.setOnFailure([&exchange] { exchange.wake(); });
-    const InterruptWake wake(interrupt, [&exchange] { exchange.wake(); });
-    const Course course{options, exchange, body, interrupt, output};
-    int code = EXIT_ANSWERED;
-    for (unsigned int i = 1; i <= options.repeat; ++i) {
-        const Deadline deadline = deadlineOf(options);
-        watchdog.arm(deadline ? Deadline(*deadline + kGrace) : deadline,
-                     timedOutMessage("complete answer", options));
-        output.beginAnswer();
-        Outcome outcome =
-            options.blocking ? runBlocking(course, i == options.repeat) : runStreaming(course);
-        if (i == 1) outcome.timing.connect = connectTimes;
-        const int next = complainAndReport(options, output, i, outcome);
-        if (outcome.stuck) leave(output, next);
-        if (next != EXIT_ANSWERED) code = next;
-        if (next != EXIT_ANSWERED && next != EXIT_ERROR_STATUS) break;
-    }
-    if (!output.close() && code == EXIT_ANSWERED) code = EXIT_USAGE;
-    return code;
+void runSuccessive(const Options& options, const BodySource& source, Output& output) {
+    SuccessiveRun run(options, source, output);
+    run.run();
 }

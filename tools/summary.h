@@ -18,6 +18,7 @@ class Summary {
 public:
     void add(const Outcome& outcome);
     void addConnection() { ++m_connections; }
+    uint64_t connections() const { return m_connections; }
     // Lines for the user: `elapsed` is the time that all took together. `style` is that of where
     // they go.
     std::string text(Duration elapsed, const Style& style) const;

@@ -9,14 +9,6 @@
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
 using Duration = Clock::duration;
-using Deadline = std::optional<TimePoint>;
-
-// How long a connection took.
-struct ConnectTimes {
-    Duration all{};               // TCP and TLS
-    std::optional<Duration> tcp;  // to the end of the TCP connect; nothing when it was not seen
-    std::optional<Duration> tls;  // from then on; nothing when there was no handshake
-};
 
 // How long an answer took, each from the request's start.
 struct AnswerTimes {
@@ -28,8 +20,8 @@ struct AnswerTimes {
 };
 
 struct Timing {
-    std::optional<ConnectTimes> connect;  // of the connection's first request only
-    std::optional<AnswerTimes> answer;    // nothing when no request was made
+    std::optional<Duration> connect;    // TLS included; of the connection's first request only
+    std::optional<AnswerTimes> answer;  // nothing when no request was made
 };
 
 double milliseconds(Duration duration);

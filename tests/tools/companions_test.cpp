@@ -45,7 +45,7 @@ using Words = std::set<std::string>;
 
 TEST(H2requestCompletion, KnowsEveryOptionAndNoOther) {
     const std::set<std::string> options = optionsOfHelp();
-    EXPECT_EQ(options.size(), 18u);
+    EXPECT_EQ(options.size(), 21u);
     EXPECT_EQ(completionsOf({"-"}), options);
 }
 
@@ -70,7 +70,7 @@ TEST(H2requestCompletion, KnowsFilesWhereTheyBelong) {
     EXPECT_EQ(completionsOf({"-o", start}), (Words{file}));
     EXPECT_EQ(completionsOf({"--data-file", start}), (Words{file}));
     EXPECT_EQ(completionsOf({"--data-file", "=", start}), (Words{file}));
-    for (const char* option : {"-H", "--volatile-header", "--data", "--timeout", "--repeat"}) {
+    for (const char* option : {"-H", "--volatile-header", "-d", "--timeout", "--max-body"}) {
         EXPECT_EQ(completionsOf({option, start}), Words()) << option;
         EXPECT_EQ(completionsOf({option, "-"}), Words()) << option;
     }
@@ -92,9 +92,9 @@ TEST(H2requestManPage, IsSoundAndHasAllSections) {
     EXPECT_TRUE(ended.output.starts_with("H2REQUEST(1)")) << ended.output;
     for (const char* section :
          {"NAME\n       h2request - make HTTP/2 requests and print the answers\n",
-          "SYNOPSIS\n       h2request [options] IP PORT PATH\n", "DESCRIPTION",
-          "   Request:", "   Output:", "   Exit codes:", "PARALLEL REQUESTS", "TIMING", "JSON",
-          "NOTES", "ENVIRONMENT", "EXAMPLES"}) {
+          "SYNOPSIS\n       h2request [options] IP PORT PATH | http[s]://IP[:PORT][/PATH]\n",
+          "DESCRIPTION", "   Request:", "   Output:", "   Exit codes:", "PARALLEL REQUESTS",
+          "TIME-OUTS", "TIMING", "JSON", "NOTES", "ENVIRONMENT", "EXAMPLES"}) {
         EXPECT_TRUE(contains(ended.output, std::string("\n") + section)) << section;
     }
 }
@@ -102,7 +102,9 @@ TEST(H2requestManPage, IsSoundAndHasAllSections) {
 TEST(H2requestManPage, HasEveryLineOfTheHelp) {
     const std::string page = man({"-l", H2REQUEST_MAN_PAGE}).output;
     for (const std::string& option : optionsOfHelp()) {
-        const std::string shown = option == "--help" ? "-h, --help" : option;
+        const std::string shown = option == "--help"   ? "-h, --help"
+                                  : option == "--data" ? "-d, --data"
+                                                       : option;
         EXPECT_TRUE(contains(page, "\n       " + shown)) << option;
     }
     for (const char* code : {"0", "22", "2", "3", "4", "5", "6", "130"}) {

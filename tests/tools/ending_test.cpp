@@ -1,50 +1,37 @@
 // How h2request ends: every exit code, its time-outs, and what breaks on either side.
-#include <atomic>
-#include <chrono>
-#include <csignal>
 #include <map>
-#include <string>
-#include <vector>
 
+#include "Http2Client/httpClientApi.h"
 #include "tool_support.h"
+#include "tools/probe.h"
+#include "tools/successive.h"
 
 namespace h2test {
 namespace {
 
-// How a request is made: both ways end alike.
-class H2requestEnding : public testing::TestWithParam<bool> {
-protected:
-    static std::vector<std::string> with(std::vector<std::string> options) {
-        if (GetParam()) options.emplace_back("--blocking");
-        return options;
-    }
-};
+using std::chrono::milliseconds;
 
-INSTANTIATE_TEST_SUITE_P(Way, H2requestEnding, testing::Bool(),
-                         [](const auto& info) { return info.param ? "Blocking" : "Streaming"; });
+class H2requestEnding : public BothWays {};
+H2TEST_BOTH_WAYS(H2requestEnding);
 
 // Runs until the request is at the server, lets `act` do its deed there, and waits for the end.
 template <typename Act>
 Ended endBy(ScriptedServer& server, const std::vector<std::string>& arguments, Act act) {
     Process process(H2REQUEST_PROGRAM, arguments);
     EXPECT_TRUE(server.waitFramesOf(0, kHeaders));
-    act();
-    Ended ended;
-    ended.code = process.wait();
-    ended.output = process.output();
-    ended.errors = process.errors();
-    return ended;
+    act(process);
+    return process.wait();
 }
 
 // ---- answers
 
 TEST_P(H2requestEnding, TellsErrorStatusesByItsCode) {
-    const std::map<int, int> codes = {{200, kAnswered},    {299, kAnswered},    {302, kAnswered},
-                                      {399, kAnswered},    {400, kErrorStatus}, {404, kErrorStatus},
+    const std::map<int, int> codes = {{200, kAnswered},    {399, kAnswered},
+                                      {400, kErrorStatus}, {499, kErrorStatus},
                                       {500, kErrorStatus}, {599, kErrorStatus}};
     for (const auto& [status, code] : codes) {
         ScriptedServer server(answeringWith(status, "the body"));
-        const Ended ended = runTool(request(server, with({})));
+        const Ended ended = runTool(request(server, with()));
         EXPECT_EQ(ended.code, code) << status;
         EXPECT_EQ(ended.output, "the body") << status;
         const std::string message =
@@ -80,10 +67,11 @@ TEST_P(H2requestEnding, KnowsAnswersWithoutABody) {
 }
 
 TEST(H2requestEnding, GoesOnAfterAnswersWithoutABody) {
-    ScriptedServer server(answering([](uint32_t streamId, size_t nth) {
+    const auto answer = [](uint32_t streamId, size_t nth) {
         return nth < 3 ? headers(streamId, statusField(204), kEndHeaders | kEndStream)
                        : response(streamId, 200, "last");
-    }));
+    };
+    ScriptedServer server(answering(answer));
     expectAnswer(runTool(request(server, {"-i", "--repeat", "3"})),
                  "status: 204\n\nstatus: 204\n\nstatus: 200\n\nlast");
     EXPECT_EQ(server.connections(), 1u);
@@ -97,51 +85,38 @@ TEST(H2requestEnding, GoesOnAfterAnswersWithoutABody) {
     EXPECT_EQ(order,
               (std::vector<std::pair<uint8_t, uint32_t>>{
                   {kHeaders, 1}, {kRstStream, 1}, {kHeaders, 3}, {kRstStream, 3}, {kHeaders, 5}}));
-}
-
-TEST(H2requestEnding, CannotRepeatBlockingAfterAnAnswerWithoutABody) {
-    ScriptedServer server(answering([](uint32_t streamId, size_t) {
-        return headers(streamId, statusField(204), kEndHeaders | kEndStream);
-    }));
-    const Ended ended = runTool(request(server, {"-i", "--blocking", "--repeat", "2"}));
+    ScriptedServer other(answering(answer));
+    const Ended ended = runTool(request(other, {"-i", "--blocking", "--repeat", "2"}));
     expectComplaint(ended, kRequestFailed, "leave out --blocking or --repeat");
     EXPECT_EQ(ended.output, "status: 204\n\n");
 }
 
 TEST(H2requestEnding, EndsWithTrailers) {
-    const auto answer = [](uint32_t streamId, size_t) {
+    ScriptedServer server(answering([](uint32_t streamId, size_t) {
         return headers(streamId, statusField(200)) + data(streamId, "body") +
                headers(streamId, field("x-trailer", "1"), kEndHeaders | kEndStream);
-    };
-    ScriptedServer server(answering(answer));
+    }));
     expectAnswer(runTool(request(server, {"-i", "--repeat", "2"})),
                  "status: 200\n\nbodystatus: 200\n\nbody");
-    ScriptedServer other(answering(answer));
-    expectComplaint(runTool(request(other, {"--blocking"})), kRequestFailed,
+    expectComplaint(runTool(request(server, {"--blocking"})), kRequestFailed,
                     "an answer with trailers; leave out --blocking");
 }
 
 TEST_P(H2requestEnding, FailsWithoutAReadableStatus) {
-    const std::vector<std::string> blocks = {
-        field("server", "s"),
-        // ":status" "201", Huffman-coded: 5 bits each.
-        hex("08") + hpackHuffmanString(hex("10 03")),
-    };
-    for (const std::string& block : blocks) {
+    // None, and ":status" "201", Huffman-coded: 5 bits each.
+    for (const std::string& block :
+         {field("server", "s"), hex("08") + hpackHuffmanString(hex("10 03"))}) {
         ScriptedServer server(answering([&](uint32_t streamId, size_t) {
             return headers(streamId, block) + data(streamId, "body", kEndStream);
         }));
-        const Ended ended = runTool(request(server, with({})));
+        const Ended ended = runTool(request(server, with()));
         expectComplaint(ended, kRequestFailed, "without a status that can be read");
         EXPECT_EQ(ended.output, "body");
     }
 }
 
 TEST(H2requestEnding, RefusesWhatTheBlockingCallCannotHold) {
-    // One byte less than this still goes through: the last chunk may cross the limit.
-    ScriptedServer server(answering([](uint32_t streamId, size_t) {
-        return headers(streamId, statusField(200)) + bodyFrames(streamId, binaryBytes(1100000));
-    }));
+    ScriptedServer server(answeringWith(200, binaryBytes(1100000)));
     const Ended ended = runTool(request(server, {"--blocking"}));
     expectComplaint(ended, kRequestFailed, "leave out --blocking");
     EXPECT_EQ(ended.output, "");
@@ -151,99 +126,143 @@ TEST(H2requestEnding, RefusesWhatTheBlockingCallCannotHold) {
 
 TEST_P(H2requestEnding, CannotConnectWhereNobodyListens) {
     const RefusingPort port;
-    for (const bool tls : {false, true}) {
-        std::vector<std::string> arguments = with({});
-        if (tls) arguments.emplace_back("--tls");
-        arguments.insert(arguments.end(), {"127.0.0.1", std::to_string(port.port()), "/"});
-        const Ended ended = runTool(arguments);
+    for (const char* option : {"-k", "--tls"}) {
+        const Ended ended =
+            runTool(with({option, "-k", "127.0.0.1", std::to_string(port.port()), "/"}));
         expectComplaint(ended, kCannotConnect,
                         "cannot connect to 127.0.0.1 port " + std::to_string(port.port()));
+        EXPECT_TRUE(contains(ended.errors, ": nobody listens there; start the server, or see"));
         EXPECT_EQ(ended.output, "");
     }
 }
 
-TEST(H2requestEnding, CannotConnectWithTlsToAServerThatSpeaksOtherwise) {
-    ServerOptions options;
-    options.greeting = "HTTP/1.1 400 Bad Request\r\n\r\n";
-    options.closeAfterGreeting = true;
-    ScriptedServer server(options);
-    expectComplaint(runTool(request(server, {"--tls"})), kCannotConnect, "with TLS");
+TEST_P(H2requestEnding, NamesAServerThatDoesNotSpeakHttp2) {
+    struct Case {
+        std::string greeting;
+        bool tlsServer;
+        bool tlsClient;
+        int code;
+        std::string message;
+    };
+    const std::string http = "HTTP/1.1 400 Bad Request\r\n\r\n";
+    const std::string quoted = "answers with \"HTTP/1.1 400 Bad Request\": ";
+    const std::vector<Case> cases = {
+        {http, false, false, kRequestFailed, quoted + "it speaks HTTP/1.1 on this port; switch"},
+        {http, true, true, kRequestFailed, quoted + "without ALPN, which this client does not"},
+        {"SSH-2.0-\x1b[31m\r\n", false, false, kRequestFailed,
+         "does not speak HTTP/2 on this port: it answers with \"SSH-2.0-\\x1b[31m\""},
+        // A fatal TLS alert: handshake_failure, and no_application_protocol.
+        {hex("15 03 03 00 02 02 28"), false, false, kConnectionLost, "a TLS alert; add --tls"},
+        {hex("15 03 03 00 02 02 28"), false, true, kCannotConnect,
+         "alert handshake failure); leave out --tls if the port speaks plain HTTP/2"},
+        {hex("15 03 03 00 02 02 78"), false, true, kCannotConnect,
+         "the alert no_application_protocol: it demands ALPN, which this client does not send"},
+        {http, false, true, kCannotConnect, "the TLS handshake failed ("},
+    };
+    for (const Case& one : cases) {
+        ServerOptions options;
+        options.tls = one.tlsServer;
+        options.greeting = one.greeting;
+        options.closeAfterGreeting = true;
+        ScriptedServer server(options);
+        const Ended ended =
+            runTool(request(server, with(one.tlsClient ? std::vector<std::string>{"--tls", "-k"}
+                                                       : std::vector<std::string>{})));
+        expectComplaint(ended, one.code, one.message);
+        EXPECT_EQ(linesOf(ended.errors).size(), 1u) << ended.errors;
+        EXPECT_EQ(server.connections(), 2u) << one.message;
+    }
 }
 
-TEST(H2requestEnding, TimesOutWhileItConnects) {
-    ScriptedServer server;  // accepts, and never answers the TLS handshake
-    const auto start = std::chrono::steady_clock::now();
-    const Ended ended = runTool(request(server, {"--tls", "--timeout", "150"}));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
-    EXPECT_EQ(ended.code, kTimedOut);
-    EXPECT_EQ(ended.errors, "h2request: no connection within 150 ms; allow more with --timeout\n");
+TEST(ToolProbe, TakesNoFrameForAnythingElse) {
+    for (const std::string& bytes : {settings({}), ping(1), goaway(0, 0), std::string("HTT")}) {
+        EXPECT_EQ(describeFirstBytes(bytes, false), "") << toHex(bytes);
+    }
 }
 
 // ---- failures on the way
 
-TEST_P(H2requestEnding, FailsWhenTheServerResetsTheStream) {
-    ScriptedServer server(silent());
-    const Ended ended =
-        endBy(server, request(server, with({})), [&] { server.send(0, rstStream(1, 7)); });
-    expectComplaint(ended, kRequestFailed, "request failed");
-}
-
-TEST_P(H2requestEnding, FailsOnBytesThatAreNoFrames) {
-    ScriptedServer server(silent());
-    const Ended ended = endBy(server, request(server, with({})),
-                              [&] { server.send(0, frame(0x2a, 0, 1, "????")); });
-    expectComplaint(ended, kRequestFailed, "request failed");
-}
-
-TEST_P(H2requestEnding, LosesItsConnection) {
-    const std::map<std::string, std::function<void(ScriptedServer&)>> ways = {
-        {"close", [](ScriptedServer& server) { server.close(0); }},
-        {"reset", [](ScriptedServer& server) { server.reset(0); }},
-        {"goaway", [](ScriptedServer& server) { server.send(0, goaway(0, 0)); }},
+TEST_P(H2requestEnding, FailsAndLosesItsConnection) {
+    using Way = std::function<void(ScriptedServer&)>;
+    const std::vector<std::tuple<std::string, int, Way>> ways = {
+        {"request failed: the server reset it", kRequestFailed,
+         [](ScriptedServer& server) { server.send(0, rstStream(1, 7)); }},
+        {"request failed: the server reset it", kRequestFailed,
+         [](ScriptedServer& server) { server.send(0, frame(0x2a, 0, 1, "????")); }},
+        {"connection lost before", kConnectionLost,
+         [](ScriptedServer& server) { server.close(0); }},
+        {"connection lost before", kConnectionLost,
+         [](ScriptedServer& server) { server.reset(0); }},
+        {"connection lost before", kConnectionLost,
+         [](ScriptedServer& server) { server.send(0, goaway(0, 0)); }},
     };
-    for (const auto& [name, way] : ways) {
+    for (const auto& [message, code, way] : ways) {
         ScriptedServer server(silent());
         const Ended ended =
-            endBy(server, request(server, with({})), [&, act = way] { act(server); });
-        expectComplaint(ended, kConnectionLost, "connection lost");
-        EXPECT_EQ(ended.output, "") << name;
+            endBy(server, request(server, with()), [&, act = way](Process&) { act(server); });
+        expectComplaint(ended, code, message);
+        EXPECT_EQ(linesOf(ended.errors).size(), 1u) << ended.errors;  // no log
+        EXPECT_EQ(ended.output, "");
     }
 }
 
 TEST(H2requestEnding, PrintsWhatCameBeforeTheConnectionWasLost) {
     ScriptedServer server(silent());
-    const Ended ended = endBy(server, request(server, {"-i"}), [&] {
+    const Ended ended = endBy(server, request(server, {"-i"}), [&](Process&) {
         server.send(0, headers(1, statusField(200)) + data(1, "part"));
         server.close(0);
     });
     expectComplaint(ended, kConnectionLost, "connection lost before the answer was complete");
     EXPECT_EQ(ended.output, "status: 200\n\npart");
-}
-
-TEST_P(H2requestEnding, StopsARepeatWhenTheConnectionIsLost) {
-    std::atomic<ScriptedServer*> connected{nullptr};
-    ServerOptions options = answering([&](uint32_t streamId, size_t nth) {
-        if (nth == 1) return response(streamId, 200, "first");
-        connected.load()->close(0);
-        return std::string();
-    });
-    ScriptedServer server(options);
-    connected = &server;
-    const Ended ended = runTool(request(server, with({"--repeat", "3"})));
-    expectComplaint(ended, kConnectionLost, "connection lost");
-    EXPECT_EQ(ended.output, "first");
     EXPECT_EQ(server.connections(), 1u);
 }
 
-TEST_P(H2requestEnding, TimesOutByTheWallClock) {
-    ScriptedServer server(silent());
+TEST_P(H2requestEnding, SuggestsParallelWhenARepeatLosesItsConnection) {
+    std::atomic<ScriptedServer*> connected{nullptr};
+    ScriptedServer server(answering([&](uint32_t streamId, size_t nth) {
+        if (nth <= 2) return response(streamId, 200, "answer");
+        connected.load()->close(0);
+        return std::string();
+    }));
+    connected = &server;
+    const Ended ended = runTool(request(server, with({"--repeat", "4"})));
+    expectComplaint(ended, kConnectionLost, "connection lost after 2 answers; ");
+    EXPECT_TRUE(contains(ended.errors, "with --parallel 1 the rest is made on new ones\n"));
+    EXPECT_EQ(ended.output, "answeranswer");
+    EXPECT_EQ(server.connections(), 1u);
+}
+
+// ---- time-outs
+
+// Each ends with this message, not before its time and not long after.
+void expectTimeOut(const std::vector<std::string>& arguments, int ms, const std::string& message,
+                   const std::string& output = {}, const Streams& streams = {}) {
     const auto start = std::chrono::steady_clock::now();
-    const Ended ended = runTool(request(server, with({"--timeout", "2000"})));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2000));
+    std::vector<std::string> all = {"--timeout", std::to_string(ms)};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    Process process(H2REQUEST_PROGRAM, all, streams);
+    const Ended ended = process.wait();
+    const auto time = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(time, milliseconds(ms));
+    EXPECT_LT(time, milliseconds(ms) + std::chrono::seconds(4));
     EXPECT_EQ(ended.code, kTimedOut);
-    EXPECT_EQ(ended.errors,
-              "h2request: no complete answer within 2000 ms; allow more with --timeout\n");
-    EXPECT_EQ(ended.output, "");
+    EXPECT_EQ(ended.errors, "h2request: " + message + "\n");
+    EXPECT_EQ(ended.output, output);
+}
+
+const std::string kAdvice = "; allow more with --timeout";
+
+TEST_P(H2requestEnding, TimesOut) {
+    ScriptedServer deaf;  // accepts, and never answers the TLS handshake
+    expectTimeOut(request(deaf, with({"--tls", "-k"})), 150,
+                  "no connection within 150 ms; check the address and the port, or allow more with "
+                  "--timeout");
+    ScriptedServer mute(silent());
+    expectTimeOut(request(mute, with()), 300,
+                  "no complete answer within 300 ms; nothing had come" + kAdvice);
+    expectTimeOut(
+        request(mute, with({"--data", "text"})), 500,
+        "no complete answer within 500 ms; 4 of 4 bytes were sent; nothing had come" + kAdvice);
 }
 
 TEST(H2requestEnding, PrintsWhatCameBeforeItsTimeWasOver) {
@@ -253,9 +272,10 @@ TEST(H2requestEnding, PrintsWhatCameBeforeItsTimeWasOver) {
         return headers(1, statusField(200)) + data(1, "part");
     };
     ScriptedServer server(options);
-    const Ended ended = runTool(request(server, {"-i", "--timeout", "8000"}));
-    EXPECT_EQ(ended.code, kTimedOut) << ended.errors;
-    EXPECT_EQ(ended.output, "status: 200\n\npart");
+    expectTimeOut(
+        request(server, {"-i"}), 3000,
+        "no complete answer within 3000 ms; status 200 and 4 bytes of the body had come" + kAdvice,
+        "status: 200\n\npart");
 }
 
 // More than fits between the two processes: the library's thread is in a callback that waits.
@@ -264,59 +284,127 @@ TEST(H2requestEnding, TimesOutWhileNobodyReadsItsOutput) {
     Streams streams;
     streams.unreadOutput = true;
     Process process(H2REQUEST_PROGRAM, request(server, {"--timeout", "2000"}), streams);
-    EXPECT_EQ(process.wait(), kTimedOut);
-    EXPECT_EQ(process.errors(),
-              "h2request: no complete answer within 2000 ms; allow more with --timeout\n");
+    const Ended ended = process.wait();
+    expectComplaint(ended, kTimedOut, "no complete answer within 2000 ms; status 200 and ");
+}
+
+// The library reads without a pause then, and lets nobody else near a connection.
+TEST_P(H2requestEnding, TimesOutAndIsInterruptedInAFlood) {
+    for (const std::string& frames : {ping(1), headers(1, statusField(103))}) {
+        {
+            ScriptedServer server(silent());
+            const Flood flood(server, frames);
+            expectTimeOut(request(server, with()), 1000,
+                          "no complete answer within 1000 ms; nothing had come" + kAdvice);
+        }
+        ScriptedServer server(silent());
+        const Flood flood(server, frames);
+        const auto start = std::chrono::steady_clock::now();
+        const Ended ended = endBy(server, request(server, with()), [&](Process& process) {
+            EXPECT_TRUE(flood.waitRunning());
+            process.signal(SIGINT);
+        });
+        EXPECT_EQ(ended.code, kInterrupted);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    }
+}
+
+// Eight bytes in two seconds and more, and then none.
+TEST(H2requestEnding, GivesUpWithoutProgress) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    std::atomic<ScriptedServer*> connected{nullptr};
+    std::thread sender;
+    ServerOptions serverOptions = silent();
+    serverOptions.responder = [&](size_t, const WireFrame& frame) {
+        if (frame.type != kHeaders) return std::string();
+        sender = std::thread([&] {
+            for (int i = 0; i < 8; ++i) {
+                std::this_thread::sleep_for(milliseconds(300));
+                connected.load()->send(0, data(1, "x"));
+            }
+        });
+        return headers(1, statusField(200));
+    };
+    ScriptedServer server(serverOptions);
+    connected = &server;
+    Options options;
+    EXPECT_EQ(options.idleMs, 60000u);
+    options.ip = ScriptedServer::ip();
+    options.port = server.port();
+    options.path = "/";
+    options.idleMs = 1500;
+    BodySource source;
+    Output output;
+    const auto request = [&] {
+        initHttp2Client(5);
+        runSuccessive(options, source, output);
+    };
+    EXPECT_EXIT(request(), testing::ExitedWithCode(kTimedOut),
+                "no complete answer, and no progress for 1500 ms; status 200 and 8 bytes of the "
+                "body had come; allow more with --timeout");
+}
+
+TEST(ToolTimeLimit, IsAMinuteWithoutProgressUnlessOneIsGiven) {
+    Options options;
+    EXPECT_EQ(TimeLimit(options).text("answer"), "no answer, and no progress for 60 s");
+    options.timeoutMs = 0;
+    TimeLimit none(options);
+    none.start();
+    EXPECT_FALSE(none.isOver());
+    options.timeoutMs = 1;
+    TimeLimit total(options);
+    EXPECT_FALSE(total.isOver());
+    total.start();
+    std::this_thread::sleep_for(milliseconds(2));
+    total.setProgress(1);
+    EXPECT_TRUE(total.isOver());
+    EXPECT_FALSE(total.isOver(std::chrono::hours(1)));
+    options.timeoutMs.reset();
+    options.idleMs = 3600000;
+    TimeLimit idle(options);
+    idle.start();
+    EXPECT_FALSE(idle.isOver());
+    idle.stop();
+    EXPECT_FALSE(idle.isOver());
 }
 
 // ---- outputs and inputs that break
 
-TEST(H2requestEnding, ComplainsOfAClosedPipe) {
-    ScriptedServer server(silent());
-    Process process(H2REQUEST_PROGRAM, request(server));
-    ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
-    server.send(0, headers(1, statusField(200)) + data(1, "first"));
-    ASSERT_TRUE(process.waitOutput("first"));
-    process.closeOutput();
-    server.send(0, bodyFrames(1, std::string(60000000, 'x')));
-    EXPECT_EQ(process.wait(), kUsage);
-    EXPECT_TRUE(contains(process.errors(),
-                         "h2request: cannot write the answer to standard output: Broken pipe"))
-        << process.errors();
-}
-
 // What waits for the output is bounded, so the library's thread is in a callback, with its locks
-// held, when the output breaks.
-TEST(H2requestEnding, ComplainsOfAPipeThatIsClosedWhileTheServerIsHeldBack) {
-    ScriptedServer server(silent());
-    Streams streams;
-    streams.unreadOutput = true;
-    Process process(H2REQUEST_PROGRAM, request(server), streams);
-    ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
-    const size_t before = process.residentBytes();
-    server.send(0, headers(1, statusField(200)) + bodyFrames(1, std::string(60000000, 'x')));
-    ASSERT_TRUE(waitHeldBack(process, before));
-    process.closeOutput();
-    EXPECT_EQ(process.wait(), kUsage);
-    EXPECT_TRUE(contains(process.errors(), "to standard output: Broken pipe")) << process.errors();
+// held, when an output that nobody reads breaks.
+TEST(H2requestEnding, ComplainsOfAClosedPipe) {
+    for (const bool unread : {false, true}) {
+        ScriptedServer server(silent());
+        Streams streams;
+        streams.unreadOutput = unread;
+        Process process(H2REQUEST_PROGRAM, request(server), streams);
+        ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
+        server.send(0, headers(1, statusField(200)) + data(1, "first"));
+        const size_t before = process.residentBytes();
+        if (!unread) {
+            ASSERT_TRUE(process.waitOutput("first"));
+            process.closeOutput();
+        }
+        server.send(0, bodyFrames(1, std::string(60000000, 'x')));
+        if (unread) {
+            ASSERT_TRUE(waitHeldBack(process, before));
+            process.closeOutput();
+        }
+        expectComplaint(process.wait(), kUsage,
+                        "h2request: cannot write the answer to standard output: Broken pipe");
+    }
 }
 
-TEST_P(H2requestEnding, ComplainsOfAnOutputThatIsClosedFromTheStart) {
-    ScriptedServer server(answeringWith(200, "body"));
-    Streams streams;
-    streams.closedOutput = true;
-    const Ended ended = runTool(request(server, with({})), {}, streams);
-    expectComplaint(ended, kUsage,
-                    "cannot write the answer to standard output: Bad file descriptor");
-    // The body has not gone to the socket in the output's place: all are frames.
-    EXPECT_NO_THROW(parseFrames(withoutPreface(server.received(0))));
-}
-
-TEST_P(H2requestEnding, NeedsNoInput) {
+TEST_P(H2requestEnding, MissesNoStandardStreams) {
     ScriptedServer server(answeringWith(200, "body"));
     Streams streams;
     streams.closedInput = true;
-    expectAnswer(runTool(request(server, with({})), {}, streams), "body");
+    expectAnswer(runTool(request(server, with()), {}, streams), "body");
+    streams.closedOutput = true;
+    expectComplaint(runTool(request(server, with()), {}, streams), kUsage,
+                    "cannot write the answer to standard output: Bad file descriptor");
+    // The body has not gone to the socket in the output's place: all are frames.
+    EXPECT_NO_THROW(parseFrames(withoutPreface(server.received(1))));
 }
 
 TEST_P(H2requestEnding, ComplainsOfAFullDevice) {
@@ -334,22 +422,12 @@ TEST(H2requestEnding, NeedsItsFilesBeforeItConnects) {
     ScriptedServer server(answeringWith(200, "body"));
     expectComplaint(runTool(request(server, {"-o", dir.path() + "/no/file"})), kUsage,
                     "/no/file: No such file or directory; choose another file with -o");
-    expectComplaint(runTool(request(server, {"-X", "POST", "--data-file", dir.path() + "/none"})),
-                    kUsage, "/none: No such file or directory; check --data-file");
-    expectComplaint(runTool(request(server, {"-X", "POST", "--data-file", dir.path()})), kUsage,
+    expectComplaint(runTool(request(server, {"--data-file", dir.path() + "/none"})), kUsage,
+                    "/none: No such file or directory; check --data-file");
+    expectComplaint(runTool(request(server, {"--data-file", dir.path()})), kUsage,
                     "Is a directory; check --data-file");
     EXPECT_EQ(server.connections(), 0u);
-}
-
-TEST(H2requestEnding, LeavesAnOldFileAloneWithoutAnAnswer) {
-    const TempDir dir;
-    const std::string file = dir.write("old", "old content");
-    const RefusingPort port;
-    const Ended ended = runTool({"-o", file, "127.0.0.1", std::to_string(port.port()), "/"});
-    EXPECT_EQ(ended.code, kCannotConnect);
-    ScriptedServer server(answeringWith(200, "sent back"));
-    expectAnswer(runTool(request(server, {"-X", "POST", "--data-file", file})), "sent back");
-    EXPECT_EQ(sentBody(server, 1).bytes, "old content");
+    EXPECT_EQ(filesIn(dir), std::set<std::string>());
 }
 
 }  // namespace

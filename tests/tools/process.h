@@ -1,11 +1,10 @@
 #ifndef HTTP2CLIENT_TESTS_TOOLS_PROCESS_H
 #define HTTP2CLIENT_TESTS_TOOLS_PROCESS_H
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -23,8 +22,16 @@ struct Streams {
     bool closedInput = false;     // default: a pipe
     bool closedOutput = false;    // default: a pipe, read as the process writes
     bool unreadOutput = false;    // a pipe that is not read
-    std::string outputFile;       // an existing file
+    bool terminalOutput = false;  // a terminal
     bool terminalErrors = false;  // standard error is a terminal; default: a pipe
+    std::string outputFile;       // an existing file
+};
+
+// What a process has written, and with what it has ended.
+struct Ended {
+    int code = -1;
+    std::string output;
+    std::string errors;
 };
 
 // A running program and what it has written. Destruction kills it.
@@ -49,50 +56,30 @@ public:
 
     // Waits for `text` in what has been written to standard output.
     [[nodiscard]] bool waitOutput(std::string_view text);
-    // The same for standard error.
-    [[nodiscard]] bool waitErrors(std::string_view text,
-                                  std::chrono::milliseconds limit = kProcessLimit);
-    // Waits for the end of the process and of its output. Returns the exit code; 1000 and the
-    // signal's number when it was killed; -1, after killing it, when it does not end.
-    int wait();
-
-    std::string output() const;
-    std::string errors() const;
+    // Waits for the end of the process and of its output. The code is 1000 and the signal's number
+    // when it was killed; -1, after killing it, when it does not end.
+    Ended wait();
 
 private:
-    struct Captured {
-        std::string text;
-        bool ended = false;
-    };
-    void capture(int fd, Captured& captured);
-    bool waitText(const Captured& captured, std::string_view text, std::chrono::milliseconds limit);
+    void capture();
 
     pid_t m_pid = -1;  // -1 when it has been waited for
-    int m_code = -1;
     int m_input = -1;
-    int m_unread = -1;  // the reading end of an output that is not read
-    int m_outputFd = -1;
+    int m_outputFd = -1;  // these two are the reader's
     int m_errorFd = -1;
-    int m_stop[2] = {-1, -1};  // a byte here stops the reading of standard output
-    mutable std::mutex m_mutex;
+    std::atomic<bool> m_readsOutput{true};
+    std::atomic<bool> m_dropsOutput{false};
+    std::mutex m_mutex;
     std::condition_variable m_changed;
-    Captured m_output;  // both guarded by m_mutex
-    Captured m_errors;
-    std::thread m_outputReader;
-    std::thread m_errorReader;
+    Ended m_ended;  // guarded by m_mutex
+    std::thread m_reader;
 };
 
-// What is left of a process that has ended.
-struct Ended {
-    int code = -1;
-    std::string output;
-    std::string errors;
-};
+// Runs a program to its end, with `input` on standard input.
+Ended run(const std::string& program, const std::vector<std::string>& arguments,
+          std::string_view input = {}, const Streams& streams = {});
 
-// Runs a program to its end.
-Ended run(const std::string& program, const std::vector<std::string>& arguments);
-
-// Runs h2request to its end, with `input` on standard input.
+// The same with h2request.
 Ended runTool(const std::vector<std::string>& arguments, std::string_view input = {},
               const Streams& streams = {});
 

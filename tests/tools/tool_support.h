@@ -2,13 +2,20 @@
 #define HTTP2CLIENT_TESTS_TOOLS_TOOL_SUPPORT_H
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <csignal>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -154,18 +161,70 @@ inline std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-// What h2request itself has written, without the lines of the library's log.
-inline std::string withoutLog(const std::string& errors) {
-    std::string own;
-    for (const std::string& line : linesOf(errors)) {
-        if (line.find(" ERROR ") == std::string::npos) own += line + "\n";
-    }
-    return own;
-}
-
 inline bool contains(const std::string& text, std::string_view part) {
     return text.find(part) != std::string::npos;
 }
+
+inline std::string contentOf(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline std::set<std::string> filesIn(const TempDir& dir) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+        names.insert(entry.path().filename());
+    }
+    return names;
+}
+
+// Both ways of making a request: the same is expected of them.
+class BothWays : public testing::TestWithParam<std::string> {
+protected:
+    static std::vector<std::string> with(std::vector<std::string> options = {}) {
+        if (GetParam() != "Streaming") options.emplace_back("--blocking");
+        return options;
+    }
+};
+#define H2TEST_BOTH_WAYS(suite)                                                    \
+    INSTANTIATE_TEST_SUITE_P(Way, suite, testing::Values("Streaming", "Blocking"), \
+                             [](const auto& info) { return info.param; })
+
+// Sends the same frames over and over on the server's first connection, from its first request on.
+class Flood {
+public:
+    Flood(ScriptedServer& server, std::string_view frames)
+        : m_thread([this, &server, bytes = repeated(frames)] {
+              if (!server.waitFramesOf(0, kHeaders)) return;
+              while (!m_ending) {
+                  server.send(0, bytes);
+                  while (!server.waitSent(0, std::chrono::milliseconds(50)) && !m_ending) {
+                  }
+                  ++m_sent;
+              }
+          }) {}
+    ~Flood() {
+        m_ending = true;
+        m_thread.join();
+    }
+    // Waits until it has sent some megabytes.
+    [[nodiscard]] bool waitRunning() const {
+        return waitFor([this] { return m_sent >= 3; });
+    }
+    Flood(const Flood&) = delete;
+    Flood& operator=(const Flood&) = delete;
+
+private:
+    static std::string repeated(std::string_view frames) {
+        std::string bytes;
+        while (bytes.size() < 1000000) bytes += frames;
+        return bytes;
+    }
+
+    std::atomic<bool> m_ending{false};
+    std::atomic<int> m_sent{0};
+    std::thread m_thread;
+};
 
 // What ends well: the exit code, the output, and nothing on standard error.
 inline void expectAnswer(const Ended& ended, std::string_view output, int code = kAnswered) {
