@@ -29,8 +29,8 @@ __attribute__((weak)) void shutdownThreadPool();
 
 namespace {
 
-// Initialised at compile time: right even before this library's constructors have run.
-constinit std::atomic<int> g_level{40000};
+// Initialised at compile time, so that it is right before this library's constructors have run.
+std::atomic<int> g_level{40000};
 static_assert(log4cplus::INFO_LOG_LEVEL == 20000 && log4cplus::ERROR_LOG_LEVEL == 40000,
               "log4cplus counts its levels as the callers of CLogWrapper do");
 
@@ -130,7 +130,7 @@ void endThreadPool() {
 }
 
 // The backend while log4cplus can be used: from this library's constructors to its destructors.
-constinit std::atomic<Backend*> g_backend{nullptr};
+std::atomic<Backend*> g_backend{nullptr};
 
 // Opens and closes that span. log4cplus's own constructors have run before, and its destructors
 // run after, since this library depends on it.

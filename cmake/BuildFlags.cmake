@@ -1,14 +1,15 @@
 # Http2ClientBuildFlags: language level, warnings and sanitizers of everything built here. Targets
-# link it privately, so nothing of it reaches who uses the library.
+# link it privately, so nothing of it reaches users of the library. Tests, fuzzers and benchmarks are
+# C++20.
 
-option(HTTP2CLIENT_WERROR "Treat compiler warnings as errors" ${PROJECT_IS_TOP_LEVEL})
+option(HTTP2CLIENT_WERROR "Treat compiler warnings as errors" OFF)
 set(HTTP2CLIENT_SANITIZE "" CACHE STRING
     "Sanitizers to build with, as -fsanitize= takes them: address,undefined or thread")
 
 set(CMAKE_CXX_EXTENSIONS OFF)
 
 add_library(Http2ClientBuildFlags INTERFACE)
-target_compile_features(Http2ClientBuildFlags INTERFACE cxx_std_20)
+target_compile_features(Http2ClientBuildFlags INTERFACE cxx_std_17)
 target_compile_options(Http2ClientBuildFlags INTERFACE
     -Wall -Wextra $<$<BOOL:${HTTP2CLIENT_WERROR}>:-Werror>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)

@@ -1,7 +1,32 @@
-# What `cmake --install` adds to libraries, headers and client: the files by which find_package
-# and pkg-config find them. Components: Runtime, Development, Tools.
+# What `cmake --install` installs, by component: Runtime, Development, Tools.
 include(CMakePackageConfigHelpers)
 
+set(libraries Http2Client)
+if(TARGET CLogWrapper)
+    list(APPEND libraries CLogWrapper)
+    install(FILES CLogWrapper/CLogWrapper.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/CLogWrapper
+            COMPONENT Development)
+endif()
+install(TARGETS ${libraries} EXPORT Http2ClientTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime
+                NAMELINK_COMPONENT Development)
+install(FILES Http2Client/HttpClientInterface.h Http2Client/httpClientApi.h Http2Client/error.h
+              Http2Client/PlatformDef.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Http2Client COMPONENT Development)
+install(FILES docs/man/Http2Client.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
+        COMPONENT Development)
+
+if(TARGET h2request)
+    install(TARGETS h2request RUNTIME COMPONENT Tools)
+    install(FILES tools/completion/h2request
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Tools)
+endif()
+if(TARGET h2request_man_page)
+    install(FILES ${PROJECT_BINARY_DIR}/tools/h2request.1
+            DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
+endif()
+
+# For find_package and pkg-config.
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Http2Client)
 
 configure_package_config_file(cmake/Http2ClientConfig.cmake.in

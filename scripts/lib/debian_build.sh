@@ -10,5 +10,5 @@ configure_debian_build() {
     export DEB_BUILD_MAINT_OPTIONS=hardening=+all
     CXXFLAGS="$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)" \
         LDFLAGS=$(dpkg-buildflags --get LDFLAGS) \
-        cmake --preset package -B "$1" -DCMAKE_CXX_COMPILER=g++
+        logged "$1/log/configure.txt" cmake --preset package -B "$1" -DCMAKE_CXX_COMPILER=g++
 }

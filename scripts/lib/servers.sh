@@ -90,7 +90,8 @@ start_nghttpd() {
     wait_for_server "$SERVER_PID" "$NGHTTPD_PORT"
 }
 
-# Without noreuseport HAProxy would share a port with another HAProxy that has it already.
+# Over TLS a client may choose h2 by ALPN, or speak it without. Without noreuseport HAProxy would share
+# a port with another HAProxy that has it already.
 start_haproxy() {
     PLAIN_PORT=$(free_port)
     TLS_PORT=$(free_port)
@@ -106,7 +107,7 @@ frontend plain
     bind 127.0.0.1:$PLAIN_PORT proto h2
     default_backend nghttpd
 frontend tls
-    bind 127.0.0.1:$TLS_PORT ssl crt $WORK/both.pem proto h2
+    bind 127.0.0.1:$TLS_PORT ssl crt $WORK/both.pem alpn h2 proto h2
     default_backend nghttpd
 backend nghttpd
     server s1 127.0.0.1:$NGHTTPD_PORT proto h2

@@ -19,17 +19,6 @@ names_of() {
     for name in "${ALL[@]}"; do [ "$(process_of "$name")" != "$1" ] || printf '%s\n' "$name"; done
 }
 
-# Says which programs are missing, and fails then.
-find_programs() {
-    local program missing=()
-    for program in haproxy nginx h2o apache2 node nghttpd openssl python3 setpriv; do
-        command -v "$program" >/dev/null || missing+=("$program")
-    done
-    [ "${#missing[@]}" -eq 0 ] && return 0
-    printf 'missing: %s; scripts/install-deps installs them\n' "${missing[*]}" >&2
-    return 1
-}
-
 # Prints the version of each server.
 versions() {
     haproxy -v | awk 'NR == 1 { print "HAProxy " $3 }'

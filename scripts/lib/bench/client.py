@@ -30,27 +30,21 @@ class Servers:
         return f"{prefix}://127.0.0.1:{self.ports[scheme]}{path}"
 
 
-def cpu_times():
-    """The machine's processor time since it started: all, and the idle part."""
-    with open("/proc/stat", encoding="ascii") as stat:
-        ticks = [int(number) for number in stat.readline().split()[1:9]]
-    return sum(ticks), ticks[3] + ticks[4]
-
-
 def busy_share(seconds):
     """The share of the machine's processor time that is used during the next seconds."""
-    all_before, idle_before = cpu_times()
-    time.sleep(seconds)
-    all_after, idle_after = cpu_times()
+    times = []
+    for pause in (seconds, 0):
+        with open("/proc/stat", encoding="ascii") as stat:
+            ticks = [int(number) for number in stat.readline().split()[1:9]]
+        times.append((sum(ticks), ticks[3] + ticks[4]))  # all, idle
+        time.sleep(pause)
+    (all_before, idle_before), (all_after, idle_after) = times
     return 1 - (idle_after - idle_before) / max(1, all_after - all_before)
 
 
 def own_get(runner, servers, connections, requests, pause=0):
-    all_before, idle_before = cpu_times()
     figures = runner.client("get", servers.ports["plain"], PAGE, connections, requests, pause)
-    all_after, idle_after = cpu_times()
-    return {**figures, "cpu_per_request": figures["cpu"] / requests,
-            "busy": 1 - (idle_after - idle_before) / max(1, all_after - all_before)}
+    return {**figures, "cpu_per_request": figures["cpu"] / requests}
 
 
 def h2load_get(runner, servers, connections, requests):

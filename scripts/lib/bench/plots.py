@@ -54,13 +54,13 @@ def requests(path, gets):
 
 def growth(folder, cases):
     state, blocks, chunks, frames = {}, {}, {}, {}
-    for name, case in cases.items():
-        per_unit = [(n, seconds * 1e9 / n) for n, seconds in case["points"]]
+    for name, points in cases.items():
+        per_unit = [(n, seconds * 1e9 / n) for n, seconds in points]
         if name in CALLS:
-            state[name] = [(n, seconds * 1e6 / CALLS[name]) for n, seconds in case["points"]]
+            state[name] = [(n, seconds * 1e6 / CALLS[name]) for n, seconds in points]
         elif name.startswith("frame_by_"):
             chunks[name] = per_unit
-        elif case["points"][-1][0] > 1_000_000 or name in ("resized_table", "distinct_names"):
+        elif points[-1][0] > 1_000_000 or name in ("resized_table", "distinct_names"):
             blocks[name] = per_unit
         else:
             frames[name] = per_unit
