@@ -99,7 +99,7 @@ bool Buffer::SetValue(uint64_t value, int bytes, unsigned int idx) {
 
 Buffer& Buffer::operator=(const Buffer& a) {
     UpdateBufferSize(a.len);
-    std::memmove(buffer, a.buffer, a.len);
+    if (this != &a) std::memcpy(buffer, a.buffer, a.len);
     len = a.len;
     return *this;
 }
@@ -143,7 +143,7 @@ void Buffer::PrintBuffer(const char* buff, int len) {
 
 void Buffer::UpdateBufferSize(unsigned int min) {
     const uint32_t capacity = CapacityFor(min);
-    if (capacity == max_len) return;
+    if (buffer != nullptr && capacity == max_len) return;
     auto* block = static_cast<char*>(realloc(buffer, capacity));
     if (block == nullptr) EndForLackOfMemory();
     buffer = block;

@@ -181,7 +181,7 @@ bool DecodeString(const Buffer& buff, uint32_t& offset, std::string& text, bool&
 namespace hpack {
 
 SharedText& SharedText::operator=(const SharedText& other) {
-    if (m_text == other.m_text) return *this;
+    if (this == &other) return *this;
     if (hasNoCopies()) {
         m_text->text = other.str();
     } else {

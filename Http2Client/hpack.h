@@ -25,6 +25,7 @@ public:
         m_text->holders.fetch_add(1, std::memory_order_relaxed);
     }
     ~SharedText() {
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): it does not follow the count
         if (m_text->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete m_text;
     }
     // In place, like set(), when this text has no copies.

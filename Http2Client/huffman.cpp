@@ -95,8 +95,6 @@ Huffman::Huffman() {
     }
 }
 
-Huffman::~Huffman() = default;
-
 Huffman* Huffman::GetInstance() { return m_huffmanGarbage.m_instance; }
 
 // RFC 7541, 5.2 packs the symbols' codes and pads the last byte. This coder ANDs the input bytes

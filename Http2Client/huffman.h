@@ -37,7 +37,7 @@ public:
         Huffman* m_instance;
     };
 
-    ~Huffman();
+    ~Huffman() = default;  // the nodes are not its own
 
     // The singleton. The coder's operations are static, so no caller needs it.
     static Huffman* GetInstance();
