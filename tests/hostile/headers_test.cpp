@@ -145,8 +145,8 @@ TEST_F(HostileBlock, StatusThatIsNoNumberIsZero) {
     expectBorne(headers(1, hpackLiteral(8, "99999999999999999999")) +
                     headers(1, hpackLiteral(8, "-99999999999999999999")) +
                     headers(1, hpackLiteral(8, "abc")),
-                {Callback::headers(2147483647, {{":status", "99999999999999999999"}}),
-                 Callback::headers(-2147483647 - 1, {{":status", "-99999999999999999999"}}),
+                {Callback::headers(-1, {{":status", "99999999999999999999"}}),
+                 Callback::headers(0, {{":status", "-99999999999999999999"}}),
                  Callback::headers(0, {{":status", "abc"}})});
 }
 

@@ -432,14 +432,8 @@ TEST_P(Request, ReportsHeadersInAscendingOrderAndTheLastOfARepeatedName) {
 
 TEST_P(Request, ReadsTheStatusAsANumber) {
     const std::vector<std::pair<std::string, int>> cases = {
-        {"204", 204},
-        {"", 0},
-        {"abc", 0},
-        {" 7x", 7},
-        {"-5", -5},
-        {"200ok", 200},
-        {"4294967297", 1},
-        {"-99999999999999999999", 0},
+        {"204", 204}, {"", 0},        {"abc", 0},        {" 7x", 7},
+        {"-5", -5},   {"200ok", 200}, {"4294967297", 1}, {"-99999999999999999999", 0},
     };
     RecordingClient client;
     ASSERT_EQ(connect(client), 0);
