@@ -2,8 +2,9 @@
 //
 // Usage: blocking IP PORT PATH TIMEOUT
 //
-// TIMEOUT is in milliseconds of the processor time that the whole process uses. One that only waits
-// uses about a hundredth of the time on the wall, so 100 may be ten seconds.
+// TIMEOUT is in milliseconds of processor time that the whole process uses. A process that only
+// waits uses about a hundredth of the elapsed time: 100 may be ten seconds. A failure, and an
+// answer without a body, are reported only then.
 
 #include <Http2Client/HttpClientInterface.h>
 #include <Http2Client/error.h>
@@ -15,16 +16,27 @@
 #include <map>
 #include <string>
 
+#include "has_body.h"
+
 namespace {
 
-// The callbacks are made all the same; this program has no use for them.
+// The callbacks are called during a blocking call, too.
 class BlockingClient : public tiny::HttpClientInterface {
 public:
     ~BlockingClient() override { cancelRequest(); }
-    void onHeaderReceived(int, const HeaderDef*, size_t) override {}
+
+    // Whether the answer has no body. To be read after the call.
+    bool answeredWithoutBody() const { return m_answeredWithoutBody; }
+
+    void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
+        m_answeredWithoutBody = !hasBody(status, headers, count);
+    }
     void onContentReceived(const char*, size_t, bool) override {}
     void onFailed(HTTP_ERROR) override {}
     void onSocketClosed() override {}
+
+private:
+    bool m_answeredWithoutBody = false;
 };
 
 int run(char** arguments) {
@@ -41,8 +53,12 @@ int run(char** arguments) {
     int status = 0;
     std::map<std::string, std::string> headers;
     std::string body;
-    const char* message = "cannot start the request";  // left alone when it does not start
+    const char* message = "cannot start the request";  // not changed if it does not start
     const int result = client.blockedRequest(status, headers, body, message, timeout);
+    if (result == 1 && client.answeredWithoutBody()) {
+        std::cerr << "status " << status << ", no body\n";
+        return 0;
+    }
     if (result == 0) {
         std::cerr << "status " << status << "\n";
         for (const auto& header : headers) {
@@ -61,7 +77,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: blocking IP PORT PATH TIMEOUT\n";
         return 2;
     }
-    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);  // a lost connection must not end the process
     initHttp2Client(10);
     const int code = run(argv);
     destroyHttp2Client();

@@ -1,4 +1,4 @@
-// Leaves a download when enough of it has come, and makes another request on the same connection.
+// Cancels a download when enough of it has come, and makes another request on the same connection.
 //
 // Usage: cancel IP PORT PATH BYTES NEXT_PATH
 
@@ -6,12 +6,15 @@
 #include <Http2Client/error.h>
 #include <Http2Client/httpClientApi.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <mutex>
+
+#include "has_body.h"
 
 namespace {
 
@@ -21,19 +24,22 @@ public:
 
     ~Client() override { cancelRequest(); }
 
-    // Starts a request of which `enough` bytes are wanted.
+    // Starts a request for which wait() returns when `enough` bytes of its body have come.
     bool start(const char* path, size_t enough) {
+        // After an answer without a body the request counts as running: a callback may still come.
+        if (m_withoutBody) cancelRequest();
         setUri(path, HTTP_GET);
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_enough = enough;
             m_bytes = 0;
+            m_withoutBody = false;
             m_end = RUNNING;
         }
         return startRequest(nullptr) == 0;
     }
 
-    // Waits until enough has come or the request has ended, and tells how it stands.
+    // Waits until enough has come or the request has ended.
     End wait(std::chrono::seconds limit) {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait_for(lock, limit, [this] { return m_end != RUNNING || m_bytes >= m_enough; });
@@ -45,21 +51,27 @@ public:
         return m_bytes;
     }
 
-    void onHeaderReceived(int, const HeaderDef*, size_t) override {}
-    // Must not call cancelRequest, which would wait for this very callback: wakes who may.
-    void onContentReceived(const char*, size_t len, bool more) override {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_bytes += len;
-        if (!more) m_end = COMPLETE;
-        m_changed.notify_all();
+    void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
+        if (hasBody(status, headers, count)) return;
+        m_withoutBody = true;
+        finish(COMPLETE);
     }
-    void onFailed(HTTP_ERROR) override { lose(); }
-    void onSocketClosed() override { lose(); }
+    // A callback must not call cancelRequest: it wakes the thread that does.
+    void onContentReceived(const char*, size_t len, bool more) override {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_bytes += len;
+            m_changed.notify_all();
+        }
+        if (!more) finish(COMPLETE);
+    }
+    void onFailed(HTTP_ERROR) override { finish(LOST); }
+    void onSocketClosed() override { finish(LOST); }
 
 private:
-    void lose() {
+    void finish(End end) {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_end = LOST;
+        m_end = end;
         m_changed.notify_all();
     }
 
@@ -68,6 +80,7 @@ private:
     size_t m_enough = 0;
     size_t m_bytes = 0;
     End m_end = RUNNING;
+    std::atomic<bool> m_withoutBody{false};
 };
 
 int run(char** arguments) {
@@ -87,7 +100,7 @@ int run(char** arguments) {
         return 1;
     }
     if (end == Client::RUNNING) {
-        // Once this has returned, no callback follows. The server is told to stop.
+        // The server is told to stop. Once this has returned, no callback follows.
         client.cancelRequest();
         std::cerr << "cancelled after " << client.bytes() << " bytes\n";
     } else {
@@ -110,7 +123,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: cancel IP PORT PATH BYTES NEXT_PATH\n";
         return 2;
     }
-    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);  // a lost connection must not end the process
     initHttp2Client(10);
     const int code = run(argv);
     destroyHttp2Client();

@@ -1,15 +1,16 @@
-// Takes the library's log into the application's own hands, and makes one GET.
+// Prints the library's log in the application's own format, and makes one GET.
 //
 // Usage: custom_logging IP PORT PATH
 //
-// The library logs through a class CLogWrapper, which libCLogWrapper.so brings along. A program
-// that has a CLogWrapper of its own, as here, is asked first: the dynamic linker takes the
-// program's definition, nothing else need be linked or configured.
+// The library logs through a class CLogWrapper from libCLogWrapper.so. If the program defines a
+// CLogWrapper, as here, the dynamic linker takes that one. Nothing else needs to be linked or
+// configured.
 
 #include <Http2Client/HttpClientInterface.h>
 #include <Http2Client/error.h>
 #include <Http2Client/httpClientApi.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -17,11 +18,13 @@
 #include <future>
 #include <string>
 
-// The two operations that the library calls, from any thread, with locks of its own held: neither
-// may call the library.
+#include "has_body.h"
+
+// The two functions that the library calls, from any thread and with its locks held. They must not
+// call the library.
 class __attribute__((visibility("default"))) CLogWrapper {
 public:
-    // Messages of this level and above are wanted: 20000 is information, 40000 an error.
+    // The lowest level that is logged: 20000 is information, 40000 is an error.
     static int GetLevel();
     static void Log(int level, const std::string& message, const char* file, const char* function,
                     int line);
@@ -41,19 +44,27 @@ namespace {
 class Client : public tiny::HttpClientInterface {
 public:
     ~Client() override { cancelRequest(); }
-    void onHeaderReceived(int status, const HeaderDef*, size_t) override {
+    void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
         std::fprintf(stderr, "status %d\n", status);
+        if (!hasBody(status, headers, count)) finish(true);
     }
     void onContentReceived(const char*, size_t, bool more) override {
-        if (!more) m_complete.set_value(true);
+        if (!more) finish(true);
     }
-    void onFailed(HTTP_ERROR) override { m_complete.set_value(false); }
-    void onSocketClosed() override { m_complete.set_value(false); }
+    void onFailed(HTTP_ERROR) override { finish(false); }
+    void onSocketClosed() override { finish(false); }
 
     std::future<bool> completion() { return m_complete.get_future(); }
 
 private:
-    std::promise<bool> m_complete;  // of the one request that this client makes
+    // The first call counts: an empty body may be reported twice.
+    void finish(bool complete) {
+        if (!m_ended) m_complete.set_value(complete);
+        m_ended = true;
+    }
+
+    std::promise<bool> m_complete;  // this client makes one request
+    bool m_ended = false;           // used by callbacks only
 };
 
 bool get(char** arguments) {
@@ -75,7 +86,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: custom_logging IP PORT PATH\n");
         return 2;
     }
-    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);  // a lost connection must not end the process
     initHttp2Client(10);
     const bool complete = get(argv);
     destroyHttp2Client();

@@ -2,8 +2,8 @@
 //
 // Usage: get IP PORT PATH
 //
-// The library writes lines of its own to standard output, so this program keeps to standard error.
-// ("quiet" shows another way.)
+// The library writes lines of its own to standard output, so this program writes to standard error.
+// The example "quiet" shows another way.
 
 #include <Http2Client/HttpClientInterface.h>
 #include <Http2Client/error.h>
@@ -13,33 +13,27 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <mutex>
 #include <string>
+
+#include "has_body.h"
 
 namespace {
 
 class Getter : public tiny::HttpClientInterface {
 public:
-    // Once cancelRequest has returned no callback runs or will run, and the rest can go.
+    // Once cancelRequest has returned, no callback runs or will run.
     ~Getter() override { cancelRequest(); }
 
-    // The callbacks come from the library's thread.
+    // The library's thread calls these four.
 
     void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
-        bool hasBody = status != 204 && status != 304;
         std::cerr << "status " << status << "\n";
         for (size_t i = 0; i < count; ++i) {
-            const HeaderDef& header = headers[i];
-            std::cerr << header.m_headerName << ": " << header.m_headerValue << "\n";
-            if (std::strcmp(header.m_headerName, "content-length") == 0 &&
-                std::strcmp(header.m_headerValue, "0") == 0) {
-                hasBody = false;
-            }
+            std::cerr << headers[i].m_headerName << ": " << headers[i].m_headerValue << "\n";
         }
-        // Without a body there may be no further callback.
-        if (!hasBody) finish("complete");
+        if (!hasBody(status, headers, count)) finish("complete");
     }
 
     void onContentReceived(const char* data, size_t len, bool more) override {
@@ -50,7 +44,7 @@ public:
     void onFailed(HTTP_ERROR) override { finish("failed"); }
     void onSocketClosed() override { finish("connection lost"); }
 
-    // Waits for the end and tells how it was.
+    // Waits for the end of the request and returns how it ended.
     std::string wait(std::chrono::seconds limit) {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait_for(lock, limit, [this] { return !m_end.empty(); });
@@ -58,7 +52,7 @@ public:
     }
 
 private:
-    // The first end counts: an empty body may be told of twice.
+    // The first call counts: an empty body may be reported twice.
     void finish(const std::string& end) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_end.empty()) m_end = end;
@@ -95,7 +89,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: get IP PORT PATH\n";
         return 2;
     }
-    std::signal(SIGPIPE, SIG_IGN);  // a lost connection is to be reported, not to end the process
+    std::signal(SIGPIPE, SIG_IGN);  // a lost connection must not end the process
     initHttp2Client(10);
     const int code = run(argv);
     destroyHttp2Client();

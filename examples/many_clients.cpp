@@ -16,10 +16,12 @@
 #include <string>
 #include <vector>
 
+#include "has_body.h"
+
 namespace {
 
-// Lets one thread wait until all clients have ended. A lock that a callback takes must not be held
-// by a thread that calls the library: this one is held by nobody but for a moment.
+// Lets one thread wait until all requests have ended. Callbacks take its lock, so no thread may
+// hold that lock while it calls the library: each function here releases it before it returns.
 class Countdown {
 public:
     void add() {
@@ -42,7 +44,7 @@ private:
     size_t m_running = 0;
 };
 
-// What the callbacks write is read when the request has been cancelled or has ended.
+// The callbacks write the results. They are read when the request has ended or has been cancelled.
 class Client : public tiny::HttpClientInterface {
 public:
     explicit Client(Countdown* running) : m_running(running) {}
@@ -58,22 +60,32 @@ public:
         return false;
     }
 
-    void onHeaderReceived(int status, const HeaderDef*, size_t) override { m_status = status; }
+    void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
+        m_status = status;
+        if (!hasBody(status, headers, count)) finish(true);
+    }
     void onContentReceived(const char*, size_t len, bool more) override {
         m_bytes += len;
-        if (more) return;
-        m_complete = true;
-        m_running->finish();
+        if (!more) finish(true);
     }
-    void onFailed(HTTP_ERROR) override { m_running->finish(); }
-    void onSocketClosed() override { m_running->finish(); }
+    void onFailed(HTTP_ERROR) override { finish(false); }
+    void onSocketClosed() override { finish(false); }
 
     bool complete() const { return m_complete; }
     int status() const { return m_status; }
     size_t bytes() const { return m_bytes; }
 
 private:
+    // The first call counts: an empty body may be reported twice.
+    void finish(bool complete) {
+        if (m_ended) return;
+        m_ended = true;
+        m_complete = complete;
+        m_running->finish();
+    }
+
     Countdown* m_running;  // outlives this object
+    bool m_ended = false;
     int m_status = 0;
     size_t m_bytes = 0;
     bool m_complete = false;
@@ -95,7 +107,7 @@ int run(char** arguments) {
     int incomplete = 0;
     for (int i = 0; i < count; ++i) {
         Client& client = *clients[static_cast<size_t>(i)];
-        client.cancelRequest();  // one that still runs must not write while it is read
+        client.cancelRequest();  // no callback writes any more
         if (!client.complete()) ++incomplete;
         std::cerr << "client " << i << ": status " << client.status() << ", " << client.bytes()
                   << " bytes" << (client.complete() ? "" : ", incomplete") << "\n";
@@ -111,7 +123,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: many_clients IP PORT PATH COUNT\n";
         return 2;
     }
-    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);  // a lost connection must not end the process
     initHttp2Client(10);
     const int code = run(argv);
     destroyHttp2Client();

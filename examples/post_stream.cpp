@@ -15,10 +15,13 @@
 #include <mutex>
 #include <string>
 
+#include "has_body.h"
+
 namespace {
 
-// The body's next piece: at most `len` bytes, and fewer only at the end. The library's thread asks
-// for it and serves no connection meanwhile: read from a file, never from a pipe or a terminal.
+// Writes the body's next piece: at most `len` bytes, and fewer only at the end. The library's
+// thread calls this and serves no connection meanwhile: read from a file, never from a pipe or a
+// terminal.
 int readFile(char* buf, size_t len, void* opaque) {
     return static_cast<int>(std::fread(buf, 1, len, static_cast<std::FILE*>(opaque)));
 }
@@ -27,8 +30,9 @@ class Poster : public tiny::HttpClientInterface {
 public:
     ~Poster() override { cancelRequest(); }
 
-    void onHeaderReceived(int status, const HeaderDef*, size_t) override {
+    void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
         std::cerr << "status " << status << "\n";
+        if (!hasBody(status, headers, count)) finish("complete");
     }
     void onContentReceived(const char* data, size_t len, bool more) override {
         std::cerr.write(data, static_cast<std::streamsize>(len));
@@ -46,7 +50,7 @@ public:
 private:
     void finish(const std::string& end) {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_end = end;
+        if (m_end.empty()) m_end = end;  // an empty body may be reported twice
         m_changed.notify_all();
     }
 
@@ -55,7 +59,7 @@ private:
     std::string m_end;  // empty while the request runs
 };
 
-// Returns how the request ended. The file is in use until then, so it outlives the client.
+// Returns how the request ended. The file must stay open until then.
 std::string post(char** arguments, std::FILE* file) {
     Poster client;
     const auto port = static_cast<uint16_t>(std::atoi(arguments[2]));
@@ -80,7 +84,7 @@ int main(int argc, char** argv) {
         std::perror(argv[4]);
         return 1;
     }
-    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);  // a lost connection must not end the process
     initHttp2Client(10);
     const std::string end = post(argv, file);
     destroyHttp2Client();

@@ -2,13 +2,14 @@
 //
 // Usage: quiet IP PORT PATH CONSOLE_FILE
 //
-// The library writes the names of frames and all headers to std::cout. Another stream buffer there
-// takes them: that of a file, as here, or one that drops them.
+// The library writes the names of frames and all headers to std::cout. They go where the stream
+// buffer of std::cout sends them: here to a file. std::cout.rdbuf(nullptr) would drop them.
 
 #include <Http2Client/HttpClientInterface.h>
 #include <Http2Client/error.h>
 #include <Http2Client/httpClientApi.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -16,10 +17,12 @@
 #include <iostream>
 #include <string>
 
+#include "has_body.h"
+
 namespace {
 
-// Gives std::cout another buffer for as long as this object lives. Start and stop the library
-// within that time: its thread writes there.
+// Gives std::cout another buffer during this object's lifetime. The library's thread writes to it:
+// start and stop the library within that time.
 class Redirection {
 public:
     explicit Redirection(std::streambuf* other) : m_original(std::cout.rdbuf(other)) {}
@@ -27,7 +30,7 @@ public:
     Redirection(const Redirection&) = delete;
     Redirection& operator=(const Redirection&) = delete;
 
-    // Where std::cout wrote before: the process's standard output.
+    // The buffer that std::cout had before: the process's standard output.
     std::streambuf* original() const { return m_original; }
 
 private:
@@ -39,19 +42,28 @@ public:
     explicit Client(std::ostream* out) : m_out(out) {}
     ~Client() override { cancelRequest(); }
 
-    void onHeaderReceived(int, const HeaderDef*, size_t) override {}
+    void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
+        if (!hasBody(status, headers, count)) finish(true);
+    }
     void onContentReceived(const char* data, size_t len, bool more) override {
         m_out->write(data, static_cast<std::streamsize>(len));
-        if (!more) m_complete.set_value(true);
+        if (!more) finish(true);
     }
-    void onFailed(HTTP_ERROR) override { m_complete.set_value(false); }
-    void onSocketClosed() override { m_complete.set_value(false); }
+    void onFailed(HTTP_ERROR) override { finish(false); }
+    void onSocketClosed() override { finish(false); }
 
     std::future<bool> completion() { return m_complete.get_future(); }
 
 private:
+    // The first call counts: an empty body may be reported twice.
+    void finish(bool complete) {
+        if (!m_ended) m_complete.set_value(complete);
+        m_ended = true;
+    }
+
     std::ostream* m_out;            // outlives this object
-    std::promise<bool> m_complete;  // of the one request that this client makes
+    std::promise<bool> m_complete;  // this client makes one request
+    bool m_ended = false;           // used by callbacks only
 };
 
 bool get(char** arguments, std::ostream* out) {
@@ -78,7 +90,7 @@ int main(int argc, char** argv) {
         std::cerr << "cannot write " << argv[4] << "\n";
         return 1;
     }
-    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);  // a lost connection must not end the process
     const Redirection redirection(console.rdbuf());
     std::ostream out(redirection.original());
     initHttp2Client(10);

@@ -2,8 +2,8 @@
 //
 // Usage: reconnect IP PORT PATH COUNT
 //
-// A request whose connection is lost is made again: right for a GET, which may be made twice. For
-// a POST it is the application that knows.
+// A request whose connection is lost is made again. That is right for a GET; whether a POST may be
+// made twice, only the application knows.
 
 #include <Http2Client/HttpClientInterface.h>
 #include <Http2Client/error.h>
@@ -18,6 +18,8 @@
 #include <string>
 #include <thread>
 
+#include "has_body.h"
+
 namespace {
 
 class Client : public tiny::HttpClientInterface {
@@ -26,7 +28,7 @@ public:
 
     ~Client() override { cancelRequest(); }
 
-    // Connects and sets the request, which the former connection's end may have left behind.
+    // Opens a connection and describes the request.
     bool connect(const char* ip, uint16_t port, const char* path) {
         if (connectToServer(HTTP_2, ip, port) != 0) return false;
         clearClient();
@@ -40,41 +42,48 @@ public:
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_end = RUNNING;
+            m_withoutBody = false;
             m_bytes = 0;
         }
         if (startRequest(nullptr) != 0) return LOST;  // the connection was lost before
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait_for(lock, limit, [this] { return m_end != RUNNING; });
-        if (m_end != RUNNING) return m_end;
-        lock.unlock();  // a callback takes it, and cancelRequest waits for callbacks
-        cancelRequest();
-        return LOST;
+        const End end = m_end;
+        const bool cancel = m_end == RUNNING || m_withoutBody;  // a callback may still come
+        lock.unlock();  // callbacks take it, and cancelRequest waits for a running callback
+        if (cancel) cancelRequest();
+        return end == RUNNING ? LOST : end;
     }
 
     int status() const { return m_status; }
     size_t bytes() const { return m_bytes; }
 
-    void onHeaderReceived(int status, const HeaderDef*, size_t) override { m_status = status; }
+    void onHeaderReceived(int status, const HeaderDef* headers, size_t count) override {
+        m_status = status;
+        if (!hasBody(status, headers, count)) finish(COMPLETE, true);
+    }
     void onContentReceived(const char*, size_t len, bool more) override {
         m_bytes += len;
         if (!more) finish(COMPLETE);
     }
-    // After either of these two the connection is gone, and its descriptor may soon be another's.
-    // Who waits connects again: a callback's thread has locks that connecting would wait for.
+    // After either of these two the connection is gone. The waiting thread connects again; a
+    // callback must not.
     void onFailed(HTTP_ERROR) override { finish(LOST); }
     void onSocketClosed() override { finish(LOST); }
 
 private:
-    void finish(End end) {
+    void finish(End end, bool withoutBody = false) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_end = end;
+        if (withoutBody) m_withoutBody = true;
         m_changed.notify_all();
     }
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
     End m_end = RUNNING;
-    int m_status = 0;  // these two are written while a request runs, and read when none does
+    bool m_withoutBody = false;
+    int m_status = 0;  // these two are written while a request runs and read when none runs
     size_t m_bytes = 0;
 };
 
@@ -119,7 +128,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: reconnect IP PORT PATH COUNT\n";
         return 2;
     }
-    std::signal(SIGPIPE, SIG_IGN);  // writing to a lost connection must not end the process
+    std::signal(SIGPIPE, SIG_IGN);  // a lost connection must not end the process
     initHttp2Client(10);
     const int code = run(argv);
     destroyHttp2Client();

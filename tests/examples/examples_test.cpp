@@ -1,4 +1,5 @@
 // The examples, each as a process: what they print, what they send, how they end.
+#include <chrono>
 #include <functional>
 #include <set>
 #include <sstream>
@@ -77,22 +78,55 @@ TEST_P(EveryExample, TellsItsUsage) {
     EXPECT_TRUE(ended.errors.starts_with("usage: " + GetParam() + " IP PORT PATH")) << ended.errors;
 }
 
+// The arguments of an example that makes its requests of `path`.
+std::vector<std::string> argumentsOf(const std::string& name, const std::string& port,
+                                     const std::string& path, const TempDir& dir) {
+    std::vector<std::string> out = {ScriptedServer::ip(), port, path};
+    if (name == "post_stream") out.push_back(dir.write("body", "x"));
+    if (name == "blocking") out.emplace_back("10");
+    if (name == "many_clients" || name == "reconnect") out.emplace_back("2");
+    if (name == "cancel") out.insert(out.end(), {"10", path});
+    if (name == "quiet") out.push_back(dir.path() + "/console");
+    return out;
+}
+
 TEST_P(EveryExample, FailsWithoutAServer) {
     const RefusingPort port;
     const TempDir dir;
-    const std::vector<std::string> first = {ScriptedServer::ip(), std::to_string(port.port()), "/"};
-    const auto with = [&](std::vector<std::string> rest) {
-        rest.insert(rest.begin(), first.begin(), first.end());
-        return rest;
-    };
-    std::vector<std::string> arguments = first;
-    if (GetParam() == "post_stream") arguments = with({dir.write("body", "x")});
-    if (GetParam() == "blocking") arguments = with({"100"});
-    if (GetParam() == "many_clients" || GetParam() == "reconnect") arguments = with({"1"});
-    if (GetParam() == "cancel") arguments = with({"10", "/next"});
-    if (GetParam() == "quiet") arguments = with({dir.path() + "/console"});
+    const std::vector<std::string> arguments =
+        argumentsOf(GetParam(), std::to_string(port.port()), "/", dir);
     const Ended ended = runExample(GetParam(), arguments);
     EXPECT_EQ(ended.code, 1) << ended.errors;
+}
+
+// Such an answer ends with its headers: no further callback comes.
+TEST_P(EveryExample, TakesAnAnswerWithoutABodyAsComplete) {
+    const std::string emptyBody = status(200) + hpackLiteral("content-length", "0");
+    for (const std::string& block : {status(204), status(304), emptyBody}) {
+        ScriptedServer server(answering([&](size_t, uint32_t streamId) {
+            return headers(streamId, block, kEndHeaders | kEndStream);
+        }));
+        const TempDir dir;
+        const std::vector<std::string> arguments =
+            argumentsOf(GetParam(), std::to_string(server.port()), "/", dir);
+        const auto start = std::chrono::steady_clock::now();
+        const Ended ended = runExample(GetParam(), arguments);
+        EXPECT_EQ(ended.code, 0) << ended.errors;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+        EXPECT_EQ(server.connections(), GetParam() == "many_clients" ? 2u : 1u);
+    }
+}
+
+// A body of no bytes in a DATA frame ends the answer a second time.
+TEST_P(EveryExample, TakesAnEmptyDataFrameAfterContentLength0) {
+    ScriptedServer server(answering([&](size_t, uint32_t streamId) {
+        return headers(streamId, status(200) + hpackLiteral("content-length", "0")) +
+               data(streamId, "", kEndStream);
+    }));
+    const TempDir dir;
+    const Ended ended =
+        runExample(GetParam(), argumentsOf(GetParam(), std::to_string(server.port()), "/", dir));
+    EXPECT_EQ(ended.code, 0) << ended.errors;
 }
 
 INSTANTIATE_TEST_SUITE_P(Examples, EveryExample,
@@ -181,6 +215,15 @@ TEST(ExampleBlocking, ShowsTheWholeAnswer) {
     const Ended ended = runExample("blocking", to(server, {"/page", "2000"}));
     EXPECT_EQ(ended.code, 0);
     EXPECT_EQ(ended.errors, "status 404\n:status: 404\nx-a: 1\nnot here\nall content received\n");
+}
+
+TEST(ExampleBlocking, ShowsTheStatusOfAnAnswerWithoutABody) {
+    ScriptedServer server(answering([](size_t, uint32_t streamId) {
+        return headers(streamId, status(204), kEndHeaders | kEndStream);
+    }));
+    const Ended ended = runExample("blocking", to(server, {"/page", "10"}));
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_EQ(ended.errors, "status 204, no body\n");
 }
 
 TEST(ExampleBlocking, TimesOutWithAPartOfTheBody) {
