@@ -77,22 +77,23 @@ TEST_F(HostileFrame, PaddingBeyondTheDataLeavesNone) {
 }
 
 // The whole frame is credited, as its header has it, though none of it counts as data.
-TEST_F(HostileFrame, PaddingBeyondTheDataIsCreditedAtTheFramesLength) {
+// A frame counts its padding as declared, with the pad length itself: 256 bytes each here.
+TEST_F(HostileFrame, PaddingBeyondTheDataIsCreditedAsDeclared) {
     const std::string lie = frame(kData, kPadded, 1, be8(255) + std::string(199, 'x'));
-    expectBorne(repeated(lie, 163), Callbacks(163, kEmptyMore));  // 32600 bytes: not yet due
+    expectBorne(repeated(lie, 127), Callbacks(127, kEmptyMore));  // 32512 bytes: not yet due
     EXPECT_TRUE(m_server.frames(kVictim, kWindowUpdate).empty());
 
     m_victim.clear();
     ASSERT_EQ(m_victim.startRequest(nullptr), 0);
     ASSERT_TRUE(m_server.waitFramesOf(kVictim, kHeaders, 3));
-    // Of the bodies of two answers, 2 bytes are on stream 1 and 5 on stream 3: 32607 before this.
-    play(frame(kData, kPadded, 1, be8(255) + std::string(165, 'x')));
+    // Of the bodies of two answers, 2 bytes are on stream 1 and 5 on stream 3: 32519 before this.
+    play(lie);
     ASSERT_TRUE(m_server.waitFramesOf(kVictim, kWindowUpdate, 2));
     const std::vector<WireFrame> credit = m_server.frames(kVictim, kWindowUpdate);
     EXPECT_EQ(credit[0].streamId, 0U);
-    EXPECT_EQ(toHex(credit[0].payload), toHex(be32(32768 + 5)));
+    EXPECT_EQ(toHex(credit[0].payload), toHex(be32(32770 + 5)));
     EXPECT_EQ(credit[1].streamId, 1U);
-    EXPECT_EQ(toHex(credit[1].payload), toHex(be32(32768)));
+    EXPECT_EQ(toHex(credit[1].payload), toHex(be32(32770)));
     play(okResponse(5));
     ASSERT_TRUE(m_victim.waitEnd());
     EXPECT_EQ(m_victim.callbacks(), okCallbacks());

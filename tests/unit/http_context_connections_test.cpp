@@ -211,7 +211,7 @@ TEST_F(HttpContextTest, KnowsAConnectionByItsSerialNumberToo) {
     const Connection connection = scriptedConnection();
     RecordingClient& former = client(connection.fd);
     former.ctx()->setStreamId(1);
-    former.ctx()->setConnection(connection.fd, connection.io->serial() - 1);
+    former.ctx()->setConnection(connection.fd, connection.io->serial() + 1);
     EXPECT_EQ(context().addHttpClientImpl(former.ctx()), 2);
     context().forgetHttpClientImpl(former.ctx());
     EXPECT_TRUE(connection.engine->m_httpClientMap.empty());
@@ -219,7 +219,7 @@ TEST_F(HttpContextTest, KnowsAConnectionByItsSerialNumberToo) {
     EXPECT_EQ(context().m_newHttp2Set, Set{});
     former.ctx()->setConnection(connection.fd, connection.io->serial());
     EXPECT_EQ(context().addHttpClientImpl(former.ctx()), 0);
-    former.ctx()->setConnection(connection.fd, connection.io->serial() - 1);
+    former.ctx()->setConnection(connection.fd, connection.io->serial() + 1);
     former.ctx()->setSocket(connection.fd);  // whatever connection has it
     EXPECT_EQ(context().removeHttpClientImpl(former.ctx()), 0);
     EXPECT_EQ(connection.engine->m_rstFrameMap.count(1), 1u);
