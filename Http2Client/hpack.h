@@ -21,6 +21,7 @@ namespace hpack {
 class SharedText {
 public:
     explicit SharedText(const std::string& text) : m_text(new Text{{1}, text}) {}
+    // cppcheck-suppress copyCtorPointerCopying ; the copies share the text
     SharedText(const SharedText& other) : m_text(other.m_text) {
         m_text->holders.fetch_add(1, std::memory_order_relaxed);
     }
