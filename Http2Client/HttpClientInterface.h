@@ -73,8 +73,9 @@ public:
     virtual void onHeaderReceived(int status, const HeaderDef* headers, size_t count) = 0;
 
     /// `len` bytes of the response's body at `data`, valid only during the call. `more` is false
-    /// with the chunk that ends the response (it may be empty) and true before. A response that
-    /// ends with its headers, without any DATA frame, ends without this call.
+    /// with the chunk that ends the response (it may be empty) and true before. A response without
+    /// a body (status 204 or 304, or content-length 0) may end without this call. The request then
+    /// counts as running: call cancelRequest before the next one.
     virtual void onContentReceived(const char* data, size_t len, bool more) = 0;
 
     /// Opens a new connection to the IPv4 address `ip` (dotted text) and `port` (host order), on
@@ -119,13 +120,16 @@ public:
 
     /// Starts the request; the response arrives through the callbacks. `errMsg` is not used.
     /// @return 0: started; 8 (ERR_BUSY): a request of this object is still running; 4: not
-    /// connected; 2: the connection is gone, connect again; -1: no request state.
+    /// connected; 2: the connection is gone (also when its descriptor belongs to another one now),
+    /// connect again; -1: no request state.
     int startRequest(const char* errMsg);
 
     /// Ends the running request, if there is one: the server is sent a RST_STREAM and no further
     /// callback is made. When none is running, a RST_STREAM is sent all the same, for the last
-    /// request's stream, or for stream 0 before the first request, which a server answers by ending
-    /// the connection (RFC 9113, 6.4). When this object's connection is gone, nothing is sent.
+    /// request's stream, or for stream 0 before the first request. Do not call it between
+    /// connectToServer and the next startRequest, except in a destructor: the new connection has no
+    /// such stream yet, and the server ends it (RFC 9113, 6.4). When this object's connection is
+    /// gone, nothing is sent.
     /// @return 0: done; 4: not connected; 2: no request state.
     int cancelRequest();
 

@@ -13,10 +13,9 @@
 /// Call it before the first tiny::HttpClientInterface is used, and never at the same time as
 /// destroyHttp2Client. A call while the thread runs changes nothing, `pollTime` included.
 ///
-/// `pollTime` is how long, in milliseconds, the thread waits for a ready socket when there is none.
-/// The first request of all, and one that follows a time without any connection, may be noticed
-/// that late. As long as a connection lives on which a request was started, the thread wakes every
-/// millisecond.
+/// `pollTime` is how many milliseconds the thread waits when it has no connection to serve. A
+/// request that is started meanwhile starts that late. While a connection exists on which a request
+/// was started, the thread wakes every millisecond.
 /// @return 1 in every case.
 HTTP2CLIENT_API int initHttp2Client(unsigned int pollTime);
 
