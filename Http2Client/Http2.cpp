@@ -275,7 +275,7 @@ std::string Http2::encodeKeepAlive(int& status) {
 }
 
 void Http2::appendFrame(std::string& bytes, Frame& frame) {
-    const std::shared_ptr<Buffer> buffer = Frame::serializeFrame(&frame, &m_hpackTable, false);
+    const std::unique_ptr<Buffer> buffer(frame.encodeFrame(&m_hpackTable));
     bytes.append(buffer->buffer, buffer->len);
 }
 
@@ -417,11 +417,22 @@ int Http2::drainFrames(const char* data, size_t len) {
         }
     }
     if (static_cast<int32_t>(total) <= 0) return 0;
-    appendWindowUpdate(m_flowCtrlMsg, 0, total);
-    for (const auto& [streamId, length] : received) {
-        appendWindowUpdate(m_flowCtrlMsg, streamId, length);
-    }
+    recordWindowUpdates(total, received);
     return 0;
+}
+
+// A server may put hundreds of DATA frames into one read. So one frame is encoded, and its stream
+// and increment are overwritten for each.
+void Http2::recordWindowUpdates(uint32_t total,
+                                const std::vector<std::pair<uint32_t, uint32_t>>& received) {
+    const std::unique_ptr<Buffer> frame(WindowUpdateFrame().encodeFrame(&m_hpackTable));
+    const auto append = [this, &frame](uint32_t streamId, uint32_t increment) {
+        frame->SetValue(streamId, 4, 5);
+        frame->SetValue(increment, 4, 9);
+        m_flowCtrlMsg.append(frame->buffer, frame->len);
+    };
+    append(0, total);
+    for (const auto& [streamId, length] : received) append(streamId, length);
 }
 
 void Http2::dispatchFrame(Frame* frame) {

@@ -114,6 +114,8 @@ private:
     void queueRstStream(uint32_t streamId);
 
     int drainFrames(const char* data, size_t len);
+    void recordWindowUpdates(uint32_t total,
+                             const std::vector<std::pair<uint32_t, uint32_t>>& received);
     void dispatchFrame(Frame* frame);
     void failAllRequests();
     ClientMap::iterator registrationLocked(const HttpClientInterfaceImpl* impl);

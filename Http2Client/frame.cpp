@@ -110,13 +110,14 @@ std::string Frame::getFrameTypeName() const {
 }
 
 Buffer* Frame::encodeFrame(hpack::Table* table) {
-    const std::unique_ptr<Buffer> payload(encodeFramePayload(table));
-    auto* frame = new Buffer(payload->Length() + kFrameHeaderLength);
-    frame->SetValue(payload->Length(), 3, 0);
+    Buffer* frame = encodeFramePayload(table);
+    const unsigned int length = frame->Length();
+    frame->UpdateBufferSize(length + kFrameHeaderLength);
+    frame->Copy(*frame, kFrameHeaderLength);  // makes room for the header
+    frame->SetValue(length, 3, 0);
     frame->SetValue(m_type, 1, 3);
     frame->SetValue(m_flags, 1, 4);
     frame->SetValue(wordWithFlag(m_streamId, m_reserved), kWordLength, 5);
-    frame->Append(*payload);
     return frame;
 }
 

@@ -1,5 +1,6 @@
 #include "hpack.h"
 
+#include <algorithm>
 #include <iostream>
 #include <utility>
 
@@ -39,6 +40,8 @@ const HeaderField static_table[kFirstDynamicIndex] = {
 // Entry N is the all-ones value of an N-bit prefix (RFC 7541, 5.1).
 const uint8_t prefix_max[9] = {0, 1, 3, 7, 15, 31, 63, 127, 255};
 constexpr uint8_t kMaxPrefixLength = 8;
+
+constexpr unsigned int kUsualFields = 16;  // of a header block
 
 // First-byte pattern and prefix length of each representation (RFC 7541, 6), indexed by
 // HEADER_FIELD_TYPE; the size update, which stands for no field, comes last. No pattern begins
@@ -268,6 +271,7 @@ bool Table::Encode(Buffer& encoded_buffer, std::vector<HeaderFieldRepresentation
 // has the flag of the last string. All empty strings share the texts of entry 0.
 bool Table::Decode(std::vector<HeaderFieldRepresentation>& header_list, const Buffer& buff,
                    bool /*update_table*/) {
+    if (header_list.empty()) header_list.reserve(std::min(buff.Length(), kUsualFields));
     HeaderFieldRepresentation header;
     HeaderField& field = header.Field();
     std::string text;
