@@ -7,34 +7,9 @@
 #include <vector>
 
 #include "Http2ClientStandard/base/bytes.h"
+#include "Http2ClientStandard/hpack/field_rules.h"
 
 namespace h2::hpack {
-
-// What the layers above look at in a name, without comparing texts.
-enum class NameId : uint8_t {
-    kOther,
-    kStatus,
-    kOtherPseudo,         // any other name that starts with a colon
-    kConnectionSpecific,  // connection, keep-alive, proxy-connection, transfer-encoding, upgrade
-    kTe,
-    kContentLength,
-    kCookie,
-    kSetCookie,
-};
-
-NameId identify(std::string_view name);
-
-// RFC 9113, 8.2.1, and RFC 9110, 5.1 and 5.5. A name is a token without upper-case letters, a
-// pseudo-header's has a colon before it. A value has no control bytes but tabs, and neither starts
-// nor ends with a blank or a tab.
-bool isValidName(std::string_view name);
-bool isValidValue(std::string_view value);
-
-// What is known of a field's texts once they have been looked at.
-struct FieldTraits {
-    NameId id = NameId::kOther;
-    bool malformed = false;  // name or value breaks isValidName or isValidValue
-};
 
 // The fields of header blocks in the order they came.
 //
@@ -73,10 +48,18 @@ public:
 
     void add(std::string_view name, std::string_view value, bool neverIndexed = false);
 
-    // For the decoder, which writes texts in place: name, NUL, value, NUL at the start of the room.
-    // A pointer into the room lives until the next call of room().
+    // For the decoder, which writes texts in place. room(): where the next field's texts belong, as
+    // name, NUL, value, NUL; the pointer lives until the next room(). commit(): takes them in.
     char* room(size_t size) { return m_texts.room(size); }
-    void commit(uint32_t nameSize, uint32_t valueSize, FieldTraits traits, bool neverIndexed);
+    void commit(uint32_t nameSize, uint32_t valueSize, FieldTraits traits, bool neverIndexed) {
+        m_octets += uint64_t{nameSize} + valueSize + kFieldOverhead;
+        m_overflow |= m_octets > m_limit;
+        m_malformed |= traits.badName || traits.badValue;
+        if (m_overflow) return;
+        m_fields.push_back(
+            {static_cast<uint32_t>(m_texts.size()), nameSize, valueSize, traits.id, neverIndexed});
+        m_texts.commit(size_t{nameSize} + valueSize + 2);
+    }
 
 private:
     struct Stored {
