@@ -74,7 +74,7 @@ private:
 // The static table with its texts laid out as a dynamic table's.
 struct Decoder::StaticFields {
     static constexpr size_t kTextSize = [] {
-        size_t size = DynamicTable<FieldTraits>::kReadableBehind;
+        size_t size = Table::kReadableBehind;
         for (const StaticField& field : kStaticTable) {
             size += field.name.size() + field.value.size() + 2;
         }
@@ -91,14 +91,15 @@ struct Decoder::StaticFields {
         return texts;
     }();
 
-    static constexpr std::array<Known, kStaticFields> kFields = [] {
-        std::array<Known, kStaticFields> fields{};
-        const char* at = kTexts.data();
+    static constexpr std::array<Table::Entry, kStaticFields> kFields = [] {
+        std::array<Table::Entry, kStaticFields> fields{};
+        uint32_t offset = 0;
         for (uint32_t i = 0; i < kStaticFields; ++i) {
             const auto& [name, value] = kStaticTable[i];
-            fields[i] = {at, static_cast<uint32_t>(name.size()),
-                         static_cast<uint32_t>(value.size()), FieldTraits{identify(name)}};
-            at += name.size() + value.size() + 2;
+            const auto nameSize = static_cast<uint32_t>(name.size());
+            const auto valueSize = static_cast<uint32_t>(value.size());
+            fields[i] = {offset, nameSize, valueSize, FieldTraits{identify(name)}};
+            offset += nameSize + valueSize + 2;
         }
         return fields;
     }();
@@ -107,7 +108,6 @@ struct Decoder::StaticFields {
 namespace {
 
 constexpr size_t kCopyStep = 16;
-static_assert(kCopyStep <= DynamicTable<FieldTraits>::kReadableBehind);
 
 // Copies `size` bytes in whole steps: from and to must have kCopyStep bytes to spare. A call of
 // memcpy with a size known only now costs several times as much for the few bytes of a field.
@@ -128,6 +128,7 @@ void Decoder::setMaxTableSize(uint32_t octets) {
 bool Decoder::decode(std::string_view block, FieldList& list) {
     BlockReader in(block);
     if (!readSizeUpdates(in)) return false;
+    list.shareTexts(m_table.texts());
     while (!in.empty()) {
         const bool read = (in.first() & 0x80) != 0 ? readIndexed(in, list) : readLiteral(in, list);
         if (!read) return false;
@@ -135,16 +136,15 @@ bool Decoder::decode(std::string_view block, FieldList& list) {
     return true;
 }
 
-bool Decoder::find(uint32_t index, Known& field) {
+inline Decoder::Found Decoder::find(uint32_t index) {
     if (index - 1 < kStaticFields) {
-        field = StaticFields::kFields[index - 1];
-        return true;
+        const Table::Entry& field = StaticFields::kFields[index - 1];
+        return {&field, StaticFields::kTexts.data() + field.offset};
     }
     const uint64_t age = uint64_t{index} - kStaticFields;  // 1 is the newest entry
-    if (index == 0 || age > m_table.count()) return false;
-    const auto& entry = m_table.entry(m_table.end() - age);
-    field = {m_table.text(entry), entry.nameSize, entry.valueSize, entry.tag};
-    return true;
+    if (index == 0 || age > m_table.count()) return {};
+    const Table::Entry& entry = m_table.entry(m_table.end() - age);
+    return {&entry, m_table.text(entry)};
 }
 
 bool Decoder::readSizeUpdates(BlockReader& in) {
@@ -160,17 +160,13 @@ bool Decoder::readSizeUpdates(BlockReader& in) {
     return !due;
 }
 
-bool Decoder::readIndexed(BlockReader& in, FieldList& list) {
+inline bool Decoder::readIndexed(BlockReader& in, FieldList& list) {
     uint32_t index = 0;
-    Known field;
-    if (!in.integer(7, index) || !find(index, field)) return false;
-    // A list that is full already only counts: a byte of the block could else cost a copy of the
-    // largest entry.
-    if (!list.overflow()) {
-        const size_t size = size_t{field.nameSize} + field.valueSize + 2;
-        copyInSteps(list.room(size + kCopyStep), field.text, size);
-    }
-    list.commit(field.nameSize, field.valueSize, field.traits, false);
+    if (!in.integer(7, index)) return false;
+    const auto [field, text] = find(index);
+    if (field == nullptr) return false;
+    list.refer(text, field->nameSize, field->valueSize, field->tag,
+               index <= kStaticFields ? FieldList::Source::kStatic : FieldList::Source::kTable);
     return true;
 }
 
@@ -182,19 +178,29 @@ bool Decoder::readLiteral(BlockReader& in, FieldList& list) {
     if ((in.first() & 0xE0) == 0x20) return false;  // a size update behind a field
 
     uint32_t index = 0;
-    Known known{};
+    Found known;
     StringLiteral nameLiteral;
     StringLiteral valueLiteral;
     if (!in.integer(incremental ? 6 : 4, index)) return false;
-    if (index == 0 ? !in.string(nameLiteral) : !find(index, known)) return false;
+    if (index == 0) {
+        if (!in.string(nameLiteral)) return false;
+    } else {
+        known = find(index);
+        if (known.field == nullptr) return false;
+    }
     if (!in.string(valueLiteral)) return false;
 
-    const size_t nameRoom = index == 0 ? nameLiteral.room() : known.nameSize + kCopyStep;
-    char* const text = list.room(nameRoom + valueLiteral.room() + 2);
-    ptrdiff_t nameSize = known.nameSize;
-    FieldTraits traits = known.traits;
+    const size_t nameRoom = index == 0 ? nameLiteral.room() : known.field->nameSize + kCopyStep;
+    const size_t room = nameRoom + valueLiteral.room() + 2;
+    // The table can move its texts in place only while the list does not refer to them.
+    if (incremental && !m_table.hasRoom(room)) list.ownTexts();
+    char* const text = list.room(room);
+    ptrdiff_t nameSize = 0;
+    FieldTraits traits;
     if (index != 0) {
-        copyInSteps(text, known.text, known.nameSize);
+        nameSize = known.field->nameSize;
+        traits = known.field->tag;
+        copyInSteps(text, known.text, known.field->nameSize);
     } else {
         nameSize = nameLiteral.decode(text);
         if (nameSize < 0) return false;
@@ -212,7 +218,10 @@ bool Decoder::readLiteral(BlockReader& in, FieldList& list) {
     traits.badValue = !isValidValue(value);
     list.commit(static_cast<uint32_t>(nameSize), static_cast<uint32_t>(valueSize), traits,
                 neverIndexed);
-    if (incremental) m_table.insert(name, value, traits);
+    if (incremental) {
+        m_table.insert(name, value, traits);
+        list.shareTexts(m_table.texts());
+    }
     return true;
 }
 

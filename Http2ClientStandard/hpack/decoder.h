@@ -36,21 +36,20 @@ private:
     static constexpr uint32_t kInitialTableSize = 4096;  // RFC 9113, 6.5.2
     static constexpr uint32_t kNoUpdateDue = std::numeric_limits<uint32_t>::max();
 
-    // A field of either table. The text is name, NUL, value, NUL.
-    struct Known {
-        const char* text;
-        uint32_t nameSize;
-        uint32_t valueSize;
-        FieldTraits traits;
+    using Table = DynamicTable<FieldTraits>;
+    // A field of either table; null when there is none.
+    struct Found {
+        const Table::Entry* field = nullptr;
+        const char* text = nullptr;
     };
     struct StaticFields;
 
-    bool find(uint32_t index, Known& field);
+    Found find(uint32_t index);
     bool readSizeUpdates(BlockReader& in);
     bool readIndexed(BlockReader& in, FieldList& list);
     bool readLiteral(BlockReader& in, FieldList& list);
 
-    DynamicTable<FieldTraits> m_table;
+    Table m_table;
     uint32_t m_limit;                     // of the table's size, as the peer knows it
     uint32_t m_updateDue = kNoUpdateDue;  // the smallest limit since the last block
 };

@@ -1,15 +1,18 @@
 #ifndef HTTP2CLIENTSTANDARD_HPACK_DYNAMIC_TABLE_H
 #define HTTP2CLIENTSTANDARD_HPACK_DYNAMIC_TABLE_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string_view>
 
-#include "Http2ClientStandard/hpack/field_list.h"
+#include "Http2ClientStandard/hpack/shared_texts.h"
 
 namespace h2::hpack {
+
+constexpr uint32_t kFieldOverhead = 32;  // octets, besides name and value (RFC 7541, 4.1)
 
 // A dynamic table, of the decoder or the encoder (RFC 7541, 2.3.2 and 4).
 //
@@ -17,7 +20,8 @@ namespace h2::hpack {
 // table. They lie in a ring, their texts one after another in one piece of memory, each entry's as
 // name, NUL, value, NUL. When the memory's end is reached, the texts move to its front or, unless
 // they are less than half of it, to a larger piece: on average each byte moves once. Memory grows
-// with what the table has held, and is bounded by twice its maximum size.
+// with what the table has held, and is bounded by twice its maximum size. A piece that others use
+// as well is left to them as it is.
 //
 // `Tag` is what the owner keeps with an entry.
 template <class Tag>
@@ -44,14 +48,18 @@ public:
 
     // The number must be in the table. What is returned lives until the next insert().
     Entry& entry(uint64_t number) { return m_entries[number & (m_capacity - 1)]; }
-    const char* text(const Entry& entry) const { return m_texts.get() + position(entry); }
+    const char* text(const Entry& entry) const { return m_texts.bytes() + position(entry); }
     std::string_view name(const Entry& entry) const { return {text(entry), entry.nameSize}; }
     std::string_view value(const Entry& entry) const {
         return {text(entry) + entry.nameSize + 1, entry.valueSize};
     }
 
+    // Where the texts lie, until an insert() of `size` bytes of text, NULs included, without room.
+    const SharedTexts& texts() const { return m_texts; }
+    bool hasRoom(size_t size) const { return m_textsCapacity - m_textsEnd >= size; }
+
     static uint64_t entrySize(std::string_view name, std::string_view value) {
-        return uint64_t{name.size()} + value.size() + FieldList::kFieldOverhead;
+        return uint64_t{name.size()} + value.size() + kFieldOverhead;
     }
 
     void setMaxSize(uint32_t octets) {
@@ -71,7 +79,7 @@ public:
         evictDownTo(m_maxSize - size);
         if (count() == m_capacity) growRing();
         char* text = roomForTexts(name.size() + value.size() + 2);
-        entry(m_end++) = {m_base + static_cast<uint32_t>(text - m_texts.get()),
+        entry(m_end++) = {m_base + static_cast<uint32_t>(text - m_texts.bytes()),
                           static_cast<uint32_t>(name.size()), static_cast<uint32_t>(value.size()),
                           tag};
         m_size += static_cast<uint32_t>(size);
@@ -93,7 +101,7 @@ private:
     void evictDownTo(uint64_t octets) {
         while (m_size > octets) {
             const Entry& last = entry(m_oldest++);
-            m_size -= last.nameSize + last.valueSize + FieldList::kFieldOverhead;
+            m_size -= last.nameSize + last.valueSize + kFieldOverhead;
         }
     }
 
@@ -106,8 +114,8 @@ private:
     }
 
     char* roomForTexts(size_t size) {
-        if (m_textsCapacity - m_textsEnd < size) makeRoomForTexts(size);
-        char* text = m_texts.get() + m_textsEnd;
+        if (!hasRoom(size)) makeRoomForTexts(size);
+        char* text = m_texts.bytes() + m_textsEnd;
         m_textsEnd += size;
         return text;
     }
@@ -115,12 +123,12 @@ private:
     void makeRoomForTexts(size_t size) {
         const size_t begin = count() == 0 ? m_textsEnd : position(entry(m_oldest));
         const size_t used = m_textsEnd - begin;
-        if (used + size <= m_textsCapacity / 2) {
-            std::memmove(m_texts.get(), m_texts.get() + begin, used);
+        if (used + size <= m_textsCapacity / 2 && m_texts.unique()) {
+            std::memmove(m_texts.bytes(), m_texts.bytes() + begin, used);
         } else {
             const size_t capacity = std::max(kSmallestTexts, 2 * (used + size));
-            std::unique_ptr<char[]> texts(new char[capacity + kReadableBehind]);
-            if (used != 0) std::memcpy(texts.get(), m_texts.get() + begin, used);
+            SharedTexts texts = SharedTexts::allocate(capacity + kReadableBehind);
+            if (used != 0) std::memcpy(texts.bytes(), m_texts.bytes() + begin, used);
             m_texts = std::move(texts);
             m_textsCapacity = capacity;
         }
@@ -134,7 +142,7 @@ private:
     uint64_t m_end = 1;
     std::unique_ptr<Entry[]> m_entries;  // m_capacity of them; entry n at n modulo m_capacity
     uint64_t m_capacity = 0;             // 0 or a power of two
-    std::unique_ptr<char[]> m_texts;     // m_textsCapacity + kReadableBehind bytes
+    SharedTexts m_texts;                 // m_textsCapacity + kReadableBehind bytes
     size_t m_textsCapacity = 0;
     size_t m_textsEnd = 0;  // <= m_textsCapacity
     uint32_t m_base = 0;    // the offset that lies at the front of m_texts
