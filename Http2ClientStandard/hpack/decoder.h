@@ -2,11 +2,15 @@
 #define HTTP2CLIENTSTANDARD_HPACK_DECODER_H
 
 #include <cstdint>
+#include <limits>
 #include <string_view>
 
+#include "Http2ClientStandard/hpack/dynamic_table.h"
 #include "Http2ClientStandard/hpack/field_list.h"
 
 namespace h2::hpack {
+
+class BlockReader;
 
 // Decodes the header blocks of one connection (RFC 7541).
 //
@@ -16,7 +20,8 @@ namespace h2::hpack {
 class Decoder {
 public:
     // `maxTableSize` is the SETTINGS_HEADER_TABLE_SIZE that the peer knows from its first block on.
-    explicit Decoder(uint32_t maxTableSize = 4096);
+    // The table's size starts there, but not above 4096, from where only the peer may raise it.
+    explicit Decoder(uint32_t maxTableSize = kInitialTableSize);
 
     // The peer has acknowledged another SETTINGS_HEADER_TABLE_SIZE. When that is less than the
     // table's size, the next block must start with a size update (RFC 9113, 4.3.1).
@@ -26,6 +31,27 @@ public:
     // False: a COMPRESSION_ERROR; the table is in no defined state then, and the connection must
     // end. When the list goes beyond its limit, the table is kept right nevertheless.
     bool decode(std::string_view block, FieldList& list);
+
+private:
+    static constexpr uint32_t kInitialTableSize = 4096;  // RFC 9113, 6.5.2
+    static constexpr uint32_t kNoUpdateDue = std::numeric_limits<uint32_t>::max();
+
+    using Table = DynamicTable<FieldTraits>;
+    // A field of either table; null when there is none.
+    struct Found {
+        const Table::Entry* field = nullptr;
+        const char* text = nullptr;
+    };
+    struct StaticFields;
+
+    Found find(uint32_t index);
+    bool readSizeUpdates(BlockReader& in);
+    bool readIndexed(BlockReader& in, FieldList& list);
+    bool readLiteral(BlockReader& in, FieldList& list);
+
+    Table m_table;
+    uint32_t m_limit;                     // of the table's size, as the peer knows it
+    uint32_t m_updateDue = kNoUpdateDue;  // the smallest limit since the last block
 };
 
 }  // namespace h2::hpack

@@ -7,55 +7,34 @@
 #include <vector>
 
 #include "Http2ClientStandard/base/bytes.h"
+#include "Http2ClientStandard/hpack/dynamic_table.h"
+#include "Http2ClientStandard/hpack/field_rules.h"
 
 namespace h2::hpack {
 
-// What the layers above look at in a name, without comparing texts.
-enum class NameId : uint8_t {
-    kOther,
-    kStatus,
-    kOtherPseudo,         // any other name that starts with a colon
-    kConnectionSpecific,  // connection, keep-alive, proxy-connection, transfer-encoding, upgrade
-    kTe,
-    kContentLength,
-    kCookie,
-    kSetCookie,
-};
-
-NameId identify(std::string_view name);
-
-// RFC 9113, 8.2.1, and RFC 9110, 5.1 and 5.5. A name is a token without upper-case letters, a
-// pseudo-header's has a colon before it. A value has no control bytes but tabs, and neither starts
-// nor ends with a blank or a tab.
-bool isValidName(std::string_view name);
-bool isValidValue(std::string_view value);
-
-// What is known of a field's texts once they have been looked at.
-struct FieldTraits {
-    NameId id = NameId::kOther;
-    bool malformed = false;  // name or value breaks isValidName or isValidValue
-};
-
 // The fields of header blocks in the order they came.
 //
-// The texts lie in memory that is reused: a list that is cleared and filled again allocates
-// nothing. A NUL follows each text. Beyond its limit (SETTINGS_MAX_HEADER_LIST_SIZE, RFC 9113,
-// 6.5.2: name, value and 32 octets a field) a list counts fields, but stores none.
+// A NUL follows each text. Texts lie in memory of the list that is reused, so that a list that is
+// cleared and filled again allocates nothing; or, when they came out of a decoder's table, where
+// that has them, in memory that it shares with the list. Beyond its limit
+// (SETTINGS_MAX_HEADER_LIST_SIZE, RFC 9113, 6.5.2: name, value and 32 octets a field) a list counts
+// fields, but stores none.
 class FieldList {
 public:
-    static constexpr uint32_t kFieldOverhead = 32;  // RFC 7541, 4.1
+    FieldList() = default;
+    FieldList(FieldList&&) = default;
+    FieldList& operator=(FieldList&&) = default;
 
     size_t size() const { return m_fields.size(); }
     bool empty() const { return m_fields.empty(); }
 
-    // index < size(). The views live until the next add, decode, clear() or release().
+    // index < size(). The views live until the next add, decode, clear() or release() of the list.
     std::string_view name(size_t index) const {
-        const Stored& field = m_fields[index];
-        return {m_texts.data() + field.offset, field.nameSize};
+        return {m_fields[index].text, m_fields[index].nameSize};
     }
     std::string_view value(size_t index) const {
         const Stored& field = m_fields[index];
-        return {m_texts.data() + field.offset + field.nameSize + 1, field.valueSize};
+        return {field.text + field.nameSize + 1, field.valueSize};
     }
     NameId id(size_t index) const { return m_fields[index].id; }
     bool neverIndexed(size_t index) const { return m_fields[index].neverIndexed; }
@@ -73,22 +52,56 @@ public:
 
     void add(std::string_view name, std::string_view value, bool neverIndexed = false);
 
-    // For the decoder, which writes texts in place: name, NUL, value, NUL at the start of the room.
-    // A pointer into the room lives until the next call of room().
-    char* room(size_t size) { return m_texts.room(size); }
-    void commit(uint32_t nameSize, uint32_t valueSize, FieldTraits traits, bool neverIndexed);
-
 private:
+    friend class Decoder;
+
+    enum class Source : uint8_t { kList, kTable, kStatic };
     struct Stored {
-        uint32_t offset;  // into m_texts
+        const char* text;  // name, NUL, value, NUL
         uint32_t nameSize;
         uint32_t valueSize;
         NameId id;
         bool neverIndexed;
+        Source source;
     };
 
+    // Where the next field's texts belong, as name, NUL, value, NUL; it lives until the next
+    // room().
+    char* room(size_t size) {
+        if (m_texts.capacity() - m_texts.size() < size) growTexts(size);
+        return m_texts.room(size);
+    }
+    // Takes in a field whose texts were written there.
+    void commit(uint32_t nameSize, uint32_t valueSize, FieldTraits traits, bool neverIndexed) {
+        if (!count(nameSize, valueSize, traits)) return;
+        m_fields.push_back({m_texts.data() + m_texts.size(), nameSize, valueSize, traits.id,
+                            neverIndexed, Source::kList});
+        m_texts.commit(size_t{nameSize} + valueSize + 2);
+    }
+    // Takes in a field without copying its texts, which lie in the static table or in what
+    // shareTexts() was told of.
+    void refer(const char* text, uint32_t nameSize, uint32_t valueSize, FieldTraits traits,
+               Source source) {
+        if (!count(nameSize, valueSize, traits)) return;
+        m_fields.push_back({text, nameSize, valueSize, traits.id, false, source});
+    }
+    void shareTexts(const SharedTexts& texts);
+    // Copies the texts that lie in shared memory, and gives that up.
+    void ownTexts();
+
+    // Whether there is room for a field in the limit.
+    bool count(uint32_t nameSize, uint32_t valueSize, FieldTraits traits) {
+        m_octets += uint64_t{nameSize} + valueSize + kFieldOverhead;
+        m_overflow |= m_octets > m_limit;
+        m_malformed |= traits.badName || traits.badValue;
+        return !m_overflow;
+    }
+    void growTexts(size_t size);
+
     Bytes m_texts;
+    SharedTexts m_shared;
     std::vector<Stored> m_fields;
+    size_t m_owned = 0;  // none of the first m_owned fields has its texts in m_shared
     uint64_t m_octets = 0;
     uint32_t m_limit = 64 * 1024;
     bool m_overflow = false;
