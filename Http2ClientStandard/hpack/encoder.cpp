@@ -222,8 +222,8 @@ uint32_t Encoder::findEntry(Key key, const Hashes& hashes, const Field& field) {
     uint64_t number = m_buckets[key * m_bucketCount + (hash & (m_bucketCount - 1))];
     while (m_table.contains(number)) {
         const auto& entry = m_table.entry(number);
-        if (entry.tag.hashes.by[key] == hash && m_table.name(entry) == field.name &&
-            (key == kName || m_table.value(entry) == field.value)) {
+        if (entry.tag.hashes.by[key] == hash && entry.name() == field.name &&
+            (key == kName || entry.value() == field.value)) {
             return static_cast<uint32_t>(kStaticFields + (m_table.end() - number));
         }
         number = entry.tag.older[key];
