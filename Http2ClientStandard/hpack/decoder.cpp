@@ -34,6 +34,9 @@ public:
     bool empty() const { return m_at == m_end; }
     // The next byte; the block must not be empty.
     uint8_t first() const { return static_cast<uint8_t>(*m_at); }
+    void skip() { ++m_at; }
+    // The next byte is a whole indexed field, with an index from 1 to 126.
+    bool isShortIndex() const { return static_cast<uint8_t>(first() - 0x81) < 0x7E; }
 
     // RFC 7541, 5.1, with a prefix of `prefixBits`. False when it is cut off, has more than five
     // bytes behind the prefix, or is greater than 2^32 - 1. The block must not be empty.
@@ -93,13 +96,14 @@ struct Decoder::StaticFields {
 
     static constexpr std::array<Table::Entry, kStaticFields> kFields = [] {
         std::array<Table::Entry, kStaticFields> fields{};
-        uint32_t offset = 0;
+        const char* at = kTexts.data();
         for (uint32_t i = 0; i < kStaticFields; ++i) {
             const auto& [name, value] = kStaticTable[i];
-            const auto nameSize = static_cast<uint32_t>(name.size());
-            const auto valueSize = static_cast<uint32_t>(value.size());
-            fields[i] = {offset, nameSize, valueSize, FieldTraits{identify(name)}};
-            offset += nameSize + valueSize + 2;
+            fields[i] = {at,
+                         static_cast<uint32_t>(name.size()),
+                         static_cast<uint32_t>(value.size()),
+                         {FieldTraits{identify(name)}, false, ListTag::Source::kStatic}};
+            at += fields[i].textSize();
         }
         return fields;
     }();
@@ -130,21 +134,18 @@ bool Decoder::decode(std::string_view block, FieldList& list) {
     if (!readSizeUpdates(in)) return false;
     list.shareTexts(m_table.texts());
     while (!in.empty()) {
+        readShortIndexed(in, list);
+        if (in.empty()) break;
         const bool read = (in.first() & 0x80) != 0 ? readIndexed(in, list) : readLiteral(in, list);
         if (!read) return false;
     }
     return true;
 }
 
-inline Decoder::Found Decoder::find(uint32_t index) {
-    if (index - 1 < kStaticFields) {
-        const Table::Entry& field = StaticFields::kFields[index - 1];
-        return {&field, StaticFields::kTexts.data() + field.offset};
-    }
-    const uint64_t age = uint64_t{index} - kStaticFields;  // 1 is the newest entry
-    if (index == 0 || age > m_table.count()) return {};
-    const Table::Entry& entry = m_table.entry(m_table.end() - age);
-    return {&entry, m_table.text(entry)};
+// The field of either table; null when there is none.
+inline const Decoder::Table::Entry* Decoder::find(const Table::Ages& table, uint32_t index) {
+    if (index - 1 < kStaticFields) return &StaticFields::kFields[index - 1];
+    return table.find(uint64_t{index} - kStaticFields);
 }
 
 bool Decoder::readSizeUpdates(BlockReader& in) {
@@ -160,13 +161,34 @@ bool Decoder::readSizeUpdates(BlockReader& in) {
     return !due;
 }
 
+// Indexed fields of one byte each, as long as they are good and the list has room: the common case,
+// with all that it counts in registers. Leaves the rest to readIndexed().
+inline void Decoder::readShortIndexed(BlockReader& in, FieldList& list) {
+    constexpr size_t kFields = 16;
+    const Table::Ages table(m_table);
+    const uint64_t limit = list.m_limit;
+    uint64_t octets = list.m_octets;
+    bool malformed = false;
+    FieldList::Stored* to = list.fieldRoom(kFields);
+    FieldList::Stored* const begin = to;
+    for (; to != begin + kFields && !in.empty() && in.isShortIndex(); in.skip()) {
+        const Table::Entry* field = find(table, in.first() & 0x7F);
+        if (field == nullptr || octets + field->octets() > limit) break;
+        octets += field->octets();
+        malformed |= field->tag.traits.malformed();
+        *to++ = *field;
+    }
+    list.m_size += static_cast<size_t>(to - begin);
+    list.m_octets = octets;
+    list.m_malformed |= malformed;
+}
+
 inline bool Decoder::readIndexed(BlockReader& in, FieldList& list) {
     uint32_t index = 0;
     if (!in.integer(7, index)) return false;
-    const auto [field, text] = find(index);
+    const Table::Entry* field = find(Table::Ages(m_table), index);
     if (field == nullptr) return false;
-    list.refer(text, field->nameSize, field->valueSize, field->tag,
-               index <= kStaticFields ? FieldList::Source::kStatic : FieldList::Source::kTable);
+    list.refer(*field);
     return true;
 }
 
@@ -178,19 +200,19 @@ bool Decoder::readLiteral(BlockReader& in, FieldList& list) {
     if ((in.first() & 0xE0) == 0x20) return false;  // a size update behind a field
 
     uint32_t index = 0;
-    Found known;
+    const Table::Entry* known = nullptr;
     StringLiteral nameLiteral;
     StringLiteral valueLiteral;
     if (!in.integer(incremental ? 6 : 4, index)) return false;
     if (index == 0) {
         if (!in.string(nameLiteral)) return false;
     } else {
-        known = find(index);
-        if (known.field == nullptr) return false;
+        known = find(Table::Ages(m_table), index);
+        if (known == nullptr) return false;
     }
     if (!in.string(valueLiteral)) return false;
 
-    const size_t nameRoom = index == 0 ? nameLiteral.room() : known.field->nameSize + kCopyStep;
+    const size_t nameRoom = index == 0 ? nameLiteral.room() : known->nameSize + kCopyStep;
     const size_t room = nameRoom + valueLiteral.room() + 2;
     // The table can move its texts in place only while the list does not refer to them.
     if (incremental && !m_table.hasRoom(room)) list.ownTexts();
@@ -198,9 +220,9 @@ bool Decoder::readLiteral(BlockReader& in, FieldList& list) {
     ptrdiff_t nameSize = 0;
     FieldTraits traits;
     if (index != 0) {
-        nameSize = known.field->nameSize;
-        traits = known.field->tag;
-        copyInSteps(text, known.text, known.field->nameSize);
+        nameSize = known->nameSize;
+        traits = known->tag.traits;
+        copyInSteps(text, known->text, known->nameSize);
     } else {
         nameSize = nameLiteral.decode(text);
         if (nameSize < 0) return false;
@@ -219,7 +241,7 @@ bool Decoder::readLiteral(BlockReader& in, FieldList& list) {
     list.commit(static_cast<uint32_t>(nameSize), static_cast<uint32_t>(valueSize), traits,
                 neverIndexed);
     if (incremental) {
-        m_table.insert(name, value, traits);
+        m_table.insert(name, value, {traits, false, ListTag::Source::kTable});
         list.shareTexts(m_table.texts());
     }
     return true;

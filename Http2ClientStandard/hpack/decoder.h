@@ -36,16 +36,12 @@ private:
     static constexpr uint32_t kInitialTableSize = 4096;  // RFC 9113, 6.5.2
     static constexpr uint32_t kNoUpdateDue = std::numeric_limits<uint32_t>::max();
 
-    using Table = DynamicTable<FieldTraits>;
-    // A field of either table; null when there is none.
-    struct Found {
-        const Table::Entry* field = nullptr;
-        const char* text = nullptr;
-    };
+    using Table = DynamicTable<ListTag>;
     struct StaticFields;
 
-    Found find(uint32_t index);
+    static const Table::Entry* find(const Table::Ages& table, uint32_t index);
     bool readSizeUpdates(BlockReader& in);
+    void readShortIndexed(BlockReader& in, FieldList& list);
     bool readIndexed(BlockReader& in, FieldList& list);
     bool readLiteral(BlockReader& in, FieldList& list);
 

@@ -14,27 +14,54 @@ namespace h2::hpack {
 
 constexpr uint32_t kFieldOverhead = 32;  // octets, besides name and value (RFC 7541, 4.1)
 
+// A field whose texts lie somewhere else, one after the other: name, NUL, value, NUL.
+template <class Tag>
+struct KnownField {
+    const char* text;
+    uint32_t nameSize;
+    uint32_t valueSize;
+    Tag tag;  // what the owner keeps with it
+
+    std::string_view name() const { return {text, nameSize}; }
+    std::string_view value() const { return {text + nameSize + 1, valueSize}; }
+    constexpr size_t textSize() const { return size_t{nameSize} + valueSize + 2; }
+    uint64_t octets() const { return uint64_t{nameSize} + valueSize + kFieldOverhead; }
+};
+
 // A dynamic table, of the decoder or the encoder (RFC 7541, 2.3.2 and 4).
 //
 // Entries are numbered in the order of their insertion; those from oldest() to end() - 1 are in the
-// table. They lie in a ring, their texts one after another in one piece of memory, each entry's as
-// name, NUL, value, NUL. When the memory's end is reached, the texts move to its front or, unless
-// they are less than half of it, to a larger piece: on average each byte moves once. Memory grows
-// with what the table has held, and is bounded by twice its maximum size. A piece that others use
-// as well is left to them as it is.
-//
-// `Tag` is what the owner keeps with an entry.
+// table. They lie in a ring, their texts one after another in one piece of memory. When the
+// memory's end is reached, the texts move to its front or, unless they are less than half of it, to
+// a larger piece: on average each byte moves once. Memory grows with what the table has held, and
+// is bounded by twice its maximum size. A piece that others use as well is left to them as it is.
 template <class Tag>
 class DynamicTable {
 public:
     // So many bytes behind an entry's texts may be read, whatever they are.
     static constexpr size_t kReadableBehind = 16;
 
-    struct Entry {
-        uint32_t offset;  // see position()
-        uint32_t nameSize;
-        uint32_t valueSize;
-        Tag tag;
+    using Entry = KnownField<Tag>;
+
+    // The entries by their age, which is 1 for the newest. Lives until the next change of the
+    // table.
+    class Ages {
+    public:
+        explicit Ages(const DynamicTable& table)
+            : m_entries(table.m_entries.get()),
+              m_mask(table.m_capacity - 1),
+              m_end(table.m_end),
+              m_count(table.count()) {}
+        // Null when there is no such entry.
+        const Entry* find(uint64_t age) const {
+            return age - 1 < m_count ? &m_entries[(m_end - age) & m_mask] : nullptr;
+        }
+
+    private:
+        const Entry* m_entries;
+        uint64_t m_mask;
+        uint64_t m_end;
+        uint64_t m_count;
     };
 
     explicit DynamicTable(uint32_t maxSize) : m_maxSize(maxSize) {}
@@ -48,11 +75,6 @@ public:
 
     // The number must be in the table. What is returned lives until the next insert().
     Entry& entry(uint64_t number) { return m_entries[number & (m_capacity - 1)]; }
-    const char* text(const Entry& entry) const { return m_texts.bytes() + position(entry); }
-    std::string_view name(const Entry& entry) const { return {text(entry), entry.nameSize}; }
-    std::string_view value(const Entry& entry) const {
-        return {text(entry) + entry.nameSize + 1, entry.valueSize};
-    }
 
     // Where the texts lie, until an insert() of `size` bytes of text, NULs included, without room.
     const SharedTexts& texts() const { return m_texts; }
@@ -79,9 +101,8 @@ public:
         evictDownTo(m_maxSize - size);
         if (count() == m_capacity) growRing();
         char* text = roomForTexts(name.size() + value.size() + 2);
-        entry(m_end++) = {m_base + static_cast<uint32_t>(text - m_texts.bytes()),
-                          static_cast<uint32_t>(name.size()), static_cast<uint32_t>(value.size()),
-                          tag};
+        entry(m_end++) = {text, static_cast<uint32_t>(name.size()),
+                          static_cast<uint32_t>(value.size()), tag};
         m_size += static_cast<uint32_t>(size);
         if (!name.empty()) std::memcpy(text, name.data(), name.size());
         text[name.size()] = '\0';
@@ -95,13 +116,9 @@ private:
     static constexpr uint64_t kSmallestRing = 8;
     static constexpr size_t kSmallestTexts = 240;
 
-    // Where the entry's texts lie in m_texts. Offsets count on when the texts move, modulo 2^32.
-    uint32_t position(const Entry& entry) const { return entry.offset - m_base; }
-
     void evictDownTo(uint64_t octets) {
         while (m_size > octets) {
-            const Entry& last = entry(m_oldest++);
-            m_size -= last.nameSize + last.valueSize + kFieldOverhead;
+            m_size -= static_cast<uint32_t>(entry(m_oldest++).octets());
         }
     }
 
@@ -121,19 +138,21 @@ private:
     }
 
     void makeRoomForTexts(size_t size) {
-        const size_t begin = count() == 0 ? m_textsEnd : position(entry(m_oldest));
+        const size_t begin = count() == 0 ? m_textsEnd : entry(m_oldest).text - m_texts.bytes();
         const size_t used = m_textsEnd - begin;
-        if (used + size <= m_textsCapacity / 2 && m_texts.unique()) {
-            std::memmove(m_texts.bytes(), m_texts.bytes() + begin, used);
-        } else {
-            const size_t capacity = std::max(kSmallestTexts, 2 * (used + size));
-            SharedTexts texts = SharedTexts::allocate(capacity + kReadableBehind);
-            if (used != 0) std::memcpy(texts.bytes(), m_texts.bytes() + begin, used);
-            m_texts = std::move(texts);
-            m_textsCapacity = capacity;
+        const bool inPlace = used + size <= m_textsCapacity / 2 && m_texts.unique();
+        const SharedTexts former = m_texts;
+        if (!inPlace) {
+            m_textsCapacity = std::max(kSmallestTexts, 2 * (used + size));
+            m_texts = SharedTexts::allocate(m_textsCapacity + kReadableBehind);
         }
-        m_base += static_cast<uint32_t>(begin);
         m_textsEnd = used;
+        if (used == 0) return;
+        const char* const from = former.bytes() + begin;
+        std::memmove(m_texts.bytes(), from, used);
+        for (uint64_t i = m_oldest; i != m_end; ++i) {
+            entry(i).text = m_texts.bytes() + (entry(i).text - from);
+        }
     }
 
     uint32_t m_maxSize;
@@ -145,7 +164,6 @@ private:
     SharedTexts m_texts;                 // m_textsCapacity + kReadableBehind bytes
     size_t m_textsCapacity = 0;
     size_t m_textsEnd = 0;  // <= m_textsCapacity
-    uint32_t m_base = 0;    // the offset that lies at the front of m_texts
 };
 
 }  // namespace h2::hpack

@@ -26,7 +26,8 @@ constexpr Representation kWithoutIndexing{0x00, 4};
 constexpr Representation kHuffmanString{0x80, 7};
 constexpr Representation kPlainString{0x00, 7};
 
-constexpr size_t kMaxIntegerSize = 6;  // of 32 bits behind any prefix
+constexpr size_t kMaxIntegerSize = 6;      // of 32 bits behind any prefix
+constexpr uint32_t kOneByteLengths = 127;  // strings below this length
 
 // Writes `value` and returns where it ends (RFC 7541, 5.1).
 char* writeInteger(char* out, Representation representation, uint32_t value) {
@@ -43,11 +44,17 @@ char* writeInteger(char* out, Representation representation, uint32_t value) {
     return out;
 }
 
+// Writes `text` as it takes fewer bytes, and returns where it ends.
 char* writeString(char* out, std::string_view text) {
-    const size_t coded = huffmanSize(text);
-    if (coded < text.size()) {
-        out = writeInteger(out, kHuffmanString, static_cast<uint32_t>(coded));
-        return encodeHuffman(text, out);
+    // The length stands in front, and mostly takes one byte: the text is moved when it takes more.
+    char* const begin = out + 1;
+    if (char* const end = encodeHuffman(text, begin)) {
+        const auto size = static_cast<uint32_t>(end - begin);
+        if (size >= kOneByteLengths) {
+            char head[kMaxIntegerSize];
+            std::memmove(writeInteger(head, kHuffmanString, size) - head + out, begin, size);
+        }
+        return writeInteger(out, kHuffmanString, size) + size;
     }
     out = writeInteger(out, kPlainString, static_cast<uint32_t>(text.size()));
     if (!text.empty()) std::memcpy(out, text.data(), text.size());
@@ -90,16 +97,26 @@ constexpr std::array<uint8_t, kNameSlots> kStaticNames = [] {
 // The first index with this name; 0 when there is none.
 uint32_t findStaticName(std::string_view name, uint32_t hash) {
     for (size_t slot = hash % kNameSlots; kStaticNames[slot] != 0; slot = (slot + 1) % kNameSlots) {
-        if (kStaticTable[kStaticNames[slot] - 1].name == name) return kStaticNames[slot];
+        if (sameText(kStaticTable[kStaticNames[slot] - 1].name, name)) return kStaticNames[slot];
     }
     return 0;
 }
 
-// The index of the field whose name stands first at `index`; 0 when no entry has this value.
+// How many fields of the static table have the name that first stands at an index.
+constexpr std::array<uint8_t, kStaticFields + 1> kSameNames = [] {
+    std::array<uint8_t, kStaticFields + 1> counts{};
+    for (uint32_t i = 1, first = 1; i <= kStaticFields; ++i) {
+        if (kStaticTable[i - 1].name != kStaticTable[first - 1].name) first = i;
+        ++counts[first];
+    }
+    return counts;
+}();
+
+// The index of the field with this value and the name that first stands at `index`; 0 when there is
+// none.
 uint32_t findStaticValue(uint32_t index, std::string_view value) {
-    const std::string_view name = kStaticTable[index - 1].name;
-    for (; index <= kStaticFields && kStaticTable[index - 1].name == name; ++index) {
-        if (kStaticTable[index - 1].value == value) return index;
+    for (const uint32_t end = index + kSameNames[index]; index != end; ++index) {
+        if (sameText(kStaticTable[index - 1].value, value)) return index;
     }
     return 0;
 }
@@ -222,8 +239,8 @@ uint32_t Encoder::findEntry(Key key, const Hashes& hashes, const Field& field) {
     uint64_t number = m_buckets[key * m_bucketCount + (hash & (m_bucketCount - 1))];
     while (m_table.contains(number)) {
         const auto& entry = m_table.entry(number);
-        if (entry.tag.hashes.by[key] == hash && m_table.name(entry) == field.name &&
-            (key == kName || m_table.value(entry) == field.value)) {
+        if (entry.tag.hashes.by[key] == hash && sameText(entry.name(), field.name) &&
+            (key == kName || sameText(entry.value(), field.value))) {
             return static_cast<uint32_t>(kStaticFields + (m_table.end() - number));
         }
         number = entry.tag.older[key];

@@ -3,14 +3,24 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
-#include <vector>
 
 #include "Http2ClientStandard/base/bytes.h"
 #include "Http2ClientStandard/hpack/dynamic_table.h"
 #include "Http2ClientStandard/hpack/field_rules.h"
 
 namespace h2::hpack {
+
+// What a list keeps with a field, and a decoder's table too, so that a field goes from there to a
+// list as it is.
+struct ListTag {
+    enum class Source : uint8_t { kList, kTable, kStatic };
+
+    FieldTraits traits;
+    bool neverIndexed = false;
+    Source source = Source::kTable;
+};
 
 // The fields of header blocks in the order they came.
 //
@@ -21,23 +31,14 @@ namespace h2::hpack {
 // fields, but stores none.
 class FieldList {
 public:
-    FieldList() = default;
-    FieldList(FieldList&&) = default;
-    FieldList& operator=(FieldList&&) = default;
-
-    size_t size() const { return m_fields.size(); }
-    bool empty() const { return m_fields.empty(); }
+    size_t size() const { return m_size; }
+    bool empty() const { return m_size == 0; }
 
     // index < size(). The views live until the next add, decode, clear() or release() of the list.
-    std::string_view name(size_t index) const {
-        return {m_fields[index].text, m_fields[index].nameSize};
-    }
-    std::string_view value(size_t index) const {
-        const Stored& field = m_fields[index];
-        return {field.text + field.nameSize + 1, field.valueSize};
-    }
-    NameId id(size_t index) const { return m_fields[index].id; }
-    bool neverIndexed(size_t index) const { return m_fields[index].neverIndexed; }
+    std::string_view name(size_t index) const { return m_fields[index].name(); }
+    std::string_view value(size_t index) const { return m_fields[index].value(); }
+    NameId id(size_t index) const { return m_fields[index].tag.traits.id; }
+    bool neverIndexed(size_t index) const { return m_fields[index].tag.neverIndexed; }
 
     uint64_t octets() const { return m_octets; }    // of all fields, stored or not
     bool overflow() const { return m_overflow; }    // octets() went beyond the limit
@@ -55,15 +56,7 @@ public:
 private:
     friend class Decoder;
 
-    enum class Source : uint8_t { kList, kTable, kStatic };
-    struct Stored {
-        const char* text;  // name, NUL, value, NUL
-        uint32_t nameSize;
-        uint32_t valueSize;
-        NameId id;
-        bool neverIndexed;
-        Source source;
-    };
+    using Stored = KnownField<ListTag>;
 
     // Where the next field's texts belong, as name, NUL, value, NUL; it lives until the next
     // room().
@@ -73,34 +66,40 @@ private:
     }
     // Takes in a field whose texts were written there.
     void commit(uint32_t nameSize, uint32_t valueSize, FieldTraits traits, bool neverIndexed) {
-        if (!count(nameSize, valueSize, traits)) return;
-        m_fields.push_back({m_texts.data() + m_texts.size(), nameSize, valueSize, traits.id,
-                            neverIndexed, Source::kList});
-        m_texts.commit(size_t{nameSize} + valueSize + 2);
+        const Stored field{m_texts.data() + m_texts.size(),
+                           nameSize,
+                           valueSize,
+                           {traits, neverIndexed, ListTag::Source::kList}};
+        if (refer(field)) m_texts.commit(field.textSize());
     }
     // Takes in a field without copying its texts, which lie in the static table or in what
-    // shareTexts() was told of.
-    void refer(const char* text, uint32_t nameSize, uint32_t valueSize, FieldTraits traits,
-               Source source) {
-        if (!count(nameSize, valueSize, traits)) return;
-        m_fields.push_back({text, nameSize, valueSize, traits.id, false, source});
+    // shareTexts() was told of. False: it goes beyond the limit.
+    bool refer(const Stored& field) {
+        m_octets += field.octets();
+        m_overflow |= m_octets > m_limit;
+        m_malformed |= field.tag.traits.malformed();
+        if (m_overflow) return false;
+        *fieldRoom(1) = field;
+        ++m_size;
+        return true;
+    }
+    // Where the next `count` fields belong.
+    Stored* fieldRoom(size_t count) {
+        if (m_capacity - m_size < count) growFields(count);
+        return m_fields.get() + m_size;
     }
     void shareTexts(const SharedTexts& texts);
     // Copies the texts that lie in shared memory, and gives that up.
     void ownTexts();
 
-    // Whether there is room for a field in the limit.
-    bool count(uint32_t nameSize, uint32_t valueSize, FieldTraits traits) {
-        m_octets += uint64_t{nameSize} + valueSize + kFieldOverhead;
-        m_overflow |= m_octets > m_limit;
-        m_malformed |= traits.badName || traits.badValue;
-        return !m_overflow;
-    }
     void growTexts(size_t size);
+    void growFields(size_t count);
 
     Bytes m_texts;
     SharedTexts m_shared;
-    std::vector<Stored> m_fields;
+    std::unique_ptr<Stored[]> m_fields;  // m_capacity, of which m_size are in use
+    size_t m_size = 0;
+    size_t m_capacity = 0;
     size_t m_owned = 0;  // none of the first m_owned fields has its texts in m_shared
     uint64_t m_octets = 0;
     uint32_t m_limit = 64 * 1024;

@@ -50,6 +50,8 @@ struct FieldTraits {
     NameId id = NameId::kOther;
     bool badName = false;   // not isValidName
     bool badValue = false;  // not isValidValue
+
+    bool malformed() const { return badName || badValue; }
 };
 
 }  // namespace h2::hpack

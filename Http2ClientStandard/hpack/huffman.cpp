@@ -123,6 +123,47 @@ private:
     unsigned m_count = 0;
 };
 
+struct WideCode {
+    uint64_t bits;
+    unsigned size;
+};
+
+WideCode codeOf(char symbol) {
+    const HuffmanCode code = kHuffmanCodes[static_cast<unsigned char>(symbol)];
+    return {code.bits, code.size};
+}
+
+WideCode join(WideCode first, WideCode second) {
+    return {first.bits << second.size | second.bits, first.size + second.size};
+}
+
+constexpr unsigned kMaxWrite = 57;  // bits: with 7 that wait, they fill a word
+
+// Writes 8 bytes at a time, of which the whole ones so far count.
+class BitWriter {
+public:
+    explicit BitWriter(char* out) : m_out(out) {}
+
+    void write(WideCode code) {
+        m_bits = m_bits << code.size | code.bits;
+        m_count += code.size;
+        storeBig64(m_out, m_bits << (64 - m_count));
+        m_out += m_count / 8;
+        m_count %= 8;
+    }
+    char* end() const { return m_out; }
+    // Pads with the start of the EOS symbol, which is ones, and returns where the code ends.
+    char* finish() {
+        if (m_count > 0) write({(1U << (8 - m_count)) - 1, 8 - m_count});
+        return m_out;
+    }
+
+private:
+    char* m_out;
+    uint64_t m_bits = 0;   // the lowest m_count of them wait to be written
+    unsigned m_count = 0;  // less than 8 between calls
+};
+
 }  // namespace
 
 ptrdiff_t decodeHuffman(std::string_view coded, char* out) {
@@ -154,30 +195,23 @@ ptrdiff_t decodeHuffman(std::string_view coded, char* out) {
     return bits.isPadding() ? out - begin : -1;
 }
 
-size_t huffmanSize(std::string_view text) {
-    size_t bits = 0;
-    for (const char c : text) bits += kHuffmanCodes[static_cast<unsigned char>(c)].size;
-    return (bits + 7) / 8;
-}
-
 char* encodeHuffman(std::string_view text, char* out) {
-    uint64_t bits = 0;  // the lowest `count` of them are to be written
-    unsigned count = 0;
-    for (const char c : text) {
-        const HuffmanCode code = kHuffmanCodes[static_cast<unsigned char>(c)];
-        bits = bits << code.size | code.bits;
-        count += code.size;
-        if (count >= 32) {
-            count -= 32;
-            storeBig32(out, static_cast<uint32_t>(bits >> count));
-            out += 4;
+    char* const limit = out + text.size();
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    BitWriter bits(out);
+    for (; end - at >= 4 && bits.end() < limit; at += 4) {
+        const WideCode first = join(codeOf(at[0]), codeOf(at[1]));
+        const WideCode second = join(codeOf(at[2]), codeOf(at[3]));
+        if (first.size + second.size <= kMaxWrite) {
+            bits.write(join(first, second));
+        } else {
+            for (size_t i = 0; i < 4; ++i) bits.write(codeOf(at[i]));
         }
     }
-    if (count == 0) return out;
-    // The padding is the start of the EOS symbol: ones.
-    bits = bits << (32 - count) | (0xFFFFFFFFU >> count);
-    storeBig32(out, static_cast<uint32_t>(bits));
-    return out + (count + 7) / 8;
+    for (; at != end && bits.end() < limit; ++at) bits.write(codeOf(*at));
+    out = bits.finish();
+    return at == end && out < limit ? out : nullptr;
 }
 
 }  // namespace h2::hpack

@@ -17,13 +17,11 @@ constexpr size_t huffmanRoom(size_t codedSize) { return codedSize * 8 / 5 + 1; }
 // the EOS symbol.
 ptrdiff_t decodeHuffman(std::string_view coded, char* out);
 
-// The size of `text` when coded, in bytes.
-size_t huffmanSize(std::string_view text);
+// What encodeHuffman() may write behind as many bytes as the text has.
+constexpr size_t kHuffmanSlack = 24;
 
-// Room that encodeHuffman() needs behind the coded bytes: it writes four at a time.
-constexpr size_t kHuffmanSlack = 4;
-
-// Writes huffmanSize(text) bytes, and returns where they end.
+// Codes `text` if that makes it shorter, and returns where the coded bytes end; null if not. There
+// must be room for text.size() + kHuffmanSlack bytes, whose content is undefined afterwards.
 char* encodeHuffman(std::string_view text, char* out);
 
 }  // namespace h2::hpack

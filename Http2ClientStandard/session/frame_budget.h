@@ -22,6 +22,7 @@ public:
 
     // False when the budget is used up.
     bool spend(Time now) {
+        if (m_left == m_capacity) m_refilledAt = now;  // a full budget earns nothing
         if (m_left == 0) refillByTime(now);
         if (m_left == 0) return false;
         --m_left;
