@@ -46,7 +46,8 @@ size_t Session::receiveContent(const char* data, size_t size) {
     const size_t delivered = std::min(used, content);
     Stream* stream = m_streams.find(m_content.stream);
     if (stream != nullptr && delivered != 0) {
-        m_visitor.onData(stream->id, stream->user, data, delivered);
+        const bool last = m_content.left == 0 && m_content.endStream && isWhole(*stream);
+        m_visitor.onData(stream->id, stream->user, data, delivered, last);
     }
     if (m_content.left == 0) finishContent();
     return used;
@@ -86,7 +87,7 @@ void Session::finishContent() {
 
 // The server has ended the stream.
 void Session::completeAnswer(Stream& stream) {
-    if (stream.lengthKnown && stream.contentLeft != 0) {
+    if (!isWhole(stream)) {
         reset(stream, ErrorCode::kProtocolError, Outcome::kMalformed,
               "less content than content-length says");
         return;

@@ -92,8 +92,10 @@ inline bool Session::receivePlainData(const FrameHeader& header, const char* pay
     stream->receiveWindow.take(header.length);
     stream->contentLeft -= header.length;
     makeDue(*stream);
-    m_visitor.onData(stream->id, stream->user, payload, header.length);
-    if (!header.has(flag::kEndStream)) return true;
+    const bool endStream = header.has(flag::kEndStream);
+    m_visitor.onData(stream->id, stream->user, payload, header.length,
+                     endStream && isWhole(*stream));
+    if (!endStream) return true;
     stream = m_streams.find(header.streamId);  // the visitor may have cancelled it
     if (stream != nullptr) completeAnswer(*stream);
     return true;

@@ -87,6 +87,7 @@ public:
     const SessionError* error() const { return m_over ? &m_error : nullptr; }
     size_t openStreams() const { return m_openStreams; }
     size_t requests() const { return m_streams.size(); }  // waiting ones included
+    uint32_t lastSent() const { return m_lastSent; }  // highest stream that produce() has started
     const PeerSettings& peerSettings() const { return m_peer; }
     // Gives memory back that an idle connection does not need. Nothing happens while requests run.
     void trim();
@@ -117,6 +118,10 @@ private:
     void readPadLength(uint8_t padding);
     bool acceptContent(Stream& stream, uint32_t octets);
     void finishContent();
+    // Whether the answer has as much content as content-length says.
+    static bool isWhole(const Stream& stream) {
+        return !stream.lengthKnown || stream.contentLeft == 0;
+    }
     void completeAnswer(Stream& stream);
 
     // receive_headers.cpp: HEADERS, PUSH_PROMISE and CONTINUATION

@@ -42,8 +42,9 @@ public:
     // The final answer's header section, ":status" included.
     virtual void onHeaders(uint32_t stream, void* user, uint32_t status,
                            const hpack::FieldList& fields) = 0;
-    // A piece of content where it was received; size > 0.
-    virtual void onData(uint32_t stream, void* user, const char* data, size_t size) = 0;
+    // A piece of content where it was received; size > 0. `last`: it ends the answer, and onEnd()
+    // with kComplete follows at once.
+    virtual void onData(uint32_t stream, void* user, const char* data, size_t size, bool last) = 0;
     virtual void onTrailers(uint32_t stream, void* user, const hpack::FieldList& fields) = 0;
     virtual void onEnd(uint32_t stream, void* user, const StreamEnd& end) = 0;
 

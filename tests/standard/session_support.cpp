@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <utility>
 
 #include "tests/support/guarded.h"
 
@@ -197,6 +198,9 @@ std::string Peer::error() const {
 }
 
 void Peer::record(const std::string& event) {
+    if (std::exchange(m_answered, 0) != 0) {
+        EXPECT_TRUE(event.starts_with("end ") && event.ends_with(" complete")) << event;
+    }
     m_openData = 0;
     m_events.push_back(event);
     if (reaction) reaction(event);
@@ -216,12 +220,13 @@ void Peer::onHeaders(uint32_t stream, void* user, uint32_t code,
 }
 
 // Pieces of one stream that follow each other make one event: how they are cut is not fixed.
-void Peer::onData(uint32_t stream, void* user, const char* data, size_t size) {
+void Peer::onData(uint32_t stream, void* user, const char* data, size_t size, bool last) {
     EXPECT_EQ(user, this);
     EXPECT_NE(size, 0u);
     if (m_openData != stream) record("data " + std::to_string(stream) + " ");
     m_openData = stream;
     if (!m_events.empty()) m_events.back().append(data, size);
+    if (last) m_answered = stream;
 }
 
 void Peer::onTrailers(uint32_t stream, void* user, const h2::hpack::FieldList& fields) {

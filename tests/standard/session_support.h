@@ -91,7 +91,7 @@ public:
                    const h2::hpack::FieldList& fields) override;
     void onHeaders(uint32_t stream, void* user, uint32_t status,
                    const h2::hpack::FieldList& fields) override;
-    void onData(uint32_t stream, void* user, const char* data, size_t size) override;
+    void onData(uint32_t stream, void* user, const char* data, size_t size, bool last) override;
     void onTrailers(uint32_t stream, void* user, const h2::hpack::FieldList& fields) override;
     void onEnd(uint32_t stream, void* user, const h2::StreamEnd& end) override;
     void onSettings() override;
@@ -107,6 +107,7 @@ private:
     std::unique_ptr<h2::Session> m_session;
     Lines m_events;
     uint32_t m_openData = 0;  // stream of the data event at the end of m_events
+    uint32_t m_answered = 0;  // stream whose data event said that it was the last
     bool m_prefaceTaken = false;
     h2::hpack::Decoder m_decoder;
     std::string m_block;  // of HEADERS not yet ended
