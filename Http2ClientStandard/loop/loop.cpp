@@ -87,12 +87,12 @@ void Loop::turn() {
 void Loop::runTasks() {
     uint64_t count = 0;
     [[maybe_unused]] const ssize_t got = read(m_wake.get(), &count, sizeof count);
-    std::vector<std::function<void()>> tasks;
     {
         const std::lock_guard<std::mutex> hold(m_taskLock);
-        tasks.swap(m_tasks);
+        m_running.swap(m_tasks);
     }
-    for (const std::function<void()>& task : tasks) task();
+    for (const std::function<void()>& task : m_running) task();
+    m_running.clear();
 }
 
 // At most as many as there are now: a handler that sets its deadline to this moment again waits for

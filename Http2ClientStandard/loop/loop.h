@@ -97,6 +97,7 @@ private:
 
     std::mutex m_taskLock;  // guards m_tasks
     std::vector<std::function<void()>> m_tasks;
+    std::vector<std::function<void()>> m_running;  // tasks of this turn; of the loop's thread
     std::atomic<bool> m_stop{false};
     std::atomic<uintptr_t> m_thread{0};  // of run(); 0 while there is none
 };

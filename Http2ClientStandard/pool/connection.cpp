@@ -35,7 +35,7 @@ Connection::Connection(Loop& loop, std::unique_ptr<Transport> transport, Connect
                        const ConnectionOptions& options, Ref<RefCounted> keeper,
                        ConnectionEvents& events)
     : m_loop(loop),
-      m_info(std::move(info)),
+      m_info(std::make_shared<const ConnectionInfo>(std::move(info))),
       m_idleTimeout(options.idleTimeout),
       m_keeper(std::move(keeper)),
       m_events(events),
@@ -97,7 +97,8 @@ void Connection::receive() {
     m_moreToRead = false;
     char* const buffer = readBuffer();
     for (int round = 0; round < kRoundsATurn; ++round) {
-        if (m_session.error() != nullptr && m_closeAt == kNever) return;
+        const bool passesOver = m_closeAt > m_now && m_closeAt != kNever;
+        if (m_session.error() != nullptr && !passesOver) return;
         if (!readOnce(buffer)) return;
     }
     m_moreToRead = true;
@@ -156,7 +157,7 @@ bool Connection::sendOnce() {
 // The connection is over: the server's doing, or the network's.
 void Connection::lose(const char* reason) {
     if (m_closeAt == kNever) {
-        HTTP2CLIENT_LOG_INFO("connection to " << m_info.peer << " is over: " << reason);
+        HTTP2CLIENT_LOG_INFO("connection to " << m_info->peer << " is over: " << reason);
     }
     stopTaking();
     m_session.connectionLost(reason);
@@ -169,17 +170,17 @@ void Connection::stopTaking() {
         const std::lock_guard<std::mutex> hold(m_inboxLock);
         m_takesRequests = false;
     }
-    if (std::exchange(m_retired, true)) return;
-    m_session.close();
-    m_events.onRetired(*this);
+    if (!std::exchange(m_retired, true)) m_events.onRetired(*this);
 }
 
 void Connection::finishTurn() {
     if (m_session.error() != nullptr && m_closeAt == kNever) {
-        HTTP2CLIENT_LOG_ERROR("ends the connection to " << m_info.peer << ": "
+        HTTP2CLIENT_LOG_ERROR("ends the connection to " << m_info->peer << ": "
                                                         << m_session.error()->reason);
         beginClosing();
     } else if (m_retired && isIdle() && m_closeAt == kNever) {
+        m_session.close();
+        send();
         beginClosing();
     }
     if (m_now >= m_closeAt) {

@@ -71,18 +71,18 @@ public:
     bool start(const Ref<Exchange>& exchange);
     // Resets the exchange's stream, if it is open, and forgets the exchange. Any thread.
     void cancel(Exchange& exchange);
-    // Stops giving back the window of the exchange's answer, or goes on. Any thread.
-    void pause(Exchange& exchange, bool on);
+    // Does what Exchange::pause() was told last. Any thread.
+    void pauseAsWanted(Exchange& exchange);
     // Takes no further requests, and closes when those that run are over. Any thread.
     void retire();
 
     bool takesRequests() const;
     size_t load() const { return m_load.load(std::memory_order_relaxed); }  // running requests
-    const ConnectionInfo& info() const { return m_info; }
+    const std::shared_ptr<const ConnectionInfo>& info() const { return m_info; }
 
 private:
     struct Command {
-        enum class Kind : uint8_t { kSubmit, kCancel, kPause, kResume, kRetire, kWake };
+        enum class Kind : uint8_t { kSubmit, kCancel, kPause, kRetire, kWake };
         Kind kind;
         Ref<Exchange> exchange;  // null for kRetire and kWake
     };
@@ -114,6 +114,7 @@ private:
     bool runCommands();
     void run(const Command& command);
     void submit(const Ref<Exchange>& exchange);
+    void applyPause(const Exchange& exchange);
     void forget(Exchange& exchange);
     Ref<Exchange> release(Exchange& exchange);
     void endAttempt(const Ref<Exchange>& exchange, StreamEnd end);
@@ -125,7 +126,7 @@ private:
     void onGoAway(const GoAway& goAway) override;
 
     Loop& m_loop;
-    const ConnectionInfo m_info;
+    const std::shared_ptr<const ConnectionInfo> m_info;
     const Time m_idleTimeout;
     const Ref<RefCounted> m_keeper;
     ConnectionEvents& m_events;

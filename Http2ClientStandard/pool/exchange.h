@@ -1,8 +1,10 @@
 #ifndef HTTP2CLIENTSTANDARD_POOL_EXCHANGE_H
 #define HTTP2CLIENTSTANDARD_POOL_EXCHANGE_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <span>
 
@@ -14,6 +16,7 @@
 namespace h2 {
 
 class Connection;
+struct ConnectionInfo;
 
 // Why a request has ended without its whole answer.
 enum class Failure : uint8_t {
@@ -50,29 +53,27 @@ public:
     virtual void onFailure(Failure failure, const char* reason) = 0;
 
     // The connection that has the request, or null. Any thread.
-    Ref<Connection> connection() {
-        const std::lock_guard<std::mutex> hold(m_placeLock);
-        return m_connection;
-    }
+    Ref<Connection> connection() const;
+    // What is known of the last connection that had it, or null. Any thread.
+    std::shared_ptr<const ConnectionInfo> connectionInfo() const;
+
+    // While an answer is paused, its window is not given back. Any thread.
+    void pause(bool on);
 
 protected:
     // Before the exchange is used for another request.
-    void forgetAttempts() {
-        m_attempts = 0;
-        m_repeated = false;
-    }
+    void forgetAttempts();
 
 private:
     friend class Connection;
     friend class Server;
 
-    void setConnection(Ref<Connection> connection) {
-        const std::lock_guard<std::mutex> hold(m_placeLock);
-        std::swap(m_connection, connection);
-    }
+    void setConnection(Ref<Connection> connection);
 
-    std::mutex m_placeLock;  // guards m_connection
+    mutable std::mutex m_placeLock;  // guards m_connection and m_info
     Ref<Connection> m_connection;
+    std::shared_ptr<const ConnectionInfo> m_info;
+    std::atomic<bool> m_paused{false};
 
     // Of the connection that has the request, under its owner lock.
     uint32_t m_stream = 0;  // 0: not submitted

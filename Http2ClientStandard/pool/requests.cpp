@@ -26,13 +26,17 @@ bool Connection::start(const Ref<Exchange>& exchange) {
 bool Connection::startAtOnce(const Ref<Exchange>& exchange) {
     if (Serving::here(this) || !exchange->sendableAnywhere()) return false;
     const std::unique_lock<std::mutex> use(m_useLock, std::try_to_lock);
-    if (!use.owns_lock() || !m_transport || m_session.requests() != 0 || sendsLater()) return false;
+    if (!use.owns_lock() || !m_transport || m_session.requests() != 0 || sendsLater() ||
+        !m_session.takesRequests()) {
+        return false;
+    }
     {
         const std::lock_guard<std::mutex> hold(m_inboxLock);
         if (!m_takesRequests || !m_inbox.empty()) return false;
     }
     m_now = std::max(m_now, steadyNow());
     m_idleSince = 0;
+    m_resting = false;
     submit(exchange);
     sendOnce();
     if (sendsLater() || nextDeadline() < m_armed) post(Command::Kind::kWake, nullptr);
@@ -46,9 +50,7 @@ bool Connection::sendsLater() const {
 
 void Connection::cancel(Exchange& exchange) { post(Command::Kind::kCancel, &exchange); }
 
-void Connection::pause(Exchange& exchange, bool on) {
-    post(on ? Command::Kind::kPause : Command::Kind::kResume, &exchange);
-}
+void Connection::pauseAsWanted(Exchange& exchange) { post(Command::Kind::kPause, &exchange); }
 
 void Connection::retire() { post(Command::Kind::kRetire, nullptr); }
 
@@ -89,8 +91,7 @@ void Connection::run(const Command& command) {
     switch (command.kind) {
         case Command::Kind::kSubmit: submit(command.exchange); break;
         case Command::Kind::kCancel: forget(*command.exchange); break;
-        case Command::Kind::kPause: m_session.pause(command.exchange->m_stream); break;
-        case Command::Kind::kResume: m_session.resume(command.exchange->m_stream); break;
+        case Command::Kind::kPause: applyPause(*command.exchange); break;
         case Command::Kind::kRetire: stopTaking(); break;
         case Command::Kind::kWake: break;
     }
@@ -106,10 +107,21 @@ void Connection::submit(const Ref<Exchange>& exchange) {
         {exchange->fields(), exchange->isHead(), exchange->body(), exchange.get()});
     if (stream != 0) {
         exchange->m_stream = stream;
+        if (exchange->m_paused.load()) applyPause(*exchange);
         return;
     }
+    stopTaking();
     release(*exchange);
     endAttempt(exchange, {Outcome::kNotProcessed, 0, "the connection takes no requests", false});
+}
+
+void Connection::applyPause(const Exchange& exchange) {
+    if (exchange.m_stream == 0) return;
+    if (exchange.m_paused.load()) {
+        m_session.pause(exchange.m_stream);
+    } else {
+        m_session.resume(exchange.m_stream);
+    }
 }
 
 // The session knows nothing of the exchange from now on.
@@ -161,7 +173,7 @@ void Connection::onEnd(uint32_t stream, void* user, const StreamEnd& end) {
 }
 
 void Connection::onGoAway(const GoAway& goAway) {
-    HTTP2CLIENT_LOG_INFO(m_info.peer << " says GOAWAY: error " << goAway.errorCode
+    HTTP2CLIENT_LOG_INFO(m_info->peer << " says GOAWAY: error " << goAway.code
                                      << ", last stream " << goAway.lastStreamId);
     m_saidGoAway = true;
     stopTaking();
