@@ -237,7 +237,7 @@ void ClientExchange::onFailure(Failure failure, const char* reason) {
         const std::lock_guard<std::mutex> hold(m_errorLock);
         m_error = reason;
     }
-    HTTP2CLIENT_LOG_ERROR("a request has failed: " << reason);
+    HTTP2CLIENT_LOG_INFO("a request has failed: " << reason);
     if (failure == Failure::kLost) {
         m_client.onSocketClosed();
     } else {
