@@ -6,7 +6,6 @@
 #include <algorithm>
 
 #include "Http2Client/log.h"
-#include "Http2ClientStandard/pool/serving.h"
 
 namespace h2 {
 
@@ -57,19 +56,22 @@ void Connection::onDeadline() {
 void Connection::serve(bool readable) {
     const Ref<Connection> self(this);
     const std::lock_guard<std::mutex> hold(m_useLock);
-    const Serving serving(this);
     if (!m_transport) return;
+    {
+        const std::lock_guard<std::mutex> holdInbox(m_inboxLock);
+        m_looksIntoInbox = true;
+    }
     m_now = std::max(m_now, m_loop.now());
     const bool first = !m_inLoop;
     if (first) enterLoop();
     checkTime();
     if (readable || first || m_moreToRead) receive();
-    runCommands();
     do {
+        runCommands();
         send();
         if (m_writeFailed) receive();
-    } while (runCommands());
-    finishTurn();
+        finishTurn();
+    } while (m_transport && !endLooking());
 }
 
 void Connection::enterLoop() {

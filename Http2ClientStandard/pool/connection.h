@@ -55,8 +55,8 @@ protected:
 // One connection to a server: its transport, its session, and the requests on their way to it.
 //
 // Threads: transport, session and output belong to whoever has m_useLock. The loop's thread takes
-// it for as long as it serves the connection, callbacks included. All other threads only try: who
-// gets it and finds nothing under way sends its request at once; else the request goes into the
+// it for as long as it serves the connection, callbacks included. Applications' threads only try:
+// who gets it and finds nothing under way sends its request at once; else the request goes into the
 // inbox, and the loop is woken if it is not about to look there.
 class Connection final : public RefCounted, private Handler, private Visitor {
 public:
@@ -111,7 +111,8 @@ private:
     bool startAtOnce(const Ref<Exchange>& exchange);
     bool sendsLater() const;
     bool post(Command::Kind kind, Exchange* exchange);
-    bool runCommands();
+    void runCommands();
+    bool endLooking();
     void run(const Command& command);
     void submit(const Ref<Exchange>& exchange);
     void applyPause(const Exchange& exchange);
@@ -157,7 +158,8 @@ private:
     std::vector<Command> m_inbox;
     bool m_takesRequests = true;
     bool m_over = false;     // nothing is put into the inbox any more
-    Ref<Connection> m_woken;  // itself, while the loop is about to look into the inbox
+    Ref<Connection> m_woken;        // itself, while the loop has been woken to serve it
+    bool m_looksIntoInbox = false;  // the loop serves it, and looks here before its turn ends
 };
 
 }  // namespace h2

@@ -4,7 +4,6 @@
 
 #include "Http2Client/log.h"
 #include "Http2ClientStandard/pool/connection.h"
-#include "Http2ClientStandard/pool/serving.h"
 
 namespace h2 {
 
@@ -24,15 +23,15 @@ bool Connection::start(const Ref<Exchange>& exchange) {
 
 // Sends the request from this thread, when the connection is free and nothing is under way on it.
 bool Connection::startAtOnce(const Ref<Exchange>& exchange) {
-    if (Serving::here(this) || !exchange->sendableAnywhere()) return false;
+    if (!exchange->sendableAnywhere()) return false;
+    {
+        const std::lock_guard<std::mutex> hold(m_inboxLock);
+        if (!m_takesRequests || !m_inbox.empty() || m_looksIntoInbox) return false;
+    }
     const std::unique_lock<std::mutex> use(m_useLock, std::try_to_lock);
     if (!use.owns_lock() || !m_transport || m_session.requests() != 0 || sendsLater() ||
         !m_session.takesRequests()) {
         return false;
-    }
-    {
-        const std::lock_guard<std::mutex> hold(m_inboxLock);
-        if (!m_takesRequests || !m_inbox.empty()) return false;
     }
     m_now = std::max(m_now, steadyNow());
     m_idleSince = 0;
@@ -60,7 +59,7 @@ bool Connection::post(Command::Kind kind, Exchange* exchange) {
         const std::lock_guard<std::mutex> hold(m_inboxLock);
         if (m_over || (kind == Command::Kind::kSubmit && !m_takesRequests)) return false;
         m_inbox.push_back({kind, Ref<Exchange>(exchange)});
-        wake = !m_woken && !Serving::here(this);
+        wake = !m_woken && !m_looksIntoInbox;
         if (wake) m_woken = Ref<Connection>(this);
     }
     if (!wake) return true;
@@ -75,15 +74,20 @@ bool Connection::post(Command::Kind kind, Exchange* exchange) {
     return true;
 }
 
-// False when there were none.
-bool Connection::runCommands() {
+void Connection::runCommands() {
     {
         const std::lock_guard<std::mutex> hold(m_inboxLock);
         m_commands.swap(m_inbox);
     }
-    if (m_commands.empty()) return false;
     for (const Command& command : m_commands) run(command);
     m_commands.clear();
+}
+
+// Whoever puts something into the inbox wakes the loop from then on. False: something is there.
+bool Connection::endLooking() {
+    const std::lock_guard<std::mutex> hold(m_inboxLock);
+    if (!m_inbox.empty()) return false;
+    m_looksIntoInbox = false;
     return true;
 }
 
