@@ -50,12 +50,12 @@ enum HTTP2_TEXT_OPTION : int {
 /// Questions with a number for an answer. Times are in microseconds, those of the connection in
 /// steps of a thousand.
 enum HTTP2_NUMBER : int {
-    HTTP2_SHARED = 201,          ///< 1: the last connectToServer joined a connection; 0: opened one
-    HTTP2_NAME_TIME = 202,       ///< that it took to find the server's address
-    HTTP2_CONNECT_TIME = 203,    ///< that TCP took
-    HTTP2_TLS_TIME = 204,        ///< that the TLS handshake took
-    HTTP2_FIRST_BYTE_TIME = 205, ///< from the last request's start to its answer's headers
-    HTTP2_TOTAL_TIME = 206       ///< from the last request's start to its end
+    HTTP2_SHARED = 201,        ///< 1: the last connectToServer joined a connection; 0: opened one
+    HTTP2_NAME_TIME = 202,     ///< that it took to find the server's address
+    HTTP2_CONNECT_TIME = 203,  ///< that TCP took
+    HTTP2_TLS_TIME = 204,      ///< that the TLS handshake took
+    HTTP2_FIRST_BYTE_TIME = 205,  ///< from the last request's start to its answer's headers
+    HTTP2_TOTAL_TIME = 206        ///< from the last request's start to its end
 };
 
 /// Questions with a text for an answer.

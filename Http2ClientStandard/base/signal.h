@@ -19,7 +19,8 @@ class Signal {
 public:
     // What was done before set() is visible to who has waited.
     void set() {
-        if (m_state.exchange(kSet, std::memory_order_acq_rel) == kWaited) call(FUTEX_WAKE, 1, nullptr);
+        if (m_state.exchange(kSet, std::memory_order_acq_rel) == kWaited)
+            call(FUTEX_WAKE, 1, nullptr);
     }
     void reset() { m_state.store(kUnset, std::memory_order_relaxed); }
 

@@ -65,15 +65,17 @@ int Client::connect(HTTP_SCHEMA schema, const char* host, uint16_t port) {
         if (key.tls) key.tlsOptions = m_options.tls;
         settings = m_options.connect;
         own = m_options.ownConnection;
-        const auto same = [](const ServerKey& a, const ServerKey& b) { return !(a < b) && !(b < a); };
+        const auto same = [](const ServerKey& a, const ServerKey& b) {
+            return !(a < b) && !(b < a);
+        };
         if (own && m_ownsServer && same(m_server->key(), key)) server = m_server;
     }
     std::string error;
     if (!server) server = Runtime::get().pool().find(key, own, error);
     ConnectResult result;
     if (server) {
-        result = LoopThreads::isLoopThread() ? server->connectSoon(settings)
-                                             : server->connect(settings);
+        result =
+            LoopThreads::isLoopThread() ? server->connectSoon(settings) : server->connect(settings);
         error = result.error;
     }
     const std::lock_guard<std::mutex> hold(m_lock);

@@ -100,8 +100,8 @@ bool ClientExchange::rewind() {
 }
 
 Body* ClientExchange::body() {
-    const bool some = m_content.reader != nullptr ||
-                      (m_content.block != nullptr && !m_content.block->empty());
+    const bool some =
+        m_content.reader != nullptr || (m_content.block != nullptr && !m_content.block->empty());
     return some ? this : nullptr;
 }
 

@@ -101,8 +101,8 @@ private:
     bool m_isIdempotent = false;
 
     // Its content on the way out.
-    uint64_t m_given = 0;     // bytes, by block or reader
-    Bytes m_staged;           // by the reader, and not yet sent
+    uint64_t m_given = 0;  // bytes, by block or reader
+    Bytes m_staged;        // by the reader, and not yet sent
     bool m_readerAsked = false;
     bool m_readerEnded = false;
 

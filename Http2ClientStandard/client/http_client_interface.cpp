@@ -53,9 +53,8 @@ int HttpClientInterface::parseHttpClientStatus(const char* /*errMsg*/) { return 
 int setHttp2Option(tiny::HttpClientInterface* client, HTTP2_OPTION option, int64_t value) {
     const bool set = client != nullptr
                          ? client->ctx()->setOption(option, value)
-                         : h2::Runtime::get().changeDefaults([&](h2::Options& options) {
-                               return options.set(option, value);
-                           });
+                         : h2::Runtime::get().changeDefaults(
+                               [&](h2::Options& options) { return options.set(option, value); });
     return set ? 0 : -1;
 }
 
@@ -63,9 +62,8 @@ int setHttp2TextOption(tiny::HttpClientInterface* client, HTTP2_TEXT_OPTION opti
                        const char* text) {
     const bool set = client != nullptr
                          ? client->ctx()->setOption(option, text)
-                         : h2::Runtime::get().changeDefaults([&](h2::Options& options) {
-                               return options.set(option, text);
-                           });
+                         : h2::Runtime::get().changeDefaults(
+                               [&](h2::Options& options) { return options.set(option, text); });
     return set ? 0 : -1;
 }
 

@@ -12,6 +12,7 @@ namespace {
 
 constexpr size_t kMaxOctets = size_t{64} * 1024;
 constexpr size_t kFieldOverhead = 32;  // octets, as RFC 9113, 6.5.2 counts a field
+constexpr size_t kPathOverhead = std::string_view(":path").size() + kFieldOverhead;
 
 // RFC 9110, 5.6.2. Names of fields are tokens in lower case; a method may have upper case.
 bool isToken(std::string_view text) {
@@ -38,28 +39,17 @@ void RequestFields::add(std::string_view name, std::string_view value, bool neve
 void RequestFields::finish() {
     std::string_view rest = m_texts;
     for (const Sizes& sizes : m_sizes) {
-        m_fields.push_back({rest.substr(0, sizes.name), rest.substr(sizes.name, sizes.value),
-                            sizes.neverIndexed});
+        m_fields.push_back(
+            {rest.substr(0, sizes.name), rest.substr(sizes.name, sizes.value), sizes.neverIndexed});
         rest.remove_prefix(sizes.name + sizes.value);
     }
-}
-
-// `freed`: octets of what would be replaced.
-bool Message::hasRoom(std::string_view name, std::string_view value, size_t freed) const {
-    const size_t others = m_octets - freed;
-    return name.size() <= kMaxOctets && value.size() <= kMaxOctets &&
-           others + name.size() + value.size() + kFieldOverhead <= kMaxOctets;
 }
 
 bool Message::setPath(std::string_view path) {
     if (path.empty()) path = "/";
     const bool valid =
         std::all_of(path.begin(), path.end(), [](char c) { return c > ' ' && c <= '~'; });
-    constexpr std::string_view kName = ":path";
-    const size_t former = m_path == "/" ? 0 : kName.size() + m_path.size() + kFieldOverhead;
-    if (!valid || !hasRoom(kName, path, former)) return false;
-    m_octets -= former;
-    if (path != "/") m_octets += kName.size() + path.size() + kFieldOverhead;
+    if (!valid || path.size() + m_headerOctets > kMaxOctets - kPathOverhead) return false;
     m_path = path;
     return true;
 }
@@ -71,19 +61,21 @@ bool Message::setMethod(std::string_view method) {
 }
 
 bool Message::isIdempotent() const {
-    constexpr std::array<std::string_view, 6> kIdempotent = {"GET", "HEAD",    "PUT",
+    constexpr std::array<std::string_view, 6> kIdempotent = {"GET",    "HEAD",    "PUT",
                                                              "DELETE", "OPTIONS", "TRACE"};
     return std::find(kIdempotent.begin(), kIdempotent.end(), m_method) != kIdempotent.end();
 }
 
 bool Message::addHeader(std::string_view name, std::string_view value, bool neverIndexed) {
     const hpack::NameId id = hpack::identify(name);
+    const size_t octets = name.size() + value.size() + kFieldOverhead;
+    const size_t others = m_path.size() + kPathOverhead + m_headerOctets;
     if (name.starts_with(':') || !hpack::isValidName(name) || !hpack::isValidValue(value) ||
         id == hpack::NameId::kConnectionSpecific ||
-        (id == hpack::NameId::kTe && value != "trailers") || !hasRoom(name, value)) {
+        (id == hpack::NameId::kTe && value != "trailers") || octets > kMaxOctets - others) {
         return false;
     }
-    m_octets += name.size() + value.size() + kFieldOverhead;
+    m_headerOctets += octets;
     if (name == "host") {
         m_authority = value;
     } else if (id == hpack::NameId::kContentLength) {

@@ -60,7 +60,7 @@ public:
     void clear() { *this = Message(); }
 
     const std::string& method() const { return m_method; }  // empty: not set
-    bool isIdempotent() const;                               // RFC 9110, 9.2.2
+    bool isIdempotent() const;                              // RFC 9110, 9.2.2
 
     // Puts the whole request together. `authority` is used when there was no host header. False:
     // content-length and content differ.
@@ -74,14 +74,13 @@ private:
         bool neverIndexed;
     };
 
-    bool hasRoom(std::string_view name, std::string_view value, size_t freed = 0) const;
     bool declareLength(std::string_view value);
 
     std::string m_method;
     std::string m_path = "/";
     std::string m_authority;
     std::vector<Header> m_headers;
-    size_t m_octets = 0;  // of path and headers, see hasRoom()
+    size_t m_headerOctets = 0;  // name, value and 32 each
     Content m_content;
     bool m_lengthWrong = false;  // content-length is no number, or two numbers
 };

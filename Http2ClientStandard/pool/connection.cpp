@@ -1,8 +1,6 @@
 // The turns of the loop: reading, sending, deadlines, the end.
 #include "Http2ClientStandard/pool/connection.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
 
 #include "Http2Client/log.h"
@@ -201,7 +199,7 @@ void Connection::finishTurn() {
 void Connection::beginClosing() {
     stopTaking();
     m_output.clear();
-    shutdown(m_transport->descriptor(), SHUT_WR);
+    m_transport->endWriting();
     m_closeAt = m_now + kLinger;
 }
 

@@ -76,7 +76,6 @@ public:
     // Takes no further requests, and closes when those that run are over. Any thread.
     void retire();
 
-    bool takesRequests() const;
     size_t load() const { return m_load.load(std::memory_order_relaxed); }  // running requests
     const std::shared_ptr<const ConnectionInfo>& info() const { return m_info; }
 
@@ -142,22 +141,22 @@ private:
     bool m_writeFailed = false;
     bool m_moreToRead = false;  // stopped to be fair to other connections
     bool m_moreToSend = false;
-    bool m_retired = false;        // onRetired() has been called
+    bool m_retired = false;         // onRetired() has been called
     bool m_answeredBefore = false;  // has answered requests, before a GOAWAY if there is one
     bool m_saidGoAway = false;
     bool m_silent = false;
     bool m_resting = false;  // memory of a busy connection has been given back
     Time m_now = 0;
-    Time m_idleSince = 0;       // 0: not idle
-    Time m_closeAt = kNever;    // what the server still sends is passed over until then
-    Time m_armed = kNever;      // the loop calls onDeadline() then
-    Ref<Connection> m_inLoop;   // itself, while the loop serves it
+    Time m_idleSince = 0;             // 0: not idle
+    Time m_closeAt = kNever;          // what the server still sends is passed over until then
+    Time m_armed = kNever;            // the loop calls onDeadline() then
+    Ref<Connection> m_inLoop;         // itself, while the loop serves it
     std::vector<Command> m_commands;  // being run
 
-    mutable std::mutex m_inboxLock;  // guards what follows; taken last
+    std::mutex m_inboxLock;  // guards what follows; taken last
     std::vector<Command> m_inbox;
     bool m_takesRequests = true;
-    bool m_over = false;     // nothing is put into the inbox any more
+    bool m_over = false;            // nothing is put into the inbox any more
     Ref<Connection> m_woken;        // itself, while the loop has been woken to serve it
     bool m_looksIntoInbox = false;  // the loop serves it, and looks here before its turn ends
 };

@@ -40,8 +40,8 @@ Dialed dialAndWait(const DialTarget& target) {
     Dialer dialer = makeDialer(target, begun);
     Time now = begun;
     while (dialer.advance(now) == Dialer::State::kGoingOn) {
-        pollfd ready{dialer.descriptor(), static_cast<short>(dialer.wantsWrite() ? POLLOUT : POLLIN),
-                     0};
+        pollfd ready{dialer.descriptor(),
+                     static_cast<short>(dialer.wantsWrite() ? POLLOUT : POLLIN), 0};
         const Time deadline = dialer.nextDeadline();
         const Time left = deadline > now ? std::min<Time>(deadline - now, INT_MAX) : 0;
         poll(&ready, 1, static_cast<int>(left));
@@ -51,8 +51,7 @@ Dialed dialAndWait(const DialTarget& target) {
 }
 
 void BackgroundDial::begin(Loop& loop, DialTarget target, Done done) {
-    const Ref<BackgroundDial> dial(
-        new BackgroundDial(loop, std::move(target), std::move(done)));
+    const Ref<BackgroundDial> dial(new BackgroundDial(loop, std::move(target), std::move(done)));
     dial->m_self = dial;
     loop.post([&started = *dial] { started.start(); });
 }
@@ -69,7 +68,8 @@ void BackgroundDial::advance() {
     // Another address has another descriptor, which may have the same number.
     m_loop.remove(*this);
     if (state == Dialer::State::kGoingOn) {
-        if (m_loop.add(*this, m_dialer->descriptor(), m_dialer->wantsWrite() ? EPOLLOUT : EPOLLIN)) {
+        if (m_loop.add(*this, m_dialer->descriptor(),
+                       m_dialer->wantsWrite() ? EPOLLOUT : EPOLLIN)) {
             m_loop.setDeadline(*this, m_dialer->nextDeadline());
             return;
         }

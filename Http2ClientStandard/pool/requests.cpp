@@ -7,11 +7,6 @@
 
 namespace h2 {
 
-bool Connection::takesRequests() const {
-    const std::lock_guard<std::mutex> hold(m_inboxLock);
-    return m_takesRequests;
-}
-
 bool Connection::start(const Ref<Exchange>& exchange) {
     exchange->setConnection(Ref<Connection>(this));
     m_load.fetch_add(1, std::memory_order_relaxed);
@@ -38,7 +33,8 @@ bool Connection::startAtOnce(const Ref<Exchange>& exchange) {
     m_resting = false;
     submit(exchange);
     sendOnce();
-    if (sendsLater() || nextDeadline() < m_armed) post(Command::Kind::kWake, nullptr);
+    if (sendsLater() || m_session.wantsToSend() || nextDeadline() < m_armed)
+        post(Command::Kind::kWake, nullptr);
     return true;
 }
 
@@ -177,8 +173,8 @@ void Connection::onEnd(uint32_t stream, void* user, const StreamEnd& end) {
 }
 
 void Connection::onGoAway(const GoAway& goAway) {
-    HTTP2CLIENT_LOG_INFO(m_info->peer << " says GOAWAY: error " << goAway.code
-                                     << ", last stream " << goAway.lastStreamId);
+    HTTP2CLIENT_LOG_INFO(m_info->peer << " says GOAWAY: error " << goAway.code << ", last stream "
+                                      << goAway.lastStreamId);
     m_saidGoAway = true;
     stopTaking();
 }

@@ -149,10 +149,9 @@ Ref<Connection> Server::adopt(Dialed dialed) {
         const std::lock_guard<std::mutex> hold(m_lock);
         // Somebody else may have been faster.
         if (m_connections.size() < m_settings.maxConnections) {
-            connection =
-                makeRef<Connection>(*loop, std::move(dialed.transport), std::move(dialed.info),
-                                    m_settings.connection, Ref<RefCounted>(this),
-                                    static_cast<ConnectionEvents&>(*this));
+            connection = makeRef<Connection>(
+                *loop, std::move(dialed.transport), std::move(dialed.info), m_settings.connection,
+                Ref<RefCounted>(this), static_cast<ConnectionEvents&>(*this));
             m_connections.push_back(connection);
             connection->attach();
         } else {
@@ -194,8 +193,14 @@ void Server::failWaiting(const std::string& error) {
         waiting.swap(m_waiting);
     }
     for (const Ref<Exchange>& exchange : waiting) {
-        exchange->onFailure(Failure::kNotProcessed, error.c_str());
+        fail(*exchange, Failure::kNotProcessed, error.c_str());
     }
+}
+
+// What became of the last attempt is not all: an earlier one may have been processed.
+void Server::fail(Exchange& exchange, Failure failure, const char* reason) {
+    const bool unsure = failure == Failure::kNotProcessed && exchange.m_repeated;
+    exchange.onFailure(unsure ? Failure::kLost : failure, reason);
 }
 
 void Server::start(const Ref<Exchange>& exchange) {
@@ -223,17 +228,16 @@ void Server::retireConnections() {
 
 void Server::onRetired(Connection& connection) {
     const std::lock_guard<std::mutex> hold(m_lock);
-    std::erase_if(m_connections, [&](const Ref<Connection>& one) {
-        return one.get() == &connection;
-    });
+    std::erase_if(m_connections,
+                  [&](const Ref<Connection>& one) { return one.get() == &connection; });
 }
 
 void Server::onAttemptEnd(const Ref<Exchange>& exchange, const AttemptEnd& end) {
     if (exchange->cancelled()) return;
     const Outcome outcome = end.stream.outcome;
     if (mayRepeat(*exchange, end) && exchange->rewind()) {
-        HTTP2CLIENT_LOG_INFO("sends a request to " << m_key.host << " again: "
-                                                   << end.stream.reason);
+        HTTP2CLIENT_LOG_INFO("sends a request to " << m_key.host
+                                                   << " again: " << end.stream.reason);
         if (outcome == Outcome::kRefused) {
             const Time pause = std::min(kFirstPause << (exchange->m_attempts - 1), kMaxPause);
             Pause::begin(*m_threads.next(), pause,
@@ -253,11 +257,11 @@ void Server::onAttemptEnd(const Ref<Exchange>& exchange, const AttemptEnd& end) 
         case Outcome::kComplete:
         case Outcome::kConnectionLost: break;
     }
-    exchange->onFailure(failure, end.stream.reason);
+    fail(*exchange, failure, end.stream.reason);
 }
 
 // Counts the attempt, if it counts.
-bool Server::mayRepeat(Exchange& exchange, const AttemptEnd& end) const {
+bool Server::mayRepeat(Exchange& exchange, const AttemptEnd& end) {
     switch (end.stream.outcome) {
         case Outcome::kNotProcessed:
             // Each such connection has answered something: this comes to an end.

@@ -73,7 +73,8 @@ private:
     Ref<Connection> adopt(Dialed dialed);
     void endDial(const std::string& error);
     void failWaiting(const std::string& error);
-    bool mayRepeat(Exchange& exchange, const AttemptEnd& end) const;
+    static void fail(Exchange& exchange, Failure failure, const char* reason);
+    static bool mayRepeat(Exchange& exchange, const AttemptEnd& end);
 
     LoopThreads& m_threads;
     const ServerKey m_key;
@@ -81,7 +82,7 @@ private:
 
     std::mutex m_lock;  // guards what follows
     ConnectSettings m_settings;
-    std::vector<Address> m_addresses;  // found last
+    std::vector<Address> m_addresses;            // found last
     std::vector<Ref<Connection>> m_connections;  // that take requests
     std::vector<Ref<Exchange>> m_waiting;        // for a connection
     size_t m_waitedDials = 0;                    // under way on calling threads

@@ -46,4 +46,6 @@ IoResult PlainTransport::write(std::span<const iovec> segments) {
     return {IoStatus::kDone, total};
 }
 
+void PlainTransport::endWriting() { shutdown(descriptor(), SHUT_WR); }
+
 }  // namespace h2

@@ -14,6 +14,7 @@ public:
     IoResult read(char* to, size_t size) override;
     IoResult write(std::span<const iovec> segments) override;
     IoResult flush() override { return {IoStatus::kDone}; }
+    void endWriting() override;
     bool wantsWrite() const override { return m_wantsWrite; }
 
 private:

@@ -103,12 +103,22 @@ std::unique_ptr<TlsTransport> TlsTransport::create(Socket socket,
 }
 
 TlsTransport::~TlsTransport() {
-    if (m_ready && error().empty() && !m_ended && !wantsWrite()) {
-        ERR_clear_error();
-        SSL_shutdown(m_ssl);
-        flush();
-    }
+    sayGoodbye();
     SSL_free(m_ssl);
+}
+
+void TlsTransport::endWriting() {
+    sayGoodbye();
+    shutdown(descriptor(), SHUT_WR);
+}
+
+// Sends close_notify, once.
+void TlsTransport::sayGoodbye() {
+    if (!m_ready || !error().empty() || m_ended || wantsWrite() || m_saidGoodbye) return;
+    m_saidGoodbye = true;
+    ERR_clear_error();
+    SSL_shutdown(m_ssl);
+    flush();
 }
 
 // Moves received ciphertext to OpenSSL, asking the socket when there is none and it may have some.

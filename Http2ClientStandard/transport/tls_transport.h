@@ -31,6 +31,7 @@ public:
     IoResult read(char* to, size_t size) override;
     IoResult write(std::span<const iovec> segments) override;
     IoResult flush() override;
+    void endWriting() override;
     bool wantsWrite() const override { return m_outSent < m_out.size(); }
     void trim() override;
 
@@ -51,10 +52,12 @@ private:
     size_t takeSegments(std::span<const iovec> segments, size_t offset, bool& failed);
     IoResult status(int error, size_t moved);
     IoResult failHandshake();
+    void sayGoodbye();
 
     std::shared_ptr<TlsContext> m_context;  // outlives m_ssl
     SSL* m_ssl = nullptr;                   // owned
     bool m_ready = false;                   // the handshake is over
+    bool m_saidGoodbye = false;             // close_notify has been written
 
     // Ciphertext received and not yet taken by OpenSSL: in the thread's buffer during a call, in
     // m_leftover between two calls (which is rare: a call takes all it can).

@@ -51,6 +51,10 @@ public:
     // Sends what write() has taken and the socket has not.
     virtual IoResult flush() = 0;
 
+    // Tells the peer that no more bytes follow, as far as the socket takes that at once. Nothing
+    // may be written from then on.
+    virtual void endWriting() = 0;
+
     // Whether the socket must become writable before this transport can go on.
     virtual bool wantsWrite() const = 0;
 

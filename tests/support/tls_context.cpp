@@ -21,8 +21,8 @@ void require(bool ok, const char* step) {
 int chooseHttp2(SSL* /*ssl*/, const unsigned char** chosen, unsigned char* length,
                 const unsigned char* offered, unsigned int size, void* /*unused*/) {
     static constexpr unsigned char kHttp2[] = {2, 'h', '2'};
-    return SSL_select_next_proto(const_cast<unsigned char**>(chosen), length, kHttp2,
-                                 sizeof kHttp2, offered, size) == OPENSSL_NPN_NEGOTIATED
+    return SSL_select_next_proto(const_cast<unsigned char**>(chosen), length, kHttp2, sizeof kHttp2,
+                                 offered, size) == OPENSSL_NPN_NEGOTIATED
                ? SSL_TLSEXT_ERR_OK
                : SSL_TLSEXT_ERR_ALERT_FATAL;
 }

@@ -17,8 +17,7 @@ struct Result {
 Result block(tiny::HttpClientInterface& client, uint32_t timeout = 60000) {
     Result result;
     const char* error = "";
-    result.code =
-        client.blockedRequest(result.status, result.fields, result.body, error, timeout);
+    result.code = client.blockedRequest(result.status, result.fields, result.body, error, timeout);
     result.error = error;
     return result;
 }
@@ -42,10 +41,8 @@ TEST_P(Blocking, HasTheWholeAnswer) {
         const Result result = block(client);
         ASSERT_EQ(result.code, 0) << result.error;
         EXPECT_EQ(result.status, 404);
-        EXPECT_EQ(result.fields, (Map{{":status", "404"},
-                                      {"a", "1, 2"},
-                                      {"set-cookie", "x\ny"},
-                                      {"t", "3"}}));
+        EXPECT_EQ(result.fields,
+                  (Map{{":status", "404"}, {"a", "1, 2"}, {"set-cookie", "x\ny"}, {"t", "3"}}));
         EXPECT_EQ(result.body, "abcdef");
         EXPECT_EQ(client.callbacks().size(), 5u);
         EXPECT_EQ(client.callbacks().back(), Callback::content("", false));

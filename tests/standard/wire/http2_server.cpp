@@ -20,8 +20,7 @@ struct Http2Server::Connection {
         while (true) {
             nghttp2_nv field;
             int flags = 0;
-            const ssize_t used =
-                nghttp2_hd_inflate_hd2(inflater, &field, &flags, data, left, 1);
+            const ssize_t used = nghttp2_hd_inflate_hd2(inflater, &field, &flags, data, left, 1);
             if (used < 0) throw std::runtime_error("the header block cannot be decoded");
             data += used;
             left -= static_cast<size_t>(used);

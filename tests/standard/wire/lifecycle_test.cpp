@@ -130,8 +130,7 @@ TEST_F(Cancelling, ResetsAnOpenStreamOnly) {
     ASSERT_TRUE(server.waitRequests(1));
     EXPECT_EQ(client.cancelRequest(), 0);
     ASSERT_TRUE(server.wire().waitFramesOf(0, kRstStream));
-    EXPECT_EQ(server.wire().frames(0, kRstStream),
-              parseFrames(rstStream(1, kCancelCode)));
+    EXPECT_EQ(server.wire().frames(0, kRstStream), parseFrames(rstStream(1, kCancelCode)));
     // The answer comes too late. The next request is not affected.
     server.wire().send(0, answer(1));
     ASSERT_EQ(client.startRequest(nullptr), 0);

@@ -79,6 +79,19 @@ TEST_P(Request_, BlockGoesOutWhole) {
     EXPECT_TRUE(server.requests()[0].body == body);
 }
 
+TEST_P(Request_, LargeBlockGoesOutWhole) {
+    Http2Server server(options(answerAll()));
+    const std::string body = distinctBytes(4 << 20);
+    RecordingClient client;
+    ASSERT_EQ(connect(client, server), 0);
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kSettings, 2));  // the windows are known
+    ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+    ASSERT_EQ(client.setContent(body.data(), body.size()), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_TRUE(server.requests()[0].body == body);
+}
+
 TEST_P(Request_, ReaderGivesTheBody) {
     for (const size_t size : {0, 1, 16383, 16384, 50000}) {
         SCOPED_TRACE(size);
@@ -112,7 +125,8 @@ TEST_P(Request_, ManyInARowOnOneConnection) {
 
 class Answer : public LibraryTest {
 protected:
-    // Sends `bytes` as the reply to a GET, and returns the client's callbacks after `count` of them.
+    // Sends `bytes` as the reply to a GET, and returns the client's callbacks after `count` of
+    // them.
     std::vector<Callback> callbacksOf(const std::string& bytes, size_t count) {
         Http2Server server([&](const Request&) { return bytes; });
         RecordingClient client;
@@ -125,17 +139,18 @@ protected:
 
 TEST_F(Answer, EndsWithItsHeaders) {
     for (const int status : {200, 204, 304}) {
-        EXPECT_EQ(callbacksOf(answerHead(1, status, {}, kEndHeaders | kEndStream), 2),
-                  (std::vector<Callback>{
-                      Callback::headers(status, {{":status", std::to_string(status)}}),
-                      Callback::content("", false)}));
+        EXPECT_EQ(
+            callbacksOf(answerHead(1, status, {}, kEndHeaders | kEndStream), 2),
+            (std::vector<Callback>{Callback::headers(status, {{":status", std::to_string(status)}}),
+                                   Callback::content("", false)}));
     }
 }
 
 TEST_F(Answer, EndsWithEmptyData) {
-    EXPECT_EQ(callbacksOf(answerHead(1) + data(1, "abc") + data(1, "", kEndStream), 3),
-              (std::vector<Callback>{Callback::headers(200, {{":status", "200"}}),
-                                     Callback::content("abc", true), Callback::content("", false)}));
+    EXPECT_EQ(
+        callbacksOf(answerHead(1) + data(1, "abc") + data(1, "", kEndStream), 3),
+        (std::vector<Callback>{Callback::headers(200, {{":status", "200"}}),
+                               Callback::content("abc", true), Callback::content("", false)}));
 }
 
 TEST_F(Answer, EndsWithPaddedData) {
@@ -144,21 +159,21 @@ TEST_F(Answer, EndsWithPaddedData) {
 
 TEST_F(Answer, TrailersComeWithTheHeaders) {
     const std::string first = hpackLiteral("a", "1");
-    EXPECT_EQ(callbacksOf(answerHead(1, 200, first) + data(1, "abc") +
-                              headers(1, hpackLiteral("t", "2"), kEndHeaders | kEndStream),
-                          4),
-              (std::vector<Callback>{
-                  Callback::headers(200, {{":status", "200"}, {"a", "1"}}),
-                  Callback::content("abc", true),
-                  Callback::headers(200, {{":status", "200"}, {"a", "1"}, {"t", "2"}}),
-                  Callback::content("", false)}));
+    EXPECT_EQ(
+        callbacksOf(answerHead(1, 200, first) + data(1, "abc") +
+                        headers(1, hpackLiteral("t", "2"), kEndHeaders | kEndStream),
+                    4),
+        (std::vector<Callback>{Callback::headers(200, {{":status", "200"}, {"a", "1"}}),
+                               Callback::content("abc", true),
+                               Callback::headers(200, {{":status", "200"}, {"a", "1"}, {"t", "2"}}),
+                               Callback::content("", false)}));
 }
 
 TEST_F(Answer, InterimAnswersArePassedOver) {
-    EXPECT_EQ(callbacksOf(answerHead(1, 100) + answerHead(1, 103, hpackLiteral("link", "x")) +
-                              answer(1),
-                          2),
-              answered());
+    EXPECT_EQ(
+        callbacksOf(answerHead(1, 100) + answerHead(1, 103, hpackLiteral("link", "x")) + answer(1),
+                    2),
+        answered());
     EXPECT_EQ(callbacksOf(answerHead(1, 101), 1),
               (std::vector<Callback>{Callback::failed(ERR_FETAL)}));
 }
@@ -166,14 +181,13 @@ TEST_F(Answer, InterimAnswersArePassedOver) {
 TEST_F(Answer, KeepsOrderAndRepeatedFields) {
     const std::string fields = hpackLiteral("z", "1") + hpackLiteral("a", "2") +
                                hpackLiteral("set-cookie", "c=1") + hpackLiteral("z", "3");
-    EXPECT_EQ(callbacksOf(answerHead(1, 200, fields) + data(1, "", kEndStream), 2),
-              (std::vector<Callback>{
-                  Callback::headers(200, {{":status", "200"},
-                                          {"z", "1"},
-                                          {"a", "2"},
-                                          {"set-cookie", "c=1"},
-                                          {"z", "3"}}),
-                  Callback::content("", false)}));
+    EXPECT_EQ(
+        callbacksOf(answerHead(1, 200, fields) + data(1, "", kEndStream), 2),
+        (std::vector<Callback>{
+            Callback::headers(
+                200,
+                {{":status", "200"}, {"z", "1"}, {"a", "2"}, {"set-cookie", "c=1"}, {"z", "3"}}),
+            Callback::content("", false)}));
 }
 
 TEST_F(Answer, ResetAndMalformed) {

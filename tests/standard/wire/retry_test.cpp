@@ -237,15 +237,37 @@ TEST_F(Losing, SilentServer) {
     EXPECT_EQ(silent.frames(0, kPing).size(), 1u);
 }
 
-TEST_F(Losing, IdleConnectionIsClosed) {
-    Http2Server server(answerAll());
+TEST_F(Losing, RepeatedRequestThatFindsNoServer) {
+    auto server = std::make_unique<Http2Server>([](const Request& request) {
+        return request.stream == 1 ? answer(request.stream) : std::string();
+    });
+    RecordingClient client;
+    prepareGet(client, *server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server->waitRequests(2));
+    server.reset();
+    // The first attempt may have been processed.
+    ASSERT_TRUE(client.waitClosed());
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::closed()});
+}
+
+class Idle : public BothTest {};
+INSTANTIATE_TEST_SUITE_P(Losing, Idle, testing::Bool(), protocolName);
+
+TEST_P(Idle, ConnectionIsClosedInOrder) {
+    Http2Server server(options(answerAll()));
     RecordingClient client;
     ASSERT_EQ(setHttp2Option(&client, HTTP2_IDLE_TIMEOUT, 20), 0);
-    prepareGet(client, server);
+    ASSERT_EQ(connect(client, server), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
     ASSERT_EQ(client.startRequest(nullptr), 0);
     ASSERT_TRUE(client.waitEnd());
     ASSERT_TRUE(server.wire().waitClosedByPeer(0));
     EXPECT_EQ(server.wire().frames(0, kGoaway), parseFrames(goaway(0, kNoErrorCode)));
+    EXPECT_EQ(server.wire().closeNotifyReceived(0), tls());
     client.clear();
     ASSERT_EQ(client.startRequest(nullptr), 0);
     ASSERT_TRUE(client.waitEnd());
