@@ -165,7 +165,7 @@ struct ScriptedServer::Shared {
         require(wakeFd >= 0, "eventfd");
         if (options.tls) {
             tls = makeTlsContext(options.certificate.value_or(sharedCertificate()),
-                                 options.onlyTls12);
+                                 options.onlyTls12, options.alpn);
         }
     }
 

@@ -30,6 +30,7 @@ struct ServerOptions {
     bool tls = false;
     std::optional<Certificate> certificate;  // for TLS; none: one made once for the process
     bool onlyTls12 = false;                  // refuse TLS 1.3
+    bool alpn = true;                        // choose "h2" when the client offers it
     std::string greeting;                    // sent to each connection at once (in TLS, if `tls`)
     bool closeAfterGreeting = false;         // ends each connection, as close() does
     int receiveBuffer = 0;                   // SO_RCVBUF of the connections; 0: the system's

@@ -18,6 +18,15 @@ void require(bool ok, const char* step) {
     std::abort();
 }
 
+int chooseHttp2(SSL* /*ssl*/, const unsigned char** chosen, unsigned char* length,
+                const unsigned char* offered, unsigned int size, void* /*unused*/) {
+    static constexpr unsigned char kHttp2[] = {2, 'h', '2'};
+    return SSL_select_next_proto(const_cast<unsigned char**>(chosen), length, kHttp2, sizeof kHttp2,
+                                 offered, size) == OPENSSL_NPN_NEGOTIATED
+               ? SSL_TLSEXT_ERR_OK
+               : SSL_TLSEXT_ERR_ALERT_FATAL;
+}
+
 }  // namespace
 
 const Certificate& sharedCertificate() {
@@ -25,7 +34,7 @@ const Certificate& sharedCertificate() {
     return certificate;
 }
 
-SSL_CTX* makeTlsContext(const Certificate& certificate, bool onlyTls12) {
+SSL_CTX* makeTlsContext(const Certificate& certificate, bool onlyTls12, bool alpn) {
     SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
     require(context != nullptr, "SSL_CTX_new");
     BIO* const text = BIO_new_mem_buf(certificate.certificate.data(),
@@ -40,6 +49,7 @@ SSL_CTX* makeTlsContext(const Certificate& certificate, bool onlyTls12) {
     EVP_PKEY_free(key);
     BIO_free(text);
     BIO_free(keyText);
+    if (alpn) SSL_CTX_set_alpn_select_cb(context, &chooseHttp2, nullptr);
     if (onlyTls12) SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
     return context;
 }

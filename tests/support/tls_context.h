@@ -10,8 +10,9 @@ namespace h2test {
 // Made once for the process.
 const Certificate& sharedCertificate();
 
-// A server's context, which the caller frees. Ends the process where there can be none.
-SSL_CTX* makeTlsContext(const Certificate& certificate, bool onlyTls12 = false);
+// A server's context, which the caller frees. Ends the process where there can be none. `alpn`: it
+// chooses "h2" when the client offers protocols; false: it takes no part in that.
+SSL_CTX* makeTlsContext(const Certificate& certificate, bool onlyTls12 = false, bool alpn = true);
 
 }  // namespace h2test
 

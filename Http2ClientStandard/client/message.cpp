@@ -1,0 +1,136 @@
+#include "Http2ClientStandard/client/message.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include "Http2ClientStandard/hpack/field_rules.h"
+
+namespace h2 {
+
+namespace {
+
+constexpr size_t kMaxOctets = size_t{64} * 1024;
+constexpr size_t kFieldOverhead = 32;  // octets, as RFC 9113, 6.5.2 counts a field
+constexpr size_t kPathOverhead = std::string_view(":path").size() + kFieldOverhead;
+
+// RFC 9110, 5.6.2. Names of fields are tokens in lower case; a method may have upper case.
+bool isToken(std::string_view text) {
+    std::string lower(text);
+    for (char& byte : lower) {
+        if (byte >= 'A' && byte <= 'Z') byte = static_cast<char>(byte - 'A' + 'a');
+    }
+    return !text.starts_with(':') && hpack::isValidName(lower);
+}
+
+}  // namespace
+
+void RequestFields::clear() {
+    m_texts.clear();
+    m_sizes.clear();
+    m_fields.clear();
+}
+
+void RequestFields::add(std::string_view name, std::string_view value, bool neverIndexed) {
+    m_texts.append(name).append(value);
+    m_sizes.push_back({name.size(), value.size(), neverIndexed});
+}
+
+void RequestFields::finish() {
+    std::string_view rest = m_texts;
+    for (const Sizes& sizes : m_sizes) {
+        m_fields.push_back(
+            {rest.substr(0, sizes.name), rest.substr(sizes.name, sizes.value), sizes.neverIndexed});
+        rest.remove_prefix(sizes.name + sizes.value);
+    }
+}
+
+bool Message::setPath(std::string_view path) {
+    if (path.empty()) path = "/";
+    const bool valid =
+        std::all_of(path.begin(), path.end(), [](char c) { return c > ' ' && c <= '~'; });
+    if (!valid || path.size() + m_headerOctets > kMaxOctets - kPathOverhead) return false;
+    m_path = path;
+    return true;
+}
+
+bool Message::setMethod(std::string_view method) {
+    if (!isToken(method) || method == "CONNECT" || method.size() > kMaxOctets) return false;
+    m_method = method;
+    return true;
+}
+
+bool Message::isIdempotent() const {
+    constexpr std::array<std::string_view, 6> kIdempotent = {"GET",    "HEAD",    "PUT",
+                                                             "DELETE", "OPTIONS", "TRACE"};
+    return std::find(kIdempotent.begin(), kIdempotent.end(), m_method) != kIdempotent.end();
+}
+
+bool Message::addHeader(std::string_view name, std::string_view value, bool neverIndexed) {
+    const hpack::NameId id = hpack::identify(name);
+    const size_t octets = name.size() + value.size() + kFieldOverhead;
+    const size_t others = m_path.size() + kPathOverhead + m_headerOctets;
+    if (name.starts_with(':') || !hpack::isValidName(name) || !hpack::isValidValue(value) ||
+        id == hpack::NameId::kConnectionSpecific ||
+        (id == hpack::NameId::kTe && value != "trailers") || octets > kMaxOctets - others) {
+        return false;
+    }
+    m_headerOctets += octets;
+    if (name == "host") {
+        m_authority = value;
+    } else if (id == hpack::NameId::kContentLength) {
+        m_lengthWrong |= !declareLength(value);
+    } else {
+        m_headers.push_back({std::string(name), std::string(value), neverIndexed});
+    }
+    return true;
+}
+
+bool Message::declareLength(std::string_view value) {
+    uint64_t length = 0;
+    const char* end = value.data() + value.size();
+    const auto [parsed, error] = std::from_chars(value.data(), end, length);
+    if (error != std::errc() || parsed != end) return false;
+    if (m_content.length.value_or(length) != length) return false;
+    m_content.length = length;
+    return true;
+}
+
+void Message::setBlock(std::string_view block) {
+    m_content.block = std::make_shared<const std::string>(block);
+    m_content.reader = nullptr;
+}
+
+void Message::setReader(int (*reader)(char* buf, size_t len, void* opaque), void* opaque) {
+    m_content.block.reset();
+    m_content.reader = reader;
+    m_content.opaque = opaque;
+}
+
+bool Message::compose(bool tls, std::string_view authority, RequestFields& fields,
+                      Content& content) const {
+    content = m_content;
+    if (m_lengthWrong) return false;
+    if (content.reader == nullptr) {
+        const uint64_t size = content.block != nullptr ? content.block->size() : 0;
+        if (content.length.value_or(size) != size) return false;
+        if (content.block != nullptr) content.length = size;
+    }
+    fields.clear();
+    fields.add(":method", m_method);
+    fields.add(":scheme", tls ? "https" : "http");
+    fields.add(":authority", m_authority.empty() ? authority : m_authority);
+    fields.add(":path", m_path);
+    for (const Header& header : m_headers) {
+        fields.add(header.name, header.value, header.neverIndexed);
+    }
+    if (content.length.has_value()) {
+        char text[24];
+        const char* end = std::to_chars(text, text + sizeof text, *content.length).ptr;
+        fields.add("content-length", {text, static_cast<size_t>(end - text)});
+    }
+    fields.finish();
+    return true;
+}
+
+}  // namespace h2

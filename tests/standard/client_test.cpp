@@ -1,0 +1,162 @@
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "Http2ClientStandard/base/signal.h"
+#include "Http2ClientStandard/client/callback_gate.h"
+#include "Http2ClientStandard/client/message.h"
+#include "Http2ClientStandard/client/options.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+using h2::CallbackGate;
+using h2::Content;
+using h2::Message;
+using h2::RequestFields;
+
+std::string text(const Message& message, bool tls = true) {
+    RequestFields fields;
+    Content content;
+    if (!message.compose(tls, "known:1", fields, content)) return "refused";
+    std::string out;
+    for (const h2::hpack::Field& field : fields.get()) {
+        out += std::string(field.name) + "=" + std::string(field.value) +
+               (field.neverIndexed ? " never\n" : "\n");
+    }
+    return out;
+}
+
+TEST(Message, ComposesPseudoHeadersFirst) {
+    Message message;
+    EXPECT_TRUE(message.addHeader("a", "1", true));
+    EXPECT_TRUE(message.setMethod("PUT"));
+    EXPECT_TRUE(message.setPath("/p"));
+    EXPECT_EQ(text(message),
+              ":method=PUT\n:scheme=https\n:authority=known:1\n:path=/p\na=1 never\n");
+    EXPECT_TRUE(message.addHeader("host", "h", false));
+    EXPECT_EQ(text(message, false),
+              ":method=PUT\n:scheme=http\n:authority=h\n:path=/p\na=1 never\n");
+    message.clear();
+    EXPECT_EQ(message.method(), "");
+    EXPECT_EQ(text(message), ":method=\n:scheme=https\n:authority=known:1\n:path=/\n");
+}
+
+TEST(Message, ContentLengthAgreesWithTheBlock) {
+    Message message;
+    message.setMethod("POST");
+    message.setBlock("abc");
+    EXPECT_TRUE(text(message).ends_with(":path=/\ncontent-length=3\n"));
+    EXPECT_TRUE(message.addHeader("content-length", "3", false));
+    EXPECT_TRUE(text(message).ends_with(":path=/\ncontent-length=3\n"));
+    message.setBlock("abcd");
+    EXPECT_EQ(text(message), "refused");
+    for (const char* wrong : {"", "x", "3x", "-3", "99999999999999999999"}) {
+        Message other;
+        EXPECT_TRUE(other.addHeader("content-length", wrong, false));
+        EXPECT_EQ(text(other), "refused") << wrong;
+    }
+    Message twice;
+    twice.setBlock("abc");
+    EXPECT_TRUE(twice.addHeader("content-length", "3", false));
+    EXPECT_TRUE(twice.addHeader("content-length", "4", false));
+    EXPECT_EQ(text(twice), "refused");
+}
+
+TEST(Message, BoundsAllFieldsTogether) {
+    Message message;
+    const std::string path(65536 - 32 - 5, 'p');
+    EXPECT_TRUE(message.setPath(path));
+    EXPECT_FALSE(message.addHeader("a", "", false));
+    EXPECT_FALSE(message.setPath(path + "p"));
+    EXPECT_TRUE(message.setPath("/"));
+    EXPECT_TRUE(message.addHeader("a", std::string(65536 - 38 - 33, 'v'), false));
+    EXPECT_FALSE(message.setPath("/p"));
+    EXPECT_TRUE(message.setPath(""));
+}
+
+TEST(Message, KnowsIdempotentMethods) {
+    Message message;
+    for (const char* method : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"}) {
+        EXPECT_TRUE(message.setMethod(method));
+        EXPECT_TRUE(message.isIdempotent()) << method;
+    }
+    for (const char* method : {"POST", "PATCH", "get"}) {
+        EXPECT_TRUE(message.setMethod(method));
+        EXPECT_FALSE(message.isIdempotent()) << method;
+    }
+    for (const char* method : {"", "A B", ":a", "CONNECT", "\xc3\xa9"}) {
+        EXPECT_FALSE(message.setMethod(method)) << method;
+    }
+}
+
+TEST(CallbackGate, LetsNothingInOnceClosed) {
+    CallbackGate gate;
+    bool over = false;
+    ASSERT_TRUE(gate.enter(over, false));
+    EXPECT_TRUE(gate.close(over));  // on the thread of the callback: does not wait
+    EXPECT_FALSE(gate.close(over));
+    gate.leave();
+    EXPECT_FALSE(gate.enter(over, false));
+    gate.open(over);
+    ASSERT_TRUE(gate.enter(over, true));
+    EXPECT_TRUE(gate.isOver(over));
+    gate.leave();
+    EXPECT_FALSE(gate.enter(over, false));
+}
+
+TEST(CallbackGate, CloseWaitsForTheOtherThread) {
+    CallbackGate gate;
+    bool over = false;
+    h2test::Event entered, leave;
+    std::thread callback([&] {
+        ASSERT_TRUE(gate.enter(over, false));
+        entered.set();
+        EXPECT_TRUE(leave.wait());
+        gate.leave();
+    });
+    ASSERT_TRUE(entered.wait());
+    std::atomic<bool> closed{false};
+    std::thread closer([&] {
+        gate.close(over);
+        closed = true;
+    });
+    EXPECT_FALSE(h2test::waitFor([&] { return closed.load(); }, std::chrono::milliseconds(20)));
+    leave.set();
+    callback.join();
+    closer.join();
+}
+
+TEST(Signal, WaitsForItsSetting) {
+    h2::Signal signal;
+    EXPECT_FALSE(signal.wait(h2::steadyNow() + 10));
+    int value = 0;
+    std::thread setter([&] {
+        value = 5;
+        signal.set();
+    });
+    EXPECT_TRUE(signal.wait(h2::kNever));
+    EXPECT_EQ(value, 5);
+    setter.join();
+    EXPECT_TRUE(signal.wait(0));
+    signal.reset();
+    EXPECT_FALSE(signal.wait(0));
+}
+
+TEST(Options, RefuseWhatIsOutOfRange) {
+    h2::Options options;
+    EXPECT_TRUE(options.set(HTTP2_MAX_HEADERS, 65536));
+    EXPECT_EQ(options.connect.connection.session.maxHeaderList, 65536u);
+    EXPECT_GT(options.connect.connection.session.maxHeaderBlock, 65536u);
+    EXPECT_FALSE(options.set(HTTP2_MAX_HEADERS, 0));
+    EXPECT_FALSE(options.set(HTTP2_STREAM_WINDOW, 0));
+    EXPECT_FALSE(options.set(HTTP2_STREAM_WINDOW, int64_t{1} << 31));
+    EXPECT_FALSE(options.set(HTTP2_CONNECTION_WINDOW, 65534));
+    EXPECT_FALSE(options.set(HTTP2_MIN_TLS_VERSION, 11));
+    EXPECT_FALSE(options.set(HTTP2_VERIFY, 2));
+    EXPECT_FALSE(options.set(static_cast<HTTP2_OPTION>(999), 1));
+    EXPECT_FALSE(options.set(static_cast<HTTP2_TEXT_OPTION>(999), ""));
+    EXPECT_TRUE(options.set(HTTP2_CA_FILE, nullptr));
+}
+
+}  // namespace

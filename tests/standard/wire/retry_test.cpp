@@ -1,0 +1,324 @@
+// What becomes of requests when the server refuses them, goes away or breaks the connection.
+#include <atomic>
+
+#include "tests/standard/wire/wire_support.h"
+
+namespace {
+
+using namespace h2test;
+
+class Retrying : public LibraryTest {};
+
+TEST_F(Retrying, AfterGoAwayOnAnotherConnection) {
+    Http2Server server([](const Request& request) {
+        return request.connection == 0 ? goaway(0, kNoErrorCode) : answer(request.stream);
+    });
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+    ASSERT_EQ(client.setContent("abc", 3), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), answered());
+    ASSERT_EQ(server.requests().size(), 2u);
+    EXPECT_EQ(server.requests()[1].connection, 1u);
+    EXPECT_EQ(server.requests()[1].body, "abc");
+}
+
+TEST_F(Retrying, AfterRefusalOnTheSameConnection) {
+    std::atomic<int> refusals{3};
+    Http2Server server([&](const Request& request) {
+        return refusals-- > 0 ? rstStream(request.stream, kRefusedStreamCode)
+                              : answer(request.stream);
+    });
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), answered());
+    EXPECT_EQ(server.wire().connections(), 1u);
+    EXPECT_EQ(server.requests().size(), 4u);
+
+    refusals = 4;
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitFailed());
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::failed(ERR_SOCKET_CLOSED)});
+    EXPECT_EQ(server.requests().size(), 8u);
+}
+
+TEST_F(Retrying, NotAfterTheReaderWasAsked) {
+    Http2Server server(Http2Server::Reply{});
+    BodySource source("abc");
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+    ASSERT_EQ(client.setContent(&BodySource::read, &source), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(1));
+    server.wire().send(0, rstStream(1, kRefusedStreamCode));
+    ASSERT_TRUE(client.waitFailed());
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::failed(ERR_SOCKET_CLOSED)});
+}
+
+TEST_F(Retrying, WhenTheReaderWasNotAsked) {
+    Http2Options options;
+    options.greeting = settings({{4, 0}});  // nothing of a body may be sent
+    options.reply = answerAll();
+    Http2Server server(std::move(options));
+    BodySource source("abc");
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kSettings, 2));
+    ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+    ASSERT_EQ(client.setContent(&BodySource::read, &source), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kHeaders));
+    server.wire().send(0, rstStream(1, kRefusedStreamCode));
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kHeaders, 2));
+    server.wire().send(0, windowUpdate(3, 100));
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(server.requests()[0].body, "abc");
+}
+
+TEST_F(Retrying, GoAwayLetsRunningRequestsFinish) {
+    Http2Server server([](const Request& request) {
+        return request.connection == 0 ? std::string() : answer(request.stream, "new");
+    });
+    RecordingClient running, next;
+    prepareGet(running, server);
+    prepareGet(next, server);
+    ASSERT_EQ(running.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(1));
+    server.wire().send(0, goaway(1, kNoErrorCode));
+    server.wire().send(0, ping(7));
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kPing));
+    ASSERT_EQ(next.startRequest(nullptr), 0);
+    ASSERT_TRUE(next.waitEnd());
+    EXPECT_EQ(next.callbacks(), answered("new"));
+    EXPECT_TRUE(running.callbacks().empty());
+    server.wire().send(0, answer(1, "old"));
+    ASSERT_TRUE(running.waitEnd());
+    EXPECT_EQ(running.callbacks(), answered("old"));
+    EXPECT_TRUE(server.wire().waitClosedByPeer(0));
+}
+
+TEST_F(Retrying, ServerThatEndsEveryConnection) {
+    Http2Server server([](const Request& request) {
+        std::string reply = answer(request.stream);
+        if (request.stream == 49) reply = goaway(49, kNoErrorCode) + reply;
+        return request.stream > 49 ? std::string() : reply;
+    });
+    constexpr size_t kClients = 40, kRequests = 2000;
+    std::atomic<size_t> started{0}, good{0}, bad{0};
+    std::vector<std::unique_ptr<RecordingClient>> clients;
+    std::vector<RecordingClient*> pointers(kClients);
+    for (size_t i = 0; i < kClients; ++i) {
+        clients.push_back(std::make_unique<RecordingClient>([&, i](const Callback& callback) {
+            if (callback.kind == Callback::Kind::kHeaders || callback.more) return;
+            ++(callback.kind == Callback::Kind::kContent ? good : bad);
+            if (++started <= kRequests) {
+                EXPECT_EQ(pointers[i]->startRequest(nullptr), 0);
+            }
+        }));
+        pointers[i] = clients.back().get();
+        prepareGet(*pointers[i], server);
+    }
+    for (RecordingClient* client : pointers) {
+        ++started;
+        ASSERT_EQ(client->startRequest(nullptr), 0);
+    }
+    EXPECT_TRUE(waitFor([&] { return good + bad >= kRequests; }));
+    EXPECT_EQ(bad, 0u);
+    EXPECT_GE(server.wire().connections(), kRequests / 25);
+}
+
+class Losing : public LibraryTest {};
+
+TEST_F(Losing, RequestThatMayHaveBeenProcessed) {
+    Http2Server server(Http2Server::Reply{});
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(1));
+    server.wire().close(0);
+    ASSERT_TRUE(client.waitClosed());
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::closed()});
+}
+
+TEST_F(Losing, IdempotentRequestIsRepeatedOnceOnAnOldConnection) {
+    Http2Server server([](const Request& request) {
+        return request.stream == 1 ? answer(request.stream) : std::string();
+    });
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(2));
+    server.wire().close(0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), answered());
+    EXPECT_EQ(server.wire().connections(), 2u);
+    // A POST is not.
+    client.clear();
+    ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(4));
+    server.wire().close(1);
+    ASSERT_TRUE(client.waitClosed());
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::closed()});
+}
+
+TEST_F(Losing, IdleConnectionIsReplaced) {
+    Http2Server server(answerAll());
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    server.wire().close(0);
+    ASSERT_TRUE(server.wire().waitClosedByPeer(0));
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), answered());
+    EXPECT_EQ(server.wire().connections(), 2u);
+}
+
+TEST_F(Losing, ServerThatIsGone) {
+    auto server = std::make_unique<Http2Server>(answerAll());
+    RecordingClient client;
+    prepareGet(client, *server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    server->wire().close(0);
+    ASSERT_TRUE(server->wire().waitClosedByPeer(0));
+    server.reset();
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitFailed());
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::failed(ERR_SOCKET_CLOSED)});
+    EXPECT_STREQ(getHttp2Text(&client, HTTP2_ERROR), "cannot connect: Connection refused");
+}
+
+TEST_F(Losing, ViolationFailsItsRequestAndLosesTheOthers) {
+    Http2Server server(Http2Server::Reply{});
+    RecordingClient culprit, other;
+    prepareGet(culprit, server);
+    prepareGet(other, server);
+    ASSERT_EQ(culprit.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(1));
+    ASSERT_EQ(other.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(2));
+    server.wire().send(0, headers(1, hex("ff ff ff ff ff ff")));  // no index is that large
+    ASSERT_TRUE(culprit.waitFailed());
+    ASSERT_TRUE(other.waitClosed());
+    EXPECT_EQ(culprit.callbacks(), std::vector<Callback>{Callback::failed(ERR_FETAL)});
+    EXPECT_EQ(other.callbacks(), std::vector<Callback>{Callback::closed()});
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kGoaway));
+    EXPECT_EQ(server.wire().frames(0, kGoaway)[0], parseFrames(goaway(0, 9))[0]);
+    EXPECT_TRUE(server.wire().waitClosedByPeer(0));
+    EXPECT_FALSE(server.wire().resetByPeer(0));
+}
+
+TEST_F(Losing, SilentServer) {
+    ServerOptions options;
+    options.greeting = settings({});
+    ScriptedServer silent(std::move(options));
+    RecordingClient client;
+    ASSERT_EQ(setHttp2Option(&client, HTTP2_PING_AFTER, 30), 0);
+    ASSERT_EQ(setHttp2Option(&client, HTTP2_PING_TIMEOUT, 30), 0);
+    ASSERT_EQ(client.connectToServer(HTTP_2, "127.0.0.1", silent.port()), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitClosed());
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::closed()});
+    EXPECT_EQ(silent.frames(0, kPing).size(), 1u);
+}
+
+TEST_F(Losing, RepeatedRequestThatFindsNoServer) {
+    auto server = std::make_unique<Http2Server>([](const Request& request) {
+        return request.stream == 1 ? answer(request.stream) : std::string();
+    });
+    RecordingClient client;
+    prepareGet(client, *server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server->waitRequests(2));
+    server.reset();
+    // The first attempt may have been processed.
+    ASSERT_TRUE(client.waitClosed());
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::closed()});
+}
+
+class Idle : public BothTest {};
+INSTANTIATE_TEST_SUITE_P(Losing, Idle, testing::Bool(), protocolName);
+
+TEST_P(Idle, ConnectionIsClosedInOrder) {
+    Http2Server server(options(answerAll()));
+    RecordingClient client;
+    ASSERT_EQ(setHttp2Option(&client, HTTP2_IDLE_TIMEOUT, 20), 0);
+    ASSERT_EQ(connect(client, server), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    ASSERT_TRUE(server.wire().waitClosedByPeer(0));
+    EXPECT_EQ(server.wire().frames(0, kGoaway), parseFrames(goaway(0, kNoErrorCode)));
+    EXPECT_EQ(server.wire().closeNotifyReceived(0), tls());
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(server.wire().connections(), 2u);
+}
+
+class TimeOuts : public LibraryTest {
+protected:
+    // The callbacks of a request with that option set to 50 ms, whose server sends `bytes`.
+    static std::vector<Callback> callbacksWith(HTTP2_OPTION option, const std::string& bytes) {
+        Http2Server server([&](const Request&) { return bytes; });
+        RecordingClient client;
+        EXPECT_EQ(setHttp2Option(&client, option, 50), 0);
+        prepareGet(client, server);
+        EXPECT_EQ(client.startRequest(nullptr), 0);
+        EXPECT_TRUE(client.waitFailed());
+        EXPECT_TRUE(server.wire().waitFramesOf(0, kRstStream));
+        EXPECT_EQ(server.wire().frames(0, kRstStream), parseFrames(rstStream(1, kCancelCode)));
+        return client.callbacks();
+    }
+};
+
+TEST_F(TimeOuts, EndOneRequestAlone) {
+    const Callback failed = Callback::failed(ERR_TIMEOUT);
+    const Callback head = Callback::headers(200, {{":status", "200"}});
+    EXPECT_EQ(callbacksWith(HTTP2_FIRST_BYTE_TIMEOUT, ""), std::vector<Callback>{failed});
+    EXPECT_EQ(callbacksWith(HTTP2_REQUEST_TIMEOUT, answerHead(1)),
+              (std::vector<Callback>{head, failed}));
+    EXPECT_EQ(callbacksWith(HTTP2_SILENCE_TIMEOUT, answerHead(1)),
+              (std::vector<Callback>{head, failed}));
+}
+
+TEST_F(TimeOuts, PausedResponseGivesNoWindow) {
+    Http2Server server(Http2Server::Reply{});
+    RecordingClient client;
+    ASSERT_EQ(setHttp2Option(&client, HTTP2_STREAM_WINDOW, 1000), 0);
+    EXPECT_EQ(pauseHttp2Response(&client), -1);
+    prepareGet(client, server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(1));
+    ASSERT_EQ(pauseHttp2Response(&client), 0);
+    server.wire().send(0, answerHead(1) + data(1, std::string(1000, 'x')));
+    ASSERT_TRUE(client.waitContent());
+    server.wire().send(0, ping(1));
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kPing));
+    EXPECT_TRUE(framesOf(server, 0, kWindowUpdate, 1).empty());
+    ASSERT_EQ(resumeHttp2Response(&client), 0);
+    ASSERT_TRUE(waitFor([&] { return !framesOf(server, 0, kWindowUpdate, 1).empty(); }));
+    server.wire().send(0, data(1, std::string(1000, 'x'), kEndStream));
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(resumeHttp2Response(&client), -1);
+}
+
+}  // namespace
