@@ -115,6 +115,17 @@ void streams() {
         write("engine", string("post_") + name,
               post + get + hex("07 07") + hex("03") + counted(bytes.substr(0, 255)) + hex("07"));
 
+        // Three requests, one with content, whose HEADERS are sent; the server's bytes; output.
+        const string start = hex("00 00  04 04 05 08 4000 09 FFFF") + hex("00") +
+                             counted(settings({{4, 65535}}) + settingsAck());
+        string answer;
+        for (size_t at = 0; at < bytes.size() && at < 2000; at += 200) {
+            answer += hex("00") + counted(bytes.substr(at, 200));
+        }
+        write("standard_session", name, start + answer + hex("09 FFFF"));
+        write("standard_session", string(name) + "_bounds",
+              hex("7F 1F") + start.substr(2) + answer + hex("0A 7000 06 01 07 03 08 03 0B"));
+
         write("client", string("get_") + name,
               hex("02 2F61 01 07") + countedWord(bytes) + hex("01"));
         write("client", string("post_") + name,
