@@ -219,7 +219,7 @@ private:
     // Liveness.
     Time m_quietSince = 0;      // last bytes received, or the first request after idleness
     bool m_startQuiet = false;  // the next produce() sets m_quietSince
-    bool m_pingSent = false;  // since then, nothing has come
+    bool m_pingSent = false;    // since then, nothing has come
     Time m_pingSentAt = 0;
     uint32_t m_pingNumber = 0;
 };
