@@ -65,6 +65,8 @@ public:
     };
 
     explicit DynamicTable(uint32_t maxSize) : m_maxSize(maxSize) {}
+    DynamicTable(const DynamicTable&) = delete;
+    DynamicTable& operator=(const DynamicTable&) = delete;
 
     uint32_t maxSize() const { return m_maxSize; }
     uint32_t size() const { return m_size; }  // RFC 7541, 4.1; <= maxSize()

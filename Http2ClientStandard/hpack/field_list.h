@@ -31,6 +31,10 @@ struct ListTag {
 // fields, but stores none.
 class FieldList {
 public:
+    FieldList() = default;
+    FieldList(const FieldList&) = delete;
+    FieldList& operator=(const FieldList&) = delete;
+
     size_t size() const { return m_size; }
     bool empty() const { return m_size == 0; }
 
