@@ -39,7 +39,7 @@ void checkTable(Decoder& decoder, uint32_t largest) {
     for (uint64_t i = table.oldest(); i != table.end(); ++i) octets += table.entry(i).octets();
     require(table.size() == octets, "the table counts its octets");
     require(octets <= table.maxSize(), "the table keeps to its size");
-    require(table.m_textsCapacity <= std::max<size_t>(240, 2 * size_t{largest}),
+    require(table.m_textsCapacity <= std::max<size_t>(480, 2 * size_t{largest}),
             "the table's memory is bounded");
 }
 

@@ -116,7 +116,7 @@ public:
 
 private:
     static constexpr uint64_t kSmallestRing = 8;
-    static constexpr size_t kSmallestTexts = 240;
+    static constexpr size_t kSmallestTexts = 480;
 
     void evictDownTo(uint64_t octets) {
         while (m_size > octets) {
