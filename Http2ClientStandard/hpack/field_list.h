@@ -81,7 +81,7 @@ private:
     bool refer(const Stored& field) {
         m_octets += field.octets();
         m_overflow |= m_octets > m_limit;
-        m_malformed |= field.tag.traits.malformed();
+        m_malformed |= field.tag.traits.flaws != kNoFlaw;
         if (m_overflow) return false;
         *fieldRoom(1) = field;
         ++m_size;
