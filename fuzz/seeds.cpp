@@ -56,6 +56,9 @@ void blocks() {
     for (const auto& [name, block] : all) {
         write("hpack_decode", name, counted(block));
         write("hpack_decode", string(name) + "_twice", counted(block) + counted(block));
+        write("standard_hpack", name, counted(block));
+        write("standard_hpack", string(name) + "_resized",
+              counted(block) + hex("00 0000 00 0100") + counted(hex("20 3F E1 01") + block));
         write("frame_ctx", string("block_") + name, counted("") + headers(1, block));
     }
     write("hpack_roundtrip", "names",
