@@ -19,7 +19,8 @@ public:
     Bytes() = default;
     Bytes(Bytes&& other) noexcept { swap(other); }
     Bytes& operator=(Bytes&& other) noexcept {
-        Bytes(std::move(other)).swap(*this);
+        Bytes taken(std::move(other));
+        swap(taken);
         return *this;
     }
 

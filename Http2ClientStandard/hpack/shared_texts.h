@@ -28,12 +28,15 @@ public:
         std::swap(m_head, other.m_head);
         return *this;
     }
+    // clang-analyzer does not follow the count.
     ~SharedTexts() {
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete)
         if (m_head != nullptr && --m_head->users == 0) ::operator delete(m_head);
     }
 
     // The memory, or null when there is none.
     char* bytes() const {
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete)
         return m_head == nullptr ? nullptr : reinterpret_cast<char*>(m_head + 1);
     }
     bool unique() const { return m_head != nullptr && m_head->users == 1; }

@@ -118,7 +118,7 @@ void TlsTransport::sayGoodbye() {
     m_saidGoodbye = true;
     ERR_clear_error();
     SSL_shutdown(m_ssl);
-    flush();
+    TlsTransport::flush();
 }
 
 // Moves received ciphertext to OpenSSL, asking the socket when there is none and it may have some.

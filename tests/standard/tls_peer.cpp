@@ -35,20 +35,24 @@ Listener::Listener(const char* ip, int backlog) {
     sockaddr_storage address{};
     socklen_t length = v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     address.ss_family = v6 ? AF_INET6 : AF_INET;
-    void* host = v6 ? static_cast<void*>(&reinterpret_cast<sockaddr_in6&>(address).sin6_addr)
-                    : static_cast<void*>(&reinterpret_cast<sockaddr_in&>(address).sin_addr);
+    auto& address4 = reinterpret_cast<sockaddr_in&>(address);
+    auto& address6 = reinterpret_cast<sockaddr_in6&>(address);
+    void* host = &address4.sin_addr;
+    if (v6) host = &address6.sin6_addr;
     auto* generic = reinterpret_cast<sockaddr*>(&address);
     if (inet_pton(address.ss_family, ip, host) != 1 || bind(m_descriptor, generic, length) != 0 ||
         listen(m_descriptor, backlog) != 0 || getsockname(m_descriptor, generic, &length) != 0) {
         throw std::runtime_error("cannot listen");
     }
-    m_port = ntohs(v6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
-                      : reinterpret_cast<sockaddr_in&>(address).sin_port);
+    m_port = ntohs(v6 ? address6.sin6_port : address4.sin_port);
 }
 
 Listener::~Listener() { close(m_descriptor); }
 
-int Listener::accept() const { return ::accept4(m_descriptor, nullptr, nullptr, SOCK_CLOEXEC); }
+int Listener::accept() const {
+    // cppcheck-suppress nullPointer ; both may be null
+    return ::accept4(m_descriptor, nullptr, nullptr, SOCK_CLOEXEC);
+}
 
 TlsPeer::TlsPeer(PeerOptions options, int connections, std::function<void(SSL*)> talk)
     : m_options(std::move(options)),
