@@ -55,10 +55,10 @@ bool Server::joinLocked(std::unique_lock<std::mutex>& hold, ConnectResult& resul
             result.error = m_dialError;
             return true;
         }
-        if (late && m_connections.empty()) {
-            result.error = "no connection within the connect time-out";
-            return true;
-        }
+        if (!late) continue;
+        if (!m_connections.empty()) break;
+        result.error = "no connection within the connect time-out";
+        return true;
     }
     result.connected = result.shared = true;
     result.connection = Ref<Connection>(leastUsedLocked());

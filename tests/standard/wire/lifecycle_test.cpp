@@ -1,4 +1,6 @@
 // Connecting, sharing, cancelling, destroying; what callbacks may do; starting and stopping.
+#include <csignal>
+
 #include <atomic>
 #include <thread>
 
@@ -49,6 +51,37 @@ TEST_P(Connecting, CallsAtTheSameTimeShareOneAttempt) {
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(connected, 8);
     EXPECT_EQ(server.wire().connections(), 1u);
+}
+
+TEST_P(Connecting, ConnectionsPerServer) {
+    Http2Server server(options(answerAll()));
+    std::vector<std::unique_ptr<RecordingClient>> clients;
+    for (int i = 0; i < 4; ++i) {
+        clients.push_back(std::make_unique<RecordingClient>());
+        ASSERT_EQ(setHttp2Option(clients[i].get(), HTTP2_CONNECTIONS_PER_SERVER, 2), 0);
+        ASSERT_EQ(connect(*clients[i], server), 0);
+        EXPECT_EQ(getHttp2Number(clients[i].get(), HTTP2_SHARED), i < 2 ? 0 : 1);
+    }
+    EXPECT_TRUE(server.wire().waitConnections(2));
+    EXPECT_EQ(server.wire().connections(), 2u);
+}
+
+TEST_P(Connecting, AnotherServer) {
+    Http2Server first(options(answerAll("first"))), second(options(answerAll("second")));
+    RecordingClient client;
+    ASSERT_EQ(connect(client, first), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(connect(client, second), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), answered("second"));
+    // A connect that fails leaves the client with its server.
+    const RefusingPort refusing;
+    EXPECT_EQ(client.connectToServer(schema(), "127.0.0.1", refusing.port()), 4);
+    client.clear();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(client.callbacks(), answered("second"));
 }
 
 TEST_P(Connecting, HostNames) {
@@ -301,6 +334,20 @@ TEST_P(InCallbacks, ConnectingDoesNotWait) {
 }
 
 class Stopping : public LibraryTest {};
+
+TEST_F(Stopping, TheThreadTakesNoSignalsOfTheProcess) {
+    Http2Server server(answerAll());
+    sigset_t mask;
+    sigemptyset(&mask);
+    RecordingClient client([&](const Callback&) { pthread_sigmask(SIG_SETMASK, nullptr, &mask); });
+    prepareGet(client, server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGCHLD, SIGALRM, SIGPROF}) {
+        EXPECT_EQ(sigismember(&mask, signal), 1) << signal;
+    }
+    EXPECT_EQ(sigismember(&mask, SIGSEGV), 0);
+}
 
 TEST_F(Stopping, RequestsStayAsTheyAre) {
     Http2Server server(answerAll());

@@ -220,6 +220,26 @@ TEST_F(Answer, EarlyWithResetIsWhole) {
     EXPECT_EQ(server.wire().frames(0, kRstStream)[0], parseFrames(rstStream(1, kCancelCode))[0]);
 }
 
+TEST_F(Answer, ReaderIsNotCalledBehindIt) {
+    Http2Options options;
+    options.greeting = settings({{4, 16384}});
+    Http2Server server(std::move(options));
+    BodySource source(distinctBytes(100000));
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kSettings, 2));  // the windows are known
+    ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+    ASSERT_EQ(client.setContent(&BodySource::read, &source), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kData));
+    server.wire().send(0, answer(1) + windowUpdate(1, 100000) + ping(1));
+    ASSERT_TRUE(client.waitEnd());
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kPing));
+    EXPECT_EQ(source.asked.size(), 1u);
+    EXPECT_EQ(server.wire().frames(0, kRstStream), parseFrames(rstStream(1, kCancelCode)));
+    EXPECT_EQ(client.callbacks(), answered());
+}
+
 class Reader : public LibraryTest {
 protected:
     // The callbacks of a POST whose reader returns `results` one after the other.

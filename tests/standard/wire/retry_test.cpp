@@ -222,6 +222,27 @@ TEST_F(Losing, ViolationFailsItsRequestAndLosesTheOthers) {
     EXPECT_FALSE(server.wire().resetByPeer(0));
 }
 
+TEST_F(Losing, WaitingRequestIsSentAgain) {
+    Http2Options options;
+    options.greeting = settings({{3, 1}});
+    options.reply = [](const Request& request) {
+        return request.connection == 0 ? std::string() : answer(request.stream);
+    };
+    Http2Server server(std::move(options));
+    RecordingClient running, waiting;
+    prepareGet(running, server);
+    prepareGet(waiting, server);
+    ASSERT_EQ(waiting.setUri("/", HTTP_POST), 0);
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kSettings, 2));  // the limit is known
+    ASSERT_EQ(running.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(1));
+    ASSERT_EQ(waiting.startRequest(nullptr), 0);
+    server.wire().close(0);
+    ASSERT_TRUE(running.waitClosed());
+    ASSERT_TRUE(waiting.waitEnd());
+    EXPECT_EQ(waiting.callbacks(), answered());
+}
+
 TEST_F(Losing, SilentServer) {
     ServerOptions options;
     options.greeting = settings({});
