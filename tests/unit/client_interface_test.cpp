@@ -39,7 +39,7 @@ constexpr char kBusy[] = "current requesting is not finished, please wait";
 
 int noReader(char*, size_t, void*) { return 0; }
 
-// A blockedRequest on a thread of its own.
+// A blockedRequest on its own thread.
 class BlockedCall {
 public:
     BlockedCall(HttpClientInterface& client, uint32_t timeout)
@@ -70,7 +70,7 @@ private:
 class ClientInterface : public testing::Test {
 protected:
     ClientInterface() : m_context(HttpContext::instance()) {}
-    // The process keeps one context, so a test takes its connections out of it again.
+    // The process keeps one context, so each test removes its connections from it.
     ~ClientInterface() override {
         for (const int sock : m_sockets) {
             m_context->m_httpIoMap.erase(sock);

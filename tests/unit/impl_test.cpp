@@ -305,7 +305,7 @@ TEST_F(ImplTest, ClearKeepsTheConnectionOnly) {
     EXPECT_EQ(m_impl.clientStatus(), 0);
 }
 
-// However headers come in, the records are the map's entries, in its order, with its own texts.
+// The records are the map's entries, in its order and with its texts, however headers arrive.
 TEST(ReceivedHeaderRecords, FollowTheMap) {
     std::mt19937 random(7);
     for (int round = 0; round < 50; ++round) {

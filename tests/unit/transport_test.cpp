@@ -42,7 +42,7 @@ namespace h2test {
 namespace {
 
 // Records this thread's calls of OpenSSL as long as it lives, and makes one of them fail if asked.
-// The functions below stand before OpenSSL's own in this program, and call those.
+// The functions below replace OpenSSL's in this program and call them.
 class OpenSslTrace {
 public:
     explicit OpenSslTrace(std::string failing = {}) : m_failing(std::move(failing)) {
