@@ -14,7 +14,7 @@ using std::chrono::milliseconds;
 class H2requestEnding : public BothWays {};
 H2TEST_BOTH_WAYS(H2requestEnding);
 
-// Runs until the request is at the server, lets `act` do its deed there, and waits for the end.
+// Runs until the request is at the server, lets `act` do its part there, and waits for the end.
 template <typename Act>
 Ended endBy(ScriptedServer& server, const std::vector<std::string>& arguments, Act act) {
     Process process(H2REQUEST_PROGRAM, arguments);
