@@ -125,7 +125,7 @@ start_servers() {
         if start_nghttpd && start_haproxy; then return 0; fi
         stop_servers
     done
-    echo "cannot start the servers after $try tries; their last words:" >&2
+    echo "cannot start the servers after $try tries; their logs:" >&2
     cat "$WORK"/nghttpd.log "$WORK"/haproxy.log >&2
     return 1
 }

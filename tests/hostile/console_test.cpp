@@ -23,10 +23,7 @@ TEST(HostileConsole, FieldIsWrittenOnceForEachReference) {
         const LibraryThread library;
         ScriptedServer server;
         RecordingClient client;
-        ASSERT_EQ(connectTo(client, server), 0);
-        ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
-        ASSERT_EQ(client.startRequest(nullptr), 0);
-        ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
+        startGet(client, server);
         server.send(0, headers(1, block) + okResponse(1));
         ASSERT_TRUE(client.waitEnd());
     }

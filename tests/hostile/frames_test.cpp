@@ -12,22 +12,14 @@ const Callback kNoHeaders = Callback::headers(0, {});
 // A payload of `length` bytes, none of which is zero.
 std::string filler(size_t length) { return std::string(length, '\xA5'); }
 
-TEST_F(HostileFrame, ControlFramesOfAnyLengthAreBorne) {
-    std::string bytes;
-    for (const uint8_t type : {kPing, kWindowUpdate, kPriority, kSettings}) {
-        for (size_t length = 0; length <= 16; ++length) bytes += frame(type, 0, 0, filler(length));
-    }
-    expectBorne(bytes);
-}
-
-TEST_F(HostileFrame, ControlFramesOfAnyLengthWithAnyFlagsAreBorne) {
+TEST_F(HostileFrame, ControlFramesOfAnyLengthWithAnyFlagsAreTolerated) {
     std::string bytes;
     for (const uint8_t type : {kPing, kWindowUpdate, kPriority, kSettings}) {
         for (size_t length = 0; length <= 16; ++length) {
-            bytes += frame(type, 0xFF, 1, filler(length));
+            bytes += frame(type, 0, 0, filler(length)) + frame(type, 0xFF, 1, filler(length));
         }
     }
-    expectBorne(bytes);
+    expectTolerated(bytes);
 }
 
 class HostileLength : public HostileTest, public testing::WithParamInterface<int> {
@@ -57,12 +49,12 @@ TEST_P(HostileLength, ResetOfAnyLengthOnStreamZeroEndsTheConnection) {
 }
 
 // One type a connection: a frame that is cut in the wrong place takes the answer behind it along.
-TEST_P(HostileLength, ControlFramesOfAnyLengthBehindEachOtherAreBorne) {
+TEST_P(HostileLength, ControlFramesOfAnyLengthBehindEachOtherAreTolerated) {
     std::string bytes;
     for (const uint8_t type : {kPing, kWindowUpdate, kPriority, kSettings}) {
         bytes += repeated(frame(type, 0, 0, payload()), 50) + frame(type, kAck, 1, payload());
     }
-    expectBorne(bytes);
+    expectTolerated(bytes);
 }
 
 // The frame's data is empty then; the frame is reported as any other.
@@ -73,14 +65,14 @@ TEST_F(HostileFrame, PaddingBeyondTheDataLeavesNone) {
         bytes += frame(kData, kPadded, 1, be8(static_cast<uint32_t>(pad)) + "abcd");
         heard.push_back(kEmptyMore);
     }
-    expectBorne(bytes + frame(kData, kPadded, 1, ""), heard + Callbacks{kEmptyMore});
+    expectTolerated(bytes + frame(kData, kPadded, 1, ""), heard + Callbacks{kEmptyMore});
 }
 
 // The whole frame is credited, as its header has it, though none of it counts as data.
 // A frame counts its padding as declared, with the pad length itself: 256 bytes each here.
 TEST_F(HostileFrame, PaddingBeyondTheDataIsCreditedAsDeclared) {
     const std::string lie = frame(kData, kPadded, 1, be8(255) + std::string(199, 'x'));
-    expectBorne(repeated(lie, 127), Callbacks(127, kEmptyMore));  // 32512 bytes: not yet due
+    expectTolerated(repeated(lie, 127), Callbacks(127, kEmptyMore));  // 32512 bytes: not yet due
     EXPECT_TRUE(m_server.frames(kVictim, kWindowUpdate).empty());
 
     m_victim.clear();
@@ -100,10 +92,10 @@ TEST_F(HostileFrame, PaddingBeyondTheDataIsCreditedAsDeclared) {
 }
 
 TEST_F(HostileFrame, PaddingThatFitsIsCutOff) {
-    expectBorne(dataPadded(1, "abcd", 0) + dataPadded(1, "abcd", 255) +
-                    frame(kData, kPadded, 1, hex("03") + "abcd"),
-                {Callback::content("abcd", true), Callback::content("abcd", true),
-                 Callback::content("a", true)});
+    expectTolerated(dataPadded(1, "abcd", 0) + dataPadded(1, "abcd", 255) +
+                        frame(kData, kPadded, 1, hex("03") + "abcd"),
+                    {Callback::content("abcd", true), Callback::content("abcd", true),
+                     Callback::content("a", true)});
 }
 
 TEST_F(HostileFrame, PaddingBeyondTheBlockLeavesNoFields) {
@@ -114,8 +106,8 @@ TEST_F(HostileFrame, PaddingBeyondTheBlockLeavesNoFields) {
             frame(kHeaders, kPadded | kEndHeaders, 1, be8(static_cast<uint32_t>(pad)) + "\x88");
         heard.push_back(kNoHeaders);
     }
-    expectBorne(bytes + frame(kHeaders, kPadded | kEndHeaders, 1, ""),
-                heard + Callbacks{kNoHeaders});
+    expectTolerated(bytes + frame(kHeaders, kPadded | kEndHeaders, 1, ""),
+                    heard + Callbacks{kNoHeaders});
 }
 
 TEST_F(HostileFrame, PriorityThatDoesNotFitLeavesNoFields) {
@@ -127,12 +119,12 @@ TEST_F(HostileFrame, PriorityThatDoesNotFitLeavesNoFields) {
         bytes +=
             frame(kHeaders, kPriorityFlag | kPadded | kEndHeaders, 1, std::string(length, '\0'));
     }
-    expectBorne(bytes, Callbacks(11, kNoHeaders));
+    expectTolerated(bytes, Callbacks(11, kNoHeaders));
 }
 
 // Between 0 and 3 bytes of the promised identifier, and between 0 and 3 bytes behind the payload
 // when it is decoded.
-TEST_F(HostileFrame, PushPromisesThatEndTooSoonAreBorne) {
+TEST_F(HostileFrame, PushPromisesThatEndTooSoonAreTolerated) {
     std::string bytes;
     std::vector<size_t> cuts;
     for (size_t length = 0; length <= 5; ++length) {
@@ -153,30 +145,26 @@ TEST_F(HostileFrame, PushPromisesThatEndTooSoonAreBorne) {
 
 // The frame header's R bit is no part of the stream identifier.
 TEST_F(HostileFrame, ReservedBitIsNotLookedAt) {
-    play(headers(1 | kReservedBit, hpackIndexed(8)) + ping(0) + settings({}) +
-         frame(kPing, 0, kReservedBit, be64(0)) + data(1 | kReservedBit, "a") +
-         data(1 | kReservedBit, "b", kEndStream));
-    ASSERT_TRUE(m_victim.waitEnd());
-    EXPECT_EQ(m_victim.callbacks(),
-              (Callbacks{Callback::headers(200, {{":status", "200"}}), Callback::content("a", true),
-                         Callback::content("b", false)}));
-    expectUsable();
-    expectSent({});
+    expectHeard(headers(1 | kReservedBit, hpackIndexed(8)) + ping(0) + settings({}) +
+                    frame(kPing, 0, kReservedBit, be64(0)) + data(1 | kReservedBit, "a") +
+                    data(1 | kReservedBit, "b", kEndStream),
+                {okHeaders(), Callback::content("a", true), Callback::content("b", false)});
 }
 
 // Flags that a frame type does not know change nothing; END_STREAM on HEADERS is one of them here.
 TEST_F(HostileFrame, FlagsWithoutMeaningAreNotLookedAt) {
     constexpr uint8_t kNoPadding = 0xFF & ~(kPadded | kPriorityFlag);
-    expectBorne(headers(1, hpackIndexed(13), kNoPadding) +
-                    data(1, "x", static_cast<uint8_t>(0xFF & ~(kPadded | kEndStream))),
-                {Callback::headers(404, {{":status", "404"}}), Callback::content("x", true)});
+    expectTolerated(headers(1, hpackIndexed(13), kNoPadding) +
+                        data(1, "x", static_cast<uint8_t>(0xFF & ~(kPadded | kEndStream))),
+                    {Callback::headers(404, {{":status", "404"}}), Callback::content("x", true)});
 }
 
 // All that a PUSH_PROMISE has room for: it reserves no stream.
 TEST_F(HostileFrame, PushPromisesOpenNoStream) {
-    expectBorne(frame(kPushPromise, kEndHeaders, 1, be32(2) + hpackIndexed(2) + hpackIndexed(7)) +
-                    headers(2, hpackIndexed(8)) + data(2, "pushed", kEndStream),
-                {}, {resetOf(2)});
+    expectTolerated(
+        frame(kPushPromise, kEndHeaders, 1, be32(2) + hpackIndexed(2) + hpackIndexed(7)) +
+            headers(2, hpackIndexed(8)) + data(2, "pushed", kEndStream),
+        {}, {resetOf(2)});
 }
 
 // A type that is not known yet: the frame's length says how much, and nothing of it has come.
@@ -200,17 +188,12 @@ TEST_P(HostileType, UnknownTypeBehindTheAnswerFailsTheRequestToo) {
                   {Callback::failed(ERR_FETAL)});
 }
 
-TEST_F(HostileFrame, LargestFrameIsBorne) {
+TEST_F(HostileFrame, LargestFrameIsTolerated) {
     std::string body = repeated(distinctBytes(65536), 256);
     body.pop_back();
     ASSERT_EQ(body.size(), 16777215U);
-    play(headers(1, hpackIndexed(8)) + data(1, body) + data(1, "", kEndStream));
-    ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
-    EXPECT_TRUE(m_victim.callbacks() ==
-                (Callbacks{Callback::headers(200, {{":status", "200"}}),
-                           Callback::content(body, true), Callback::content("", false)}));
-    expectUsable();
-    expectSent({});
+    expectHeard(headers(1, hpackIndexed(8)) + data(1, body) + data(1, "", kEndStream),
+                {okHeaders(), Callback::content(body, true), Callback::content("", false)});
 }
 
 }  // namespace

@@ -109,10 +109,7 @@ TEST_P(HostileTiming, HalfAFrameThenSilenceThenCloseIsHeardOnce) {
     ASSERT_TRUE(m_victim.waitContent());
     // The silence lasts for ten exchanges of another connection.
     for (size_t round = 0; round < 10; ++round) {
-        RecordingClient other;
-        start(other, kVictim + 1 + round);
-        m_server.send(kVictim + 1 + round, okResponse(1));
-        ASSERT_TRUE(other.waitEnd());
+        expectOtherServed(kVictim + 1 + round);
     }
     const Callbacks before = {Callback::headers(200, {{":status", "200"}, {"a", "b"}}),
                               Callback::content("first", true)};
@@ -122,18 +119,15 @@ TEST_P(HostileTiming, HalfAFrameThenSilenceThenCloseIsHeardOnce) {
 }
 
 // Each byte is sent when the client has read the one before.
-TEST_P(HostileTiming, AByteAtATimeIsBorne) {
+TEST_P(HostileTiming, AByteAtATimeIsTolerated) {
     const std::vector<Piece> pieces = exchange();
     m_server.sendByteByByte(kVictim, allOf(pieces));
-    ASSERT_TRUE(m_victim.waitEnd(kLongLimit));
-    EXPECT_EQ(m_victim.callbacks(), heardOf(pieces, allOf(pieces).size()));
-    expectUsable();
-    expectSent({});
+    expectHeard("", heardOf(pieces, allOf(pieces).size()));
 }
 
 // Between two bytes the poll loop makes many steps, and another connection gets its frames: the
 // victim's half of a frame waits, and costs nobody else anything.
-TEST_P(HostileTiming, AByteAfterALongPauseIsBorne) {
+TEST_P(HostileTiming, AByteAfterALongPauseIsTolerated) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::milliseconds kPause{12};  // more than two steps of the poll loop
     const std::vector<Piece> pieces = exchange();
@@ -150,13 +144,10 @@ TEST_P(HostileTiming, AByteAfterALongPauseIsBorne) {
             ASSERT_TRUE(other.waitContent(++chunks));
         } while (Clock::now() < end);
     }
-    ASSERT_TRUE(m_victim.waitEnd());
-    EXPECT_EQ(m_victim.callbacks(), heardOf(pieces, all.size()));
-    expectUsable();
-    expectSent({});
+    expectHeard("", heardOf(pieces, all.size()));
     m_server.send(kVictim + 1, data(1, "", kEndStream));
     ASSERT_TRUE(other.waitEnd());
-    EXPECT_EQ(other.callbacks(), Callbacks{Callback::headers(200, {{":status", "200"}})} +
+    EXPECT_EQ(other.callbacks(), Callbacks{okHeaders()} +
                                      Callbacks(chunks, Callback::content("c", true)) +
                                      Callbacks{Callback::content("", false)});
 }
@@ -165,11 +156,7 @@ TEST_P(HostileTiming, ServerThatNeverReadsKeepsNobodyElseFromBeingServed) {
     m_server.stopReading(kVictim);
     play(repeated(data(9, ""), 50'000));  // each to be answered by a reset that is never read
     for (size_t round = 0; round < 5; ++round) {
-        RecordingClient other;
-        start(other, kVictim + 1 + round);
-        m_server.send(kVictim + 1 + round, okResponse(1));
-        ASSERT_TRUE(other.waitEnd());
-        EXPECT_EQ(other.callbacks(), okCallbacks());
+        expectOtherServed(kVictim + 1 + round);
     }
     m_server.reset(kVictim);
     ASSERT_TRUE(m_victim.waitClosed(kLongLimit));

@@ -1,4 +1,4 @@
-// What growth asks the allocator for, and what happens when it gets nothing.
+// What growth requests from the allocator, and what happens when the request fails.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// The integer codec and the static table, which hpack.cpp keeps to itself.
+// The integer codec and the static table, which are internal to hpack.cpp.
 #include "Http2Client/hpack.cpp"  // NOLINT(bugprone-suspicious-include): see the CMakeLists.txt
 
 #include <gtest/gtest.h>
@@ -126,7 +126,7 @@ TEST(DecodeInteger, TakesContinuationFromPosition128OnModulo128) {
 }
 
 TEST(StaticTable, HasTheStandardsEntriesButOne) {
-    // RFC 7541, Appendix A, behind a placeholder; entry 58 has a spelling of its own.
+    // RFC 7541, Appendix A, behind a placeholder; entry 58 is spelled differently.
     const char* rows =
         ":|:authority:|:method:GET|:method:POST|:path:/|:path:/index.html|:scheme:http|"
         ":scheme:https|:status:200|:status:204|:status:206|:status:304|:status:400|:status:404|"

@@ -1,4 +1,4 @@
-// The code table and the decoding tree, which huffman.cpp keeps to itself.
+// The code table and the decoding tree, which are internal to huffman.cpp.
 #include "Http2Client/huffman.cpp"  // NOLINT(bugprone-suspicious-include): see the CMakeLists.txt
 
 #include <gtest/gtest.h>
@@ -66,7 +66,7 @@ TEST(HuffmanTree, NodeIsBareAndKeepsItsFieldsInOrder) {
     EXPECT_EQ(offsetof(HuffmanCode, code_len), 4U);
 }
 
-// With a tree under the root the decoder shows the rest of its rules.
+// The decoder's other rules need a tree under the root.
 class HuffmanWithTree : public testing::Test {
 protected:
     void SetUp() override { const Huffman builder; }

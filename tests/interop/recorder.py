@@ -14,7 +14,7 @@ client's packets are acknowledged as soon as they have come. A log:
   end: GOAWAY SETTINGS_TIMEOUT; 213 requests; 10 s
 
 (connection, seconds since its beginning, direction). The line "end:" comes once for a connection,
-when it was the server that ended it: how, and what it had borne.
+when it was the server that ended it: how, and after how many requests and seconds.
 """
 import argparse
 import asyncio

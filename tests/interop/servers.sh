@@ -154,7 +154,7 @@ start_on_free_ports() {
         if start_process "$1"; then return 0; fi
         stop_server "$SERVER_PID"
     done
-    printf 'cannot start %s after %s tries; its last words:\n' "$1" "$try" >&2
+    printf 'cannot start %s after %s tries; its log:\n' "$1" "$try" >&2
     cat "$WORK/$1"*.log >&2
     return 1
 }
@@ -175,8 +175,8 @@ start_all() {
     done
 }
 
-# Kills the process of a name, the workers after their master so that it starts no others; none has
-# time for a last word.
+# Kills the process of a name at once, so that it sends no GOAWAY; the workers after their master, which
+# would start others.
 kill_server() {
     local master=${PID[$(process_of "$1")]} workers=() pid end=$((SECONDS + 20))
     read -r -a workers <"/proc/$master/task/$master/children" || true

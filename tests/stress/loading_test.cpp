@@ -2,7 +2,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -12,6 +11,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/scripted_server.h"
+#include "tests/support/threads.h"
 
 namespace h2test {
 namespace {
@@ -20,11 +20,6 @@ constexpr int kRounds = 100;
 // The context is 9 KiB; the scripted server, in this process too, keeps its end of each connection.
 [[maybe_unused]] constexpr size_t kPlainKiB = 32;
 [[maybe_unused]] constexpr size_t kTlsKiB = 80;
-
-size_t threads() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
-}
 
 // Lines of the process's memory map that name `text`.
 size_t mappings(const std::string& text) {
@@ -47,7 +42,7 @@ size_t residentKiB() {
 
 class Loading : public testing::TestWithParam<bool> {
 protected:
-    // A whole life of the library.
+    // Loads, uses and unloads the library once.
     void round() {
         std::unique_ptr<void, int (*)(void*)> module(dlopen(LOADING_PLUGIN, RTLD_NOW | RTLD_LOCAL),
                                                      dlclose);
@@ -84,12 +79,12 @@ INSTANTIATE_TEST_SUITE_P(Transport, Loading, testing::Bool(),
 
 TEST_P(Loading, LeavesNothingBehindButTheContext) {
     for (int i = 0; i < 5 && !HasFatalFailure(); ++i) round();  // what is set up once is set up now
-    const size_t threadsBefore = threads();
+    const size_t threadsBefore = threadsOfThisProcess();
     [[maybe_unused]] const size_t memoryBefore = residentKiB();
     const size_t descriptorsBefore = openDescriptors();
     for (int i = 0; i < kRounds && !HasFatalFailure(); ++i) round();
 
-    EXPECT_EQ(threads(), threadsBefore);
+    EXPECT_EQ(threadsOfThisProcess(), threadsBefore);
     EXPECT_EQ(mappings("libHttp2Client"), 0U);
     EXPECT_EQ(mappings("loading_plugin"), 0U);
     EXPECT_TRUE(waitFor([&] { return openDescriptors() == descriptorsBefore; }));

@@ -1,10 +1,9 @@
-// What becomes of an exchange when one allocation fails in it: each in turn, in a process of its
-// own.
+// Makes one allocation of an exchange fail: each in turn, in its own process.
 //
-// An allocation is operator new, the library's malloc, calloc or realloc, or OpenSSL's. Allowed is
-// that the exchange goes well, that it fails with a documented result, that the application's
-// thread gets std::bad_alloc, and that the process ends with a message; not a crash, not a hang,
-// not a report of a sanitizer.
+// An allocation is operator new, the library's malloc, calloc or realloc, or OpenSSL's. The
+// exchange may succeed, fail with a documented result or throw std::bad_alloc on the application's
+// thread, and the process may end with a message. A crash, a hang or a sanitizer's report is a
+// failure.
 #include <openssl/crypto.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -147,7 +146,7 @@ std::string contentsOf(FILE* file) {
     return out;
 }
 
-// A server in a process of its own, so that this one has a single thread and may fork.
+// A server in its own process, so that this one has a single thread and may fork.
 class ServerProcess {
 public:
     explicit ServerProcess(bool tls) {

@@ -78,7 +78,7 @@ void RandomServer::run() {
 }
 
 void RandomServer::accept() {
-    // accept4(2) takes null where nobody wants the address.
+    // accept4(2) accepts null when the address is not needed.
     // cppcheck-suppress nullPointer
     const int fd = accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) return;
@@ -97,7 +97,8 @@ bool RandomServer::serve(int fd, Connection& connection, short events) {
     answerFrames(fd, connection);
     if (!flush(fd, connection)) return false;
     if (!connection.closing || !connection.out.empty()) return true;
-    if (connection.tls != nullptr && connection.saysCloseNotify) SSL_shutdown(connection.tls.get());
+    if (connection.tls != nullptr && connection.sendsCloseNotify)
+        SSL_shutdown(connection.tls.get());
     return false;
 }
 
@@ -109,8 +110,8 @@ bool RandomServer::receive(int fd, Connection& connection) {
     return size != 0;
 }
 
-// All that has come: poll tells nothing of what TLS holds back. What the handshake has to send
-// waits with the SETTINGS for room.
+// Reads everything: poll does not report bytes that TLS has buffered. Output of the handshake is
+// sent with the SETTINGS frame, when there is room.
 bool RandomServer::receiveTls(Connection& connection) {
     ERR_clear_error();
     char buffer[16384];
@@ -161,7 +162,7 @@ void RandomServer::answer(int fd, Connection& connection, uint32_t streamId) {
         connection.closing = true;
     }
     // Otherwise: silence.
-    connection.saysCloseNotify = m_random() % 2 == 0;
+    connection.sendsCloseNotify = m_random() % 2 == 0;
 }
 
 bool RandomServer::flush(int fd, Connection& connection) {

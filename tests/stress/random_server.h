@@ -12,9 +12,9 @@
 
 namespace h2test {
 
-// A server that treats each request as chance will have it: answers at once or in pieces, resets
-// the stream, says goodbye, closes or resets the connection, sends what is no frame, or keeps
-// silent. One thread; TCP on 127.0.0.1, plain or with TLS.
+// A server that treats each request at random: it answers at once or in pieces, resets the stream,
+// sends GOAWAY, closes or resets the connection, sends bytes that are no frame, or stays silent.
+// One thread; TCP on 127.0.0.1, plain or with TLS.
 class RandomServer {
 public:
     RandomServer(uint32_t seed, bool tls);
@@ -40,9 +40,9 @@ private:
         std::string in;   // received, not yet cut into frames
         std::string out;  // to be sent
         bool prefaceSeen = false;
-        bool closing = false;         // to be closed when `out` is gone
-        bool waitsForRoom = true;     // for sending
-        bool saysCloseNotify = true;  // before it closes
+        bool closing = false;          // to be closed when `out` is gone
+        bool waitsForRoom = true;      // for sending
+        bool sendsCloseNotify = true;  // before it closes
     };
 
     void run();

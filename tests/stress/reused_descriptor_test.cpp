@@ -22,7 +22,8 @@ constexpr size_t kClientsPerThread = 4;
 constexpr std::chrono::seconds kDuration(STRESS_SECONDS / 2);
 
 // Answers one request on each connection when its body is complete, and closes the connection.
-// Counts what no client may do to another one's connection. Runs on the server's thread.
+// Counts violations: a client must not affect another one's connection. Runs on the server's
+// thread.
 class OneAnswerServer {
 public:
     OneAnswerServer() : m_server(options()) {}

@@ -37,7 +37,7 @@ struct Totals {
     std::atomic<uint64_t> closed{0};
     std::atomic<uint64_t> withdrawn{0};
     std::atomic<uint64_t> blocked{0};
-    std::atomic<uint64_t> wrong{0};  // callbacks that nobody may make
+    std::atomic<uint64_t> wrong{0};  // callbacks that must not happen
     std::atomic<uint64_t> steps{0};
 };
 
@@ -202,7 +202,7 @@ void work(Worker& worker, uint32_t seed, const Servers& servers, Clock::time_poi
     worker.doing = "done";
 }
 
-// Ends the process when nothing moves any more, and says where each thread is.
+// Ends the process when there is no progress, and prints what each thread does.
 void watch(const std::vector<Worker>& workers, const std::atomic<bool>& over) {
     uint64_t seen = 0;
     auto moved = Clock::now();

@@ -54,13 +54,13 @@ constexpr uint32_t kReservedBit = 0x80000000u;
 // The client's connection preface (RFC 9113, 3.4): 24 bytes.
 constexpr std::string_view kPreface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n";
 
-// The 9 bytes of a frame header. `streamId` goes out with all its 32 bits.
+// The 9 bytes of a frame header. All 32 bits of `streamId` are written.
 std::string frameHeader(uint32_t length, uint8_t type, uint8_t flags, uint32_t streamId);
 
 // A whole frame; the declared length is the payload's.
 std::string frame(uint8_t type, uint8_t flags, uint32_t streamId, std::string_view payload);
 
-// A frame whose header declares `length`, whatever the payload's size is.
+// A frame whose header declares `length`, independent of the payload's size.
 std::string frameWithLength(uint32_t length, uint8_t type, uint8_t flags, uint32_t streamId,
                             std::string_view payload);
 
@@ -98,7 +98,7 @@ std::string hpackLiteral(uint64_t nameIndex, std::string_view value,
 // An indexed field: the table entry `index`.
 std::string hpackIndexed(uint64_t index);
 
-// A frame as it stands on the wire.
+// A frame as sent on the wire.
 struct WireFrame {
     uint32_t length = 0;  // as declared
     uint8_t type = 0;

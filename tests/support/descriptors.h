@@ -31,7 +31,7 @@ inline int nextDescriptor() {
     const int fd = open("/dev/null", O_RDONLY);
     if (fd == -1) throw std::runtime_error("no descriptor left");
     close(fd);
-    // Its number is what is asked for, not the descriptor.
+    // The caller needs the number, not the descriptor.
     // cppcheck-suppress deallocret
     return fd;
 }

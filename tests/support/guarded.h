@@ -6,16 +6,16 @@
 
 namespace h2test {
 
-// A copy of some bytes, flush against an unreadable page: a read or write of one byte too far
+// A copy of some bytes, flush against an unreadable page: a read or write past the end
 // crashes the test, with every compiler and without a sanitizer.
 //
-// What lies before the bytes is readable; it is no guard against reading backwards.
+// The memory before the bytes is readable: reading backwards is not detected.
 class GuardedBytes {
 public:
     explicit GuardedBytes(std::string_view bytes) : GuardedBytes(bytes, {}) {}
 
-    // `after` lies readable behind the bytes and in front of the unreadable page; it does not
-    // count into size().
+    // `after` is readable and stands between the bytes and the unreadable page; size() does not
+    // count it.
     GuardedBytes(std::string_view bytes, std::string_view after);
 
     ~GuardedBytes();

@@ -18,7 +18,7 @@ inline std::vector<std::string> logLines(const LogCapture& log) {
 }
 
 // The name of the function that logged the text first, with its namespace and arguments; empty
-// when nobody did.
+// if none did.
 inline std::string functionThatLogged(const LogCapture& log, const std::string& message) {
     for (const LogRecord& record : log.records()) {
         if (record.message == message) return record.line > 0 ? record.function : "";

@@ -91,8 +91,8 @@ public:
 
     RecordingClient() = default;
     // `hook` is called in each callback, before it is recorded: on the library's thread, with the
-    // library's locks held. After the record nothing touches this object any more, since who has
-    // waited for it may destroy the client.
+    // library's locks held. After the record this object is not used any more, since a thread that
+    // has waited for the record may destroy the client.
     explicit RecordingClient(std::function<void(const Callback&)> hook) : m_hook(std::move(hook)) {}
     ~RecordingClient() override { cancelRequest(); }
 

@@ -111,12 +111,12 @@ struct ScriptedServer::Connection {
 
     SSL* ssl = nullptr;     // null without TLS; owns both BIOs
     BIO* tlsIn = nullptr;   // what came from the socket
-    BIO* tlsOut = nullptr;  // what goes to the socket
+    BIO* tlsOut = nullptr;  // bytes for the socket
     bool handshakeDone = false;
     bool tlsFailed = false;
 
     std::deque<Step> steps;
-    std::string out;                    // goes to the socket as it is
+    std::string out;                    // sent to the socket as it is
     size_t outSent = 0;                 // bytes of `out` that are gone
     uint64_t wireSent = 0;              // bytes that the socket has taken so far
     bool outputOver = false;            // FIN sent, or the socket takes no more
@@ -230,7 +230,7 @@ struct ScriptedServer::Shared {
             short events = 0;
             if (!connection->inputOver && !connection->readingStopped) events |= POLLIN;
             if (connection->wantsWrite()) events |= POLLOUT;
-            // A descriptor that waits for nothing would still report errors, over and over.
+            // A descriptor without events would still report errors, again and again.
             set.push_back({events != 0 ? connection->fd : -1, events, 0});
             if (connection->waitsForClient) timeout = 1;
         }
@@ -328,7 +328,7 @@ struct ScriptedServer::Shared {
             takeInput(c, index, {buffer, static_cast<size_t>(size)});
         }
         takeTlsOutput(c);
-        // Any alert is on its way; nothing else can be said any more.
+        // An alert may be on its way; nothing else can be sent any more.
         if (c.tlsFailed) c.steps = {{Step::Kind::kFin, {}}};
     }
 
@@ -461,7 +461,7 @@ struct ScriptedServer::Shared {
         takeTlsOutput(c);
     }
 
-    // OpenSSL sends alerts of its own accord only: it is given a record that does not decrypt.
+    // OpenSSL has no call that sends an alert. A record that does not decrypt makes it send one.
     static void failTls(Connection& c) {
         const std::string forged = hex("17 03 03 00 20") + std::string(32, 'x');
         BIO_write(c.tlsIn, forged.data(), static_cast<int>(forged.size()));

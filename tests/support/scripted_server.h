@@ -38,8 +38,8 @@ struct ServerOptions {
     Responder responder;
 };
 
-// A server on 127.0.0.1 that does nothing of its own: it keeps every byte that its clients send,
-// and sends what the test tells it to. It knows no stream, no setting and no window.
+// A server on 127.0.0.1 that does nothing by itself: it keeps every byte that its clients send, and
+// sends what the test passes to it. It has no streams, settings or windows.
 //
 // Connections count from 0 in the order of their acceptance. The methods may be called from any
 // thread. What is to be done with a connection is queued and carried out in order by the server's
@@ -68,7 +68,7 @@ public:
     void send(size_t index, std::string bytes);
 
     // Sends `bytes` in pieces that end at the ascending positions `cuts` and at the end; over TLS
-    // each piece is a record of its own. A piece goes out when the client has read all before it,
+    // each piece is one record. A piece goes out when the client has read all before it,
     // so that the client's reads see these very pieces. (That can be told for a client in this
     // process; for any other the pieces are merely separate writes. After 10 s the next piece goes
     // out in any case.)

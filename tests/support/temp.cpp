@@ -25,7 +25,7 @@ using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 using X509Ptr = std::unique_ptr<X509, decltype(&X509_free)>;
 using Bio = std::unique_ptr<BIO, decltype(&BIO_free)>;
 
-// The test cannot go on: says where, and what OpenSSL has to say.
+// Ends the process if a step failed, with the step's name and OpenSSL's errors.
 void require(bool ok, const char* step) {
     if (ok) return;
     std::fprintf(stderr, "h2test: %s failed\n", step);

@@ -6,7 +6,7 @@
 
 namespace h2test {
 
-// A new directory, removed with all that is in it when this object goes.
+// A new directory, removed with its contents when this object is destroyed.
 class TempDir {
 public:
     TempDir();

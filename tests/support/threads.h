@@ -7,8 +7,8 @@
 
 namespace h2test {
 
-// How many threads this process has now. One that has ended is counted until the kernel has taken
-// it off its list, a moment after it was joined.
+// How many threads this process has now. An ended thread is counted until the kernel removes it
+// from its list, a moment after it was joined.
 inline size_t threadsOfThisProcess() {
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"),
                                              std::filesystem::directory_iterator()));

@@ -13,8 +13,8 @@ namespace h2test {
 
 constexpr std::chrono::milliseconds kWaitLimit{60000};
 
-// Asks `pred` every millisecond until it holds. Returns what it said last: false means that the
-// limit has passed. For state that cannot notify; prefer an Event where there is one.
+// Calls `pred` every millisecond until it returns true. Returns its last result: false means that
+// the limit has passed. For state that cannot notify; prefer an Event where there is one.
 template <typename Pred>
 bool waitFor(Pred pred, std::chrono::milliseconds limit = kWaitLimit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -1,4 +1,4 @@
-// What comes with h2request, held against its --help: the man page and the completion.
+// What comes with h2request, compared with its --help: the man page and the completion.
 #include <algorithm>
 #include <set>
 #include <string>

@@ -35,7 +35,7 @@ public:
     // its colours on demand.
     std::string screen() const { return tmux({"capture-pane", "-p"}); }
     std::string colouredScreen() const { return tmux({"capture-pane", "-p", "-e"}); }
-    // Waits for `text` on the screen. Mind that typed commands are there as well.
+    // Waits for `text` on the screen, where typed commands are as well.
     [[nodiscard]] bool waitFor(std::string_view text) const {
         return h2test::waitFor([&] { return contains(screen(), text); }, kProcessLimit);
     }

@@ -1,10 +1,9 @@
-// The poller: its registrations, and what select makes of them.
+// The poller: its registrations and its results.
 
 #include "Http2Client/ev_select.h"
 
 #include <chrono>
 #include <climits>
-#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -24,6 +23,7 @@
 
 #include "tests/support/descriptors.h"
 #include "tests/support/signals.h"
+#include "tests/support/virtual_slot.h"
 
 namespace h2test {
 namespace {
@@ -52,7 +52,7 @@ struct Pair {
     Pair& operator=(const Pair&) = delete;
 
     void makeReadable() const { ASSERT_EQ(send(peer, "x", 1, 0), 1); }
-    // Fills the way to the peer until no byte goes any more.
+    // Fills the socket's buffers until no further byte fits.
     void makeUnwritable() const {
         const std::string block(65536, 'x');
         while (send(own, block.data(), block.size(), MSG_DONTWAIT) > 0) {
@@ -70,7 +70,7 @@ Active poll(ev_select& poller, timeval timeout) {
     return out;
 }
 
-// For what is ready already; long enough for what is not.
+// Waits long enough for what is not ready yet.
 Active pollNow(ev_select& poller) { return poll(poller, {10, 0}); }
 Active pollNoWait(ev_select& poller) { return poll(poller, {0, 0}); }
 
@@ -96,63 +96,35 @@ TEST(EvSelect, StartsEmpty) {
     poller->~ev_select();
 }
 
-TEST(EvSelect, IsNamedSelect) { EXPECT_EQ(ev_select().poolApiName(), "select"); }
-
-TEST(EvSelect, NumbersTheBitsAsItsUsersDo) {
+TEST(EvSelect, HasTheNameAndTheBitsThatItsUsersExpect) {
+    EXPECT_EQ(ev_select().poolApiName(), "select");
     EXPECT_EQ(int{ev::kRead}, 1);
     EXPECT_EQ(int{ev::kWrite}, 2);
     EXPECT_EQ(int{ev::kError}, 4);
 }
 
-// A pointer to a virtual member is, under the C++ ABI of this platform, one more than the member's
-// offset in the table; the destructor has two slots.
-template <typename Member>
-ptrdiff_t slotOf(Member member) {
-    ptrdiff_t parts[2];
-    static_assert(sizeof(member) == sizeof(parts));
-    std::memcpy(parts, &member, sizeof(parts));
-    return (parts[0] - 1) / static_cast<ptrdiff_t>(sizeof(void*));
-}
-
 TEST(EvSelect, KeepsTheOrderOfItsVirtualOperations) {
     static_assert(std::is_abstract_v<ev>);
     static_assert(std::has_virtual_destructor_v<ev>);
-    EXPECT_EQ(slotOf(&ev::addEvent), 2);
-    EXPECT_EQ(slotOf(&ev::removeEvent), 3);
-    EXPECT_EQ(slotOf(&ev::poll), 4);
-    EXPECT_EQ(slotOf(&ev::poolApiName), 5);
+    EXPECT_EQ(virtualSlot(&ev::addEvent), 2u);
+    EXPECT_EQ(virtualSlot(&ev::removeEvent), 3u);
+    EXPECT_EQ(virtualSlot(&ev::poll), 4u);
+    EXPECT_EQ(virtualSlot(&ev::poolApiName), 5u);
 }
 
 TEST(EvSelect, RegistersTheBitsOfTheMask) {
     ev_select poller;
+    EXPECT_TRUE(poller.addEvent(0, 0));
+    EXPECT_EQ(poller.m_maxfd, 0);
+    EXPECT_TRUE(poller.addEvent(14, 4));
     EXPECT_TRUE(poller.addEvent(11, 1));
     EXPECT_TRUE(poller.addEvent(12, 2));
-    EXPECT_TRUE(poller.addEvent(13, 3));
-    EXPECT_TRUE(poller.addEvent(14, 4));
+    EXPECT_TRUE(poller.addEvent(13, 1));
+    EXPECT_TRUE(poller.addEvent(13, 2));  // added to the first bit
     EXPECT_EQ(members(poller.readfds), (Set{11, 13}));
     EXPECT_EQ(members(poller.writefds), (Set{12, 13}));
-    EXPECT_EQ(poller.m_sockfdSet, (Set{11, 12, 13, 14}));
-    EXPECT_EQ(poller.m_maxfd, 14);
-}
-
-TEST(EvSelect, AddsBitsToARegistration) {
-    ev_select poller;
-    poller.addEvent(11, 1);
-    poller.addEvent(11, 2);
-    EXPECT_EQ(members(poller.readfds), Set{11});
-    EXPECT_EQ(members(poller.writefds), Set{11});
-    EXPECT_EQ(poller.m_sockfdSet, Set{11});
-}
-
-TEST(EvSelect, RaisesTheHighestDescriptorOnly) {
-    ev_select poller;
-    poller.addEvent(0, 3);
-    EXPECT_EQ(poller.m_maxfd, 0);
-    EXPECT_EQ(poller.m_sockfdSet, Set{0});
-    poller.addEvent(20, 3);
-    EXPECT_EQ(poller.m_maxfd, 20);
-    poller.addEvent(10, 3);
-    EXPECT_EQ(poller.m_maxfd, 20);
+    EXPECT_EQ(poller.m_sockfdSet, (Set{0, 11, 12, 13, 14}));
+    EXPECT_EQ(poller.m_maxfd, 14);  // lower descriptors leave it
 }
 
 TEST(EvSelect, RegistersWithoutWatchingForAMaskOfZero) {
@@ -169,26 +141,16 @@ TEST(EvSelect, RegistersWithoutWatchingForAMaskOfZero) {
 
 TEST(EvSelect, RemovalEndsTheRegistrationWhateverTheMask) {
     ev_select poller;
-    poller.addEvent(11, 3);
-    poller.addEvent(12, 3);
-    poller.addEvent(13, 3);
+    for (const int fd : {11, 12, 13, 14}) poller.addEvent(fd, 3);
     EXPECT_TRUE(poller.removeEvent(11, 1));
-    EXPECT_TRUE(poller.removeEvent(12, 2));
+    EXPECT_EQ(poller.m_maxfd, 14);
+    EXPECT_TRUE(poller.removeEvent(14, 2));
+    EXPECT_EQ(poller.m_maxfd, 13);  // the next one
     EXPECT_TRUE(poller.removeEvent(13, 0));
-    EXPECT_EQ(poller.m_sockfdSet, Set{});
-    EXPECT_EQ(members(poller.readfds), (Set{12, 13}));
-    EXPECT_EQ(members(poller.writefds), (Set{11, 13}));
-}
-
-TEST(EvSelect, RemovalLowersTheHighestDescriptorToTheNextOne) {
-    ev_select poller;
-    poller.addEvent(10, 3);
-    poller.addEvent(20, 3);
-    poller.addEvent(30, 3);
-    poller.removeEvent(10, 3);
-    EXPECT_EQ(poller.m_maxfd, 30);
-    poller.removeEvent(30, 3);
-    EXPECT_EQ(poller.m_maxfd, 20);
+    EXPECT_EQ(poller.m_maxfd, 12);
+    EXPECT_EQ(poller.m_sockfdSet, Set{12});
+    EXPECT_EQ(members(poller.readfds), (Set{12, 13, 14}));
+    EXPECT_EQ(members(poller.writefds), (Set{11, 12, 13}));
 }
 
 TEST(EvSelect, KeepsTheHighestDescriptorWhenTheLastOneGoes) {
@@ -202,12 +164,13 @@ TEST(EvSelect, KeepsTheHighestDescriptorWhenTheLastOneGoes) {
     EXPECT_TRUE(poller.addEvent(10, 3));
     EXPECT_EQ(poller.m_maxfd, 20);
     EXPECT_EQ(poller.m_sockfdSet, Set{10});
-    EXPECT_TRUE(poller.removeEvent(99, 3));  // never registered: only the highest is found anew
+    EXPECT_TRUE(
+        poller.removeEvent(99, 3));  // never registered: only the highest is determined again
     EXPECT_EQ(poller.m_maxfd, 10);
     EXPECT_EQ(poller.m_sockfdSet, Set{10});
 }
 
-TEST(EvSelect, PassesOverDescriptorsThatAnFdSetCannotHold) {
+TEST(EvSelect, IgnoresDescriptorsThatAnFdSetCannotHold) {
     ev_select poller;
     poller.addEvent(10, 3);
     const Set one{10};
@@ -254,15 +217,7 @@ TEST(EvSelect, HandsTheTimeoutToSelectUnchanged) {
     EXPECT_EQ(timeout.tv_sec, 0);  // Linux counts it down
     EXPECT_EQ(timeout.tv_usec, 0);
     pair.makeReadable();
-    EXPECT_EQ(poller.poll(nullptr).size(), 1u);  // none: wait as long as it takes
-}
-
-TEST(EvSelect, ReportsAnIdleConnectedSocketAsWritableAtOnce) {
-    const Pair pair;
-    ev_select poller;
-    poller.addEvent(pair.own, 3);
-    EXPECT_EQ(pollNow(poller), (Active{{pair.own, 2}}));
-    EXPECT_EQ(pollNow(poller), (Active{{pair.own, 2}}));
+    EXPECT_EQ(poller.poll(nullptr).size(), 1u);  // null: no limit
 }
 
 TEST(EvSelect, ReportsWhatIsReadyAndWatchedInAscendingOrder) {
@@ -286,25 +241,19 @@ TEST(EvSelect, ReportsWhatIsReadyAndWatchedInAscendingOrder) {
     EXPECT_EQ(pollNow(poller), Active(wanted.begin(), wanted.end()));
 }
 
-TEST(EvSelect, LeavesTheRegistrationsAsTheyAre) {
+TEST(EvSelect, ReportsASocketWheneverItIsReady) {
     const Pair pair;
     ev_select poller;
     poller.addEvent(pair.own, 3);
+    EXPECT_EQ(pollNow(poller), (Active{{pair.own, 2}}));  // idle: writable at once
+    EXPECT_EQ(pollNow(poller), (Active{{pair.own, 2}}));
     pair.makeUnwritable();
     EXPECT_EQ(pollNoWait(poller), Active{});
     EXPECT_EQ(members(poller.readfds), Set{pair.own});
     EXPECT_EQ(members(poller.writefds), Set{pair.own});
     EXPECT_EQ(members(poller._readfds), Set{});
-    pair.makeReadable();
-    EXPECT_EQ(pollNow(poller), (Active{{pair.own, 1}}));
-}
-
-TEST(EvSelect, ReportsTheEndOfTheStreamAsReadable) {
-    const Pair pair;
-    ev_select poller;
-    poller.addEvent(pair.own, 1);
     ASSERT_EQ(shutdown(pair.peer, SHUT_WR), 0);
-    EXPECT_EQ(pollNow(poller), (Active{{pair.own, 1}}));
+    EXPECT_EQ(pollNow(poller), (Active{{pair.own, 1}}));  // the end of the stream can be read
 }
 
 TEST(EvSelect, NoLongerReportsARemovedSocket) {
@@ -331,9 +280,11 @@ TEST(EvSelect, ReportsEverySocketInErrorWhenSelectFails) {
     Set registered{first.own, second.own, third.own};
     Active wanted;
     for (const int fd : registered) wanted.emplace_back(fd, 4);
-    EXPECT_EQ(poll(poller, {0, -1}), wanted);  // no such time: EINVAL
+    EXPECT_EQ(poll(poller, {0, -1}), wanted);  // EINVAL
     EXPECT_EQ(poller.m_sockfdSet, registered);
-    EXPECT_EQ(pollNow(poller).size(), 2u);  // and the next call is one like any other
+    EXPECT_EQ(pollNow(poller).size(), 2u);  // the next call works
+    ev_select empty;
+    EXPECT_EQ(poll(empty, {0, -1}), Active{});
 }
 
 TEST(EvSelect, OneClosedDescriptorBreaksAll) {
@@ -347,7 +298,7 @@ TEST(EvSelect, OneClosedDescriptorBreaksAll) {
     EXPECT_EQ(pollNow(poller), (Active{{healthy.own, 4}, {stale, 4}}));  // EBADF
 }
 
-TEST(EvSelect, TakesAnInterruptionForAFailure) {
+TEST(EvSelect, TreatsAnInterruptionAsAFailure) {
     const Pair first;
     const Pair second;
     ev_select poller;
@@ -355,11 +306,6 @@ TEST(EvSelect, TakesAnInterruptionForAFailure) {
     poller.addEvent(second.own, 1);
     const Interrupter interrupter;
     EXPECT_EQ(poll(poller, {60, 0}), (Active{{first.own, 4}, {second.own, 4}}));
-}
-
-TEST(EvSelect, AFailureWithNothingRegisteredReportsNothing) {
-    ev_select poller;
-    EXPECT_EQ(poll(poller, {0, -1}), Active{});
 }
 
 }  // namespace

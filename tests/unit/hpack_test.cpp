@@ -338,7 +338,7 @@ TEST(TableEncode, WritesLongIndexes) {
 TEST(TableEncode, SurplusBytesAreOldContents) {
     // 49279 = 127 + 3 * 2^14: 7F 80 80 03, and zeros up to the 386 bytes of 2 + (49152 >> 7). Of
     // them the first eight are kept; the short lengths between overwrite only the first one.
-    // 427 = 127 + 300: 7F AC 02, and a fourth byte that nobody writes.
+    // 427 = 127 + 300: 7F AC 02, and a fourth byte that is not written.
     EXPECT_EQ(encoded({field("x", std::string(49279, 'a'), kNever),
                        field("x", std::string(427, 'v'), kNever)}),
               hex("10 01 78 | 7F 80 80 03") + std::string(382, '\0') + std::string(49279, 'a') +

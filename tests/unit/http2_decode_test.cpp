@@ -72,7 +72,7 @@ TEST_F(Http2Decode, KeepsTheLastValueOfANameHoweverItCame) {
               ":status    301\n:status    200\n:status    404\n:status    500\n:status    204\n"
               "a    4\na    2\na    1\na    3\n");
     EXPECT_EQ(client->callbacks(), Calls{Callback::headers(204, {{":status", "204"}, {"a", "3"}})});
-    // Behind a reference to an older entry of the same name, in a call of its own.
+    // After a reference to an older entry of the same name, in a separate call.
     decode(headers(1, hpackLiteral("a", "5", Literal::kIncremental) + hpackLiteral("a", "6") +
                           hpackLiteral(8, "101") + hpackIndexed(62)));
     EXPECT_EQ(client->callbacks().back(), Callback::headers(101, {{":status", "101"}, {"a", "5"}}));

@@ -1,4 +1,4 @@
-// The hub's connections, and the requests that start and end on them.
+// The context's connections, and the requests that start and end on them.
 
 #include <cstdlib>
 #include <cstring>
@@ -29,7 +29,7 @@ TEST_F(HttpContextTest, StartsWithAPollerABufferAndNothingElse) {
     static_assert(!std::is_copy_assignable_v<HttpContext>);
 }
 
-TEST_F(HttpContextTest, SaysItsPollersNameOnTheConsole) {
+TEST_F(HttpContextTest, PrintsItsPollersName) {
     const CoutCapture console;
     const LogCapture log;
     auto* another = new HttpContext;
@@ -42,8 +42,8 @@ TEST_F(HttpContextTest, SaysItsPollersNameOnTheConsole) {
     EXPECT_EQ(console.str(), "select\n");
 }
 
-// In a process of its own, which has no instance yet.
-TEST(HttpContextInstance, IsMadeByTheFirstCallAndStays) {
+// Runs in its own process, which has no instance yet.
+TEST(HttpContextInstance, IsCreatedByTheFirstCallAndStays) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
@@ -56,7 +56,7 @@ TEST(HttpContextInstance, IsMadeByTheFirstCallAndStays) {
         ::testing::ExitedWithCode(7), "");
 }
 
-TEST(HttpContextInstance, IsNotMadeByClearingAClient) {
+TEST(HttpContextInstance, IsNotCreatedByClearingAClient) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
@@ -120,7 +120,7 @@ TEST_F(HttpContextTest, ReturnsMinusOneForAFailedHandshake) {
 }
 
 TEST_F(HttpContextTest, ReturnsMinusOneWithoutADescriptorLeft) {
-    // The sanitizer wants a descriptor when it sees an object of a class for the first time.
+    // The sanitizer needs a descriptor when it sees an object of a class for the first time.
     ASSERT_EQ(context().getHttpSocket(HTTP_2, kIp, RefusingPort().port()), -1);
     ScriptedServer server;
     HttpContext& hub = context();
@@ -143,7 +143,7 @@ TEST_F(HttpContextTest, RefusesADescriptorThatSelectCannotHold) {
 
     const LogCapture log;
     EXPECT_EQ(connect(server), -1);
-    EXPECT_EQ(log.messages().back(), "~~~~~HttpIO::HttpIO");  // made, and ended
+    EXPECT_EQ(log.messages().back(), "~~~~~HttpIO::HttpIO");  // created and destroyed
     EXPECT_EQ(context().m_httpIoMap.size(), 1u);
     EXPECT_EQ(context().m_newHttp2Set, Set{});
     EXPECT_EQ(context().m_removedHttp2Set, Set{});
@@ -151,7 +151,7 @@ TEST_F(HttpContextTest, RefusesADescriptorThatSelectCannotHold) {
     EXPECT_TRUE(server.waitClosedByPeer(1));
     EXPECT_FALSE(server.closedByPeer(0));
 
-    // And the last one that it can hold works.
+    // The highest descriptor that it can hold works.
     running(last);
     EXPECT_TRUE(pollUntil([&] { return server.received(0).size() > kPreface.size(); }));
 }
@@ -220,7 +220,7 @@ TEST_F(HttpContextTest, KnowsAConnectionByItsSerialNumberToo) {
     former.ctx()->setConnection(connection.fd, connection.io->serial());
     EXPECT_EQ(context().addHttpClientImpl(former.ctx()), 0);
     former.ctx()->setConnection(connection.fd, connection.io->serial() + 1);
-    former.ctx()->setSocket(connection.fd);  // whatever connection has it
+    former.ctx()->setSocket(connection.fd);  // any connection that has it
     EXPECT_EQ(context().removeHttpClientImpl(former.ctx()), 0);
     EXPECT_EQ(connection.engine->m_rstFrameMap.count(1), 1u);
     EXPECT_NE(scriptedConnection().io->serial(), connection.io->serial());
@@ -280,7 +280,7 @@ TEST_F(HttpContextTest, AConnectionWithoutARequestIsNeverPolled) {
     ASSERT_TRUE(waitReady(fd, POLLIN));
     for (int i = 0; i < 5; ++i) context().pollHttpClient(1);
     EXPECT_EQ(context().m_httpIoMap.count(fd), 1u);
-    running(fd);  // it is found out as soon as there is one
+    running(fd);  // the first request reveals the close
     EXPECT_TRUE(pollUntil([&] { return context().m_httpIoMap.empty(); }));
     EXPECT_EQ(m_clients.back()->callbacks(), Callbacks{Callback::closed()});
 }

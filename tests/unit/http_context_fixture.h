@@ -59,14 +59,14 @@ inline bool isFree(Lock& lock) {
     return true;
 }
 
-// A poller that reports what it is told, and notes what it is asked.
+// A poller with given results that records its calls.
 class ScriptedPoller : public ev {
 public:
     explicit ScriptedPoller(std::function<void(const std::string&)> hook = {})
         : m_hook(std::move(hook)) {}
 
-    bool addEvent(int fd, int mask) override { return note("add", fd, mask); }
-    bool removeEvent(int fd, int mask) override { return note("remove", fd, mask); }
+    bool addEvent(int fd, int mask) override { return record("add", fd, mask); }
+    bool removeEvent(int fd, int mask) override { return record("remove", fd, mask); }
     std::list<ActiveSocket> poll(timeval* timeout) override {
         m_calls.push_back("poll " + std::to_string(timeout->tv_sec) + " s " +
                           std::to_string(timeout->tv_usec) + " us");
@@ -78,7 +78,7 @@ public:
     Lines m_calls;
 
 private:
-    bool note(const std::string& what, int fd, int mask) {
+    bool record(const std::string& what, int fd, int mask) {
         m_calls.push_back(what + " " + std::to_string(fd) + " " + std::to_string(mask));
         if (m_hook) m_hook(what);
         return true;
@@ -120,10 +120,10 @@ public:
     std::function<void()> m_hook;  // called in each operation
 };
 
-// Each test has a context of its own, apart from the process's one, and is the poll thread.
+// Each test has its own context, separate from the process's, and acts as the poll thread.
 class HttpContextTest : public ::testing::Test {
 protected:
-    // An entry of the map with its parts in the test's hands.
+    // An entry of the map and its parts.
     struct Connection {
         int fd = -1;
         HttpIO* io = nullptr;
@@ -134,15 +134,15 @@ protected:
     HttpContextTest() : m_context(new HttpContext) {}
     ~HttpContextTest() override {
         char* const buffer = m_context->m_buffer;
-        // What a test leaves running ends silently: its callbacks would find the test gone.
+        // Requests still running end without callbacks, which would use the destroyed test.
         for (const auto& [fd, io] : m_context->m_httpIoMap) io->m_http2->m_httpClientMap.clear();
         delete m_context;
-        delete[] buffer;  // which the context leaves to the process's end
+        delete[] buffer;  // the context never frees it
     }
 
     HttpContext& context() { return *m_context; }
 
-    // Becomes the context's poller.
+    // Replaces the context's poller.
     ScriptedPoller& scriptedPoller(std::function<void(const std::string&)> hook = {}) {
         auto* poller = new ScriptedPoller(std::move(hook));
         delete m_context->m_pollPtr;

@@ -9,14 +9,14 @@ namespace {
 
 constexpr size_t kCacheLimit = 16777216;
 
-// The client's SETTINGS frame: 30 bytes of payload; their content is the engine's business.
+// The client's SETTINGS frame: 30 bytes of payload; the engine's tests check them.
 constexpr size_t kSettingsSize = 9 + 30;
 
 // The read handler
 
 TEST_F(HttpContextTest, ReadsUntilThereIsNothingMore) {
     const Connection connection = scriptedConnection();
-    RecordingClient& running_ = running(connection.fd);
+    RecordingClient& request = running(connection.fd);
     const std::string bytes =
         settings({}) + headers(1, hpackIndexed(8)) + data(1, "body", kEndStream);
     connection.transport->m_input = {bytes.substr(0, 10), bytes.substr(10, 3), bytes.substr(13)};
@@ -25,8 +25,8 @@ TEST_F(HttpContextTest, ReadsUntilThereIsNothingMore) {
     const std::vector<std::pair<char*, size_t>> reads(4,
                                                       {context().m_buffer, context().m_bufferLen});
     EXPECT_EQ(connection.transport->m_reads, reads);
-    EXPECT_EQ(running_.callbacks(), (Callbacks{Callback::headers(200, {{":status", "200"}}),
-                                               Callback::content("body", false)}));
+    EXPECT_EQ(request.callbacks(), (Callbacks{Callback::headers(200, {{":status", "200"}}),
+                                              Callback::content("body", false)}));
     EXPECT_EQ(context().m_removedHttp2Set, Set{});
     for (const std::string& text : log.messages()) {
         EXPECT_EQ(text.find("IO error"), std::string::npos) << text;
@@ -58,7 +58,7 @@ TEST_F(HttpContextTest, QueuesAnUnknownDescriptorForRemoval) {
     EXPECT_TRUE(isFree(context().m_removeLock));
 }
 
-// What the end of a connection logs, from the handler's line on.
+// The lines logged when a connection ends, from the handler's line on.
 Lines dropLines(const std::string& handlerLine, const std::string& ip, bool withRequest) {
     Lines out{"20000 HttpContext.cpp: " + handlerLine, "20000 HttpIO.cpp: ~~~~~HttpIO::HttpIO",
               "20000 Http2.cpp: ~~~~~Http2::Http2"};
@@ -168,7 +168,7 @@ TEST_F(HttpContextTest, LogsNothingAboveItsLevel) {
     EXPECT_EQ(log.levelQueries(), 3u * 5u);  // the handler's line and four at each end
 }
 
-TEST_F(HttpContextTest, AConnectionLivesAsLongAsItsLastReference) {
+TEST_F(HttpContextTest, AConnectionIsDestroyedWithItsLastReference) {
     const Connection connection = scriptedConnection();
     RecordingClient& request = running(connection.fd);
     connection.transport->m_readEnd = 0;
@@ -263,7 +263,7 @@ TEST_F(HttpContextTest, ProducesNothingNewAbove16MiBOfCache) {
     EXPECT_TRUE(context().writeEventHandler(connection.fd));
     EXPECT_FALSE(connection.engine->m_prefaceSent);
     EXPECT_EQ(connection.io->buffer().size(), kCacheLimit + 1);
-    EXPECT_EQ(connection.transport->m_writes.size(), 1u);  // what there is is written all the same
+    EXPECT_EQ(connection.transport->m_writes.size(), 1u);  // old bytes are still written
     connection.io->buffer().assign(kCacheLimit, 'x');
     EXPECT_TRUE(context().writeEventHandler(connection.fd));
     EXPECT_TRUE(connection.engine->m_prefaceSent);  // exactly the limit is not above it
@@ -286,7 +286,7 @@ TEST_F(HttpContextTest, DropsAConnectionWhoseWriteFails) {
     EXPECT_FALSE(isOpen(connection.fd));
 }
 
-TEST_F(HttpContextTest, DropsAConnectionThatTheEngineGivesUp) {
+TEST_F(HttpContextTest, DropsAConnectionWhoseEngineReportsNeedClose) {
     const Connection connection = scriptedConnection();
     const Connection other = scriptedConnection();
     RecordingClient& request = running(connection.fd);

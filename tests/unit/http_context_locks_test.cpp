@@ -1,4 +1,4 @@
-// Which locks are held when, and who waits for whom.
+// Which locks are held when, and which calls wait for which.
 
 #include <atomic>
 #include <fstream>
@@ -46,7 +46,7 @@ TEST_F(HttpContextTest, EveryDropCallsBackWithoutTheConnectionLock) {
     }
 }
 
-// A thread that tells whether it waits.
+// A thread that can be asked whether it waits.
 class Worker {
 public:
     explicit Worker(std::function<void()> work)
@@ -64,7 +64,7 @@ public:
     bool done() const { return m_done; }
     void join() { m_thread.join(); }
 
-    // Waits until the system has seen the thread asleep many times in a row, or it is done.
+    // Waits until the thread has been found asleep many times in a row, or is done.
     [[nodiscard]] bool waitAsleep() const {
         int inARow = 0;
         return waitFor([&] {
@@ -107,12 +107,12 @@ TEST_F(HttpContextTest, HoldsTheConnectionLockThroughTheHandshake) {
     EXPECT_TRUE(isFree(context().m_httpIolock));
 }
 
-// Who may touch a request while its connection ends
+// Calls on a request while its connection ends
 
 class RequestLock : public HttpContextTest {
 protected:
-    // Drops a connection on a thread of its own and stops it in its onSocketClosed. `meanwhile`
-    // runs on a second thread, and must not return before the callback does.
+    // Drops a connection on one thread and blocks that thread in onSocketClosed. `meanwhile` runs
+    // on a second thread and must not return before the callback does.
     void expectToWait(const std::function<void(Connection&)>& drop,
                       const std::function<void(HttpClientInterfaceImpl*)>& meanwhile) {
         Connection connection = scriptedConnection();
@@ -129,7 +129,7 @@ protected:
         bool overBefore = false;
         Worker polling([&] { drop(connection); });
         ASSERT_TRUE(inside.wait());
-        EXPECT_TRUE(isFree(context().m_httpIolock));  // what is waited for is not this lock
+        EXPECT_TRUE(isFree(context().m_httpIolock));  // the wait is not for this lock
         {
             Worker application([&] {
                 meanwhile(request.ctx());
@@ -200,8 +200,8 @@ TEST_F(RequestLock, WorksFromInsideOnSocketClosed) {
     });
     own = request.ctx();
     // Past the context, so that its lock has never been taken before this engine's. Inside the
-    // callback it is taken after it, which is harmless for an engine that nobody can reach any
-    // more; a checker of lock orders cannot know that.
+    // callback it is taken after it, which is harmless for an engine that cannot be reached any
+    // more; ThreadSanitizer cannot know that.
     connection.engine->addHttpClient(own);
     context().httpCron();
     EXPECT_FALSE(context().readEventHandler(connection.fd));
@@ -217,7 +217,7 @@ TEST_F(RequestLock, WorksFromInsideOnSocketClosed) {
     EXPECT_EQ(context().removeHttpClientImpl(own), 0);
 }
 
-TEST_F(RequestLock, HasNothingToTakeInsideACallbackOfAHandler) {
+TEST_F(RequestLock, IsNotTakenAgainInsideAHandlersCallback) {
     const Connection connection = scriptedConnection();
     Lines seen;
     running(connection.fd, [&](const Callback&) {
@@ -232,12 +232,12 @@ TEST_F(RequestLock, HasNothingToTakeInsideACallbackOfAHandler) {
     EXPECT_EQ(seen, (Lines{"held", "held"}));
     EXPECT_TRUE(isFree(context().m_httpIolock));
 
-    // Behind the handler the lock is the application's again.
+    // After the handler, lockRequests takes the lock again.
     const std::unique_lock<Lock> lock = context().lockRequests();
     EXPECT_FALSE(isFree(context().m_httpIolock));
 }
 
-TEST_F(RequestLock, KeepsTheHandlersOut) {
+TEST_F(RequestLock, BlocksTheHandlers) {
     const Connection connection = scriptedConnection();
     Worker* polling = nullptr;
     {
@@ -251,7 +251,7 @@ TEST_F(RequestLock, KeepsTheHandlersOut) {
     EXPECT_EQ(connection.transport->m_writes.size(), 1u);
 }
 
-// A client of the process's context that touches nothing of its own after its callback: it may be
+// A client of the process's context. It does not use its members after the callback: it may be
 // destroyed by then.
 class BareClient : public tiny::HttpClientInterface {
 public:

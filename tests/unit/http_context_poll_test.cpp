@@ -133,7 +133,7 @@ TEST_F(HttpContextTest, ServesTheSocketsInTheOrderOfTheList) {
     EXPECT_EQ(order, (Lines{"second", "second", "first", "second"}));
 }
 
-// Every later handler would queue the descriptor once more.
+// Any later handler would queue the descriptor again.
 TEST_F(HttpContextTest, CallsNoFurtherHandlerAfterADrop) {
     ScriptedPoller& poller = scriptedPoller();
     const auto forgetRemovals = [this](const Callback&) { context().m_removedHttp2Set.clear(); };

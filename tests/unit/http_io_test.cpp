@@ -1,4 +1,4 @@
-// One connection: how it is made, what it owns, and in which order it goes.
+// One connection: how it is created, what it owns, and in which order it is destroyed.
 
 #include "Http2Client/HttpIO.h"
 
@@ -53,40 +53,30 @@ std::string socketLine(const HttpIO& io) {
     return "20000 HttpSocketBase.cpp: createSocket socket:" + std::to_string(io.httpSocket());
 }
 
-TEST(HttpIo, ConnectsPlainAndLogsEachStep) {
-    ScriptedServer server;
-    const CoutCapture console;
-    const LogCapture log;
-    const std::shared_ptr<HttpIO> io = HttpIO::createHttpIO(HTTP_2, kIp, server.port());
-    ASSERT_TRUE(io);
-    EXPECT_EQ(logLines(log),
-              (Lines{"20000 HttpIO.cpp: createa http io: ip = 127.0.0.1begin",
+TEST(HttpIo, ConnectsAndLogsEachStep) {
+    for (const bool secure : {false, true}) {
+        ScriptedServer server(secure ? tls() : ServerOptions());
+        const CoutCapture console;
+        const LogCapture log;
+        const auto io = HttpIO::createHttpIO(secure ? HTTPS_2 : HTTP_2, kIp, server.port());
+        ASSERT_TRUE(io);
+        Lines wanted{"20000 HttpIO.cpp: createa http io: ip = 127.0.0.1begin",
                      "20000 HttpIO.cpp: HttpIO::HttpIO", "20000 Sock_Linux.cpp: creat new socket",
-                     socketLine(*io), "20000 Sock_Linux.cpp: connect new socket: ip :127.0.0.1",
-                     "20000 HttpIO.cpp: createa http io: ip = 127.0.0.1ok"}));
-    EXPECT_NE(functionThatLogged(log, "createa http io: ip = 127.0.0.1ok")
-                  .find("tiny::HttpIO::createHttpIO("),
-              std::string::npos);
-    EXPECT_NE(functionThatLogged(log, "HttpIO::HttpIO").find("tiny::HttpIO::HttpIO()"),
-              std::string::npos);
-    EXPECT_EQ(console.str(), "");
-    EXPECT_TRUE(server.waitConnections(1));
-}
-
-TEST(HttpIo, ConnectsOverTlsAndLogsEachStep) {
-    ScriptedServer server(tls());
-    const CoutCapture console;
-    const LogCapture log;
-    const std::shared_ptr<HttpIO> io = HttpIO::createHttpIO(HTTPS_2, kIp, server.port());
-    ASSERT_TRUE(io);
-    EXPECT_EQ(logLines(log),
-              (Lines{"20000 HttpIO.cpp: createa http io: ip = 127.0.0.1begin",
-                     "20000 HttpIO.cpp: HttpIO::HttpIO", "20000 Sock_Linux.cpp: creat new socket",
-                     socketLine(*io), "20000 Sock_Linux.cpp: connect new socket: ip :127.0.0.1",
-                     "20000 HttpSocketSSL.h: init ssl, ip: 127.0.0.1",
-                     "20000 HttpSocketSSL.h: init ssl success! ip: 127.0.0.1",
-                     "20000 HttpIO.cpp: createa http io: ip = 127.0.0.1ok"}));
-    EXPECT_EQ(console.str(), "");
+                     socketLine(*io), "20000 Sock_Linux.cpp: connect new socket: ip :127.0.0.1"};
+        if (secure) {
+            wanted.push_back("20000 HttpSocketSSL.h: init ssl, ip: 127.0.0.1");
+            wanted.push_back("20000 HttpSocketSSL.h: init ssl success! ip: 127.0.0.1");
+        }
+        wanted.push_back("20000 HttpIO.cpp: createa http io: ip = 127.0.0.1ok");
+        EXPECT_EQ(logLines(log), wanted);
+        EXPECT_NE(functionThatLogged(log, "createa http io: ip = 127.0.0.1ok")
+                      .find("tiny::HttpIO::createHttpIO("),
+                  std::string::npos);
+        EXPECT_NE(functionThatLogged(log, "HttpIO::HttpIO").find("tiny::HttpIO::HttpIO()"),
+                  std::string::npos);
+        EXPECT_EQ(console.str(), "");
+        EXPECT_TRUE(server.waitConnections(1));
+    }
 }
 
 TEST(HttpIo, KnowsItsConnection) {
@@ -175,7 +165,7 @@ TEST(HttpIo, IsEmptyAfterAFailedHandshakeAndStillLogsOk) {
 }
 
 TEST(HttpIo, IsEmptyWithoutADescriptorLeft) {
-    // The sanitizer wants a descriptor when it sees an object of a class for the first time.
+    // The sanitizer needs a descriptor when it sees an object of a class for the first time.
     LogCapture log;
     EXPECT_FALSE(HttpIO::createHttpIO(HTTP_2, kIp, RefusingPort().port()));
     log.clear();
@@ -190,7 +180,7 @@ TEST(HttpIo, IsEmptyWithoutADescriptorLeft) {
     EXPECT_EQ(lines[5], "20000 HttpIO.cpp: createa http io: ip = 127.0.0.1failed");
 }
 
-TEST(HttpIo, TakesANullAddressForAnEmptyOne) {
+TEST(HttpIo, TreatsANullAddressAsEmpty) {
     ScriptedServer server;
     const LogCapture log;
     const std::shared_ptr<HttpIO> io = HttpIO::createHttpIO(HTTP_2, nullptr, server.port());
@@ -200,7 +190,7 @@ TEST(HttpIo, TakesANullAddressForAnEmptyOne) {
     EXPECT_EQ(log.messages().back(), "createa http io: ip = ok");
 }
 
-TEST(HttpIo, EndsTheEngineBeforeTheTransport) {
+TEST(HttpIo, DestroysTheEngineBeforeTheTransport) {
     ScriptedServer server(tls());
     RecordingClient client;
     std::shared_ptr<HttpIO> io = HttpIO::createHttpIO(HTTPS_2, kIp, server.port());

@@ -1,5 +1,5 @@
-// The helpers whose mistakes no other test would show: bytes that are compared with the library's,
-// pages that catch a byte too far, and limits of waits.
+// The helpers whose mistakes no other test would find: bytes that are compared with the library's,
+// pages that make a read past the end crash, and time limits.
 
 #include <string>
 #include <thread>
@@ -77,7 +77,7 @@ char readAt(const char* bytes, size_t position) {
     return static_cast<const volatile char*>(bytes)[position];
 }
 
-TEST(GuardedBytesDeathTest, OneByteTooFarCrashes) {
+TEST(GuardedBytesDeathTest, ReadingPastTheEndCrashes) {
     EXPECT_DEATH(readAt(GuardedBytes("abc").data(), 3), "");
     EXPECT_DEATH(readAt(GuardedBytes("").data(), 0), "");
     EXPECT_DEATH(readAt(GuardedBytes(std::string(4096, 'x')).data(), 4096), "");

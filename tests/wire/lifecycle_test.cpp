@@ -38,13 +38,6 @@ size_t settledThreads() {
     return count;
 }
 
-void startGet(RecordingClient& client, ScriptedServer& server, size_t index = 0) {
-    ASSERT_EQ(connectTo(client, server), 0);
-    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
-    ASSERT_EQ(client.startRequest(nullptr), 0);
-    ASSERT_TRUE(server.waitFramesOf(index, kHeaders));
-}
-
 // ---- the library's thread
 
 TEST(Library, StartsAndStopsOneThread) {
@@ -98,7 +91,7 @@ TEST(Library, StopWaitsForTheCallbackThatIsUnderWay) {
     EXPECT_FALSE(waitFor([&] { return stopped.load(); }, std::chrono::milliseconds(100)));
     release.set();
     stopping.join();
-    EXPECT_EQ(client.callbacks(), std::vector<Callback>{okCallbacks()[0]});
+    EXPECT_EQ(client.callbacks(), Callbacks{okCallbacks()[0]});
 }
 
 TEST(Library, KeepsConnectionsFromOneThreadToTheNext) {
@@ -119,9 +112,8 @@ TEST(Library, KeepsConnectionsFromOneThreadToTheNext) {
     {
         const LibraryThread library;
         ASSERT_TRUE(client.waitEnd());
-        EXPECT_EQ(client.callbacks(),
-                  (std::vector<Callback>{okCallbacks()[0], Callback::content("one ", true),
-                                         Callback::content("two", false)}));
+        EXPECT_EQ(client.callbacks(), (Callbacks{okCallbacks()[0], Callback::content("one ", true),
+                                                 Callback::content("two", false)}));
         expectReceived(server, 0, opening() + getRequest(1, "/") + rstStream(1, kCancel));
     }
     // A request started meanwhile goes out with the next thread.
@@ -213,64 +205,50 @@ TEST(Signals, OfTheProcessAreForTheApplicationsThreads) {
 
 // ---- a descriptor that the system has given to another connection
 
-class ReusedDescriptor : public testing::Test {
+class ReusedDescriptor : public WireTest {
 protected:
     // Runs a request of `former` to its end, lets the server close the connection, and starts a
-    // request of `latter` on a connection with the same descriptor.
-    void hand(tiny::HttpClientInterface& former, RecordingClient& latter) {
+    // request of this test's client on a connection with the same descriptor.
+    void hand(RecordingClient& former) {
         const int fd = nextDescriptor();
-        ASSERT_EQ(connectTo(former, m_server), 0);
-        ASSERT_EQ(former.startRequest(nullptr), 0);
-        ASSERT_TRUE(m_server.waitFramesOf(0, kHeaders));
+        startGet(former);
         m_server.send(0, okResponse(1));
         ASSERT_TRUE(m_server.waitFramesOf(0, kRstStream));
         m_server.close(0);
         ASSERT_TRUE(waitFor([&] { return !isOpen(fd); }));
         const OccupiedDescriptors below(fd);
-        ASSERT_EQ(connectTo(latter, m_server), 0);
+        startGet(m_client, 1);
         ASSERT_TRUE(isOpen(fd));
-        ASSERT_EQ(latter.setUri("/", HTTP_GET), 0);
-        ASSERT_EQ(latter.startRequest(nullptr), 0);
-        expectReceived(m_server, 1, opening() + getRequest(1, "/"));
     }
-    // The other client's request and the next one go on as if there were no other client.
-    void expectUnharmed(RecordingClient& latter) {
+    // The client's request and the next one go on as if there had been no other client.
+    void expectUnharmed() {
         RecordingClient barrier;  // every connection is written to meanwhile
-        ASSERT_EQ(connectTo(barrier, m_server), 0);
-        ASSERT_EQ(barrier.startRequest(nullptr), 0);
-        ASSERT_TRUE(m_server.waitFramesOf(2, kHeaders));
+        startGet(barrier, 2);
         m_server.send(1, okResponse(1));
-        ASSERT_TRUE(latter.waitEnd());
-        EXPECT_EQ(latter.callbacks(), okCallbacks());
-        ASSERT_EQ(latter.startRequest(nullptr), 0);
-        expectReceived(m_server, 1,
-                       opening() + getRequest(1, "/") + rstStream(1, kCancel) + getRequest(3, "/"));
+        ASSERT_TRUE(m_client.waitEnd());
+        EXPECT_EQ(m_client.callbacks(), okCallbacks());
+        startNext();
+        expectReceived(m_server, 1, opening() + get(1) + rstStream(1, kCancel) + get(3));
     }
-
-    const RunningLibrary m_library;
-    ScriptedServer m_server;
 };
 
 TEST_F(ReusedDescriptor, CancellingWithdrawsNothingOfAnother) {
     RecordingClient former;
-    RecordingClient latter;
-    hand(former, latter);
+    hand(former);
     EXPECT_EQ(former.cancelRequest(), 0);
-    expectUnharmed(latter);
+    expectUnharmed();
 }
 
 TEST_F(ReusedDescriptor, DestructionWithdrawsNothingOfAnother) {
     auto former = std::make_unique<RecordingClient>();
-    RecordingClient latter;
-    hand(*former, latter);
+    hand(*former);
     former.reset();
-    expectUnharmed(latter);
+    expectUnharmed();
 }
 
 TEST_F(ReusedDescriptor, StartingFindsTheConnectionGone) {
     RecordingClient former;
-    RecordingClient latter;
-    hand(former, latter);
+    hand(former);
     former.clear();
     EXPECT_EQ(former.startRequest(nullptr), 2);
     int status = 0;
@@ -278,88 +256,68 @@ TEST_F(ReusedDescriptor, StartingFindsTheConnectionGone) {
     std::string content;
     const char* text = nullptr;
     EXPECT_EQ(former.blockedRequest(status, headerMap, content, text, 0), 2);
-    expectUnharmed(latter);
-    EXPECT_EQ(former.callbacks(), std::vector<Callback>());
+    expectUnharmed();
+    EXPECT_EQ(former.callbacks(), Callbacks());
     ASSERT_EQ(connectTo(former, m_server), 0);
     EXPECT_EQ(former.startRequest(nullptr), 0);
 }
 
 // ---- clients without a connection
 
-TEST(Client, RefusesSettingsBeforeItIsConnected) {
-    const RunningLibrary library;
-    RecordingClient client;
-    EXPECT_EQ(client.setUri("/", HTTP_GET), 4);
-    EXPECT_EQ(client.addHeader("a", "b", false), nullptr);
-    EXPECT_EQ(client.setContent("a", 1), 4);
-    EXPECT_EQ(client.setContent(&BodySource::read, nullptr), 4);
-    EXPECT_EQ(client.startRequest(nullptr), 4);
-    EXPECT_EQ(client.cancelRequest(), 4);
-    EXPECT_EQ(client.parseHttpClientStatus(nullptr), 4);
-    client.clearClient();
+class Client : public WireTest {};
+
+TEST_F(Client, RefusesSettingsBeforeItIsConnected) {
+    EXPECT_EQ(m_client.setUri("/", HTTP_GET), 4);
+    EXPECT_EQ(m_client.addHeader("a", "b", false), nullptr);
+    EXPECT_EQ(m_client.setContent("a", 1), 4);
+    EXPECT_EQ(m_client.setContent(&BodySource::read, nullptr), 4);
+    EXPECT_EQ(m_client.startRequest(nullptr), 4);
+    EXPECT_EQ(m_client.cancelRequest(), 4);
+    EXPECT_EQ(m_client.parseHttpClientStatus(nullptr), 4);
+    m_client.clearClient();
 
     // Nothing of it was kept.
-    ScriptedServer server;
-    ASSERT_EQ(connectTo(client, server), 0);
-    EXPECT_EQ(client.parseHttpClientStatus(nullptr), 0);
-    ASSERT_EQ(client.startRequest(nullptr), 0);
-    expectReceived(server, 0, opening() + headers(1, hex("4200 86 4400"), kWhole));
+    ASSERT_EQ(connectTo(m_client, m_server), 0);
+    EXPECT_EQ(m_client.parseHttpClientStatus(nullptr), 0);
+    startNext();
+    expectSent(headers(1, hex("4200 86 4400"), kWhole));
 }
 
 // ---- cancelling
 
-TEST(Cancel, ResetsTheStreamAndSilencesIt) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
-    startGet(client, server);
-    EXPECT_EQ(client.cancelRequest(), 0);
-    std::string expected = opening() + getRequest(1, "/") + rstStream(1, kCancel);
-    expectReceived(server, 0, expected);
+class Cancel : public WireTest {};
 
-    server.send(0, okResponse(1));  // too late: the DATA frame is answered with another reset
-    expected += rstStream(1, kCancel);
-    expectReceived(server, 0, expected);
-    EXPECT_EQ(client.callbacks(), std::vector<Callback>());
+TEST_F(Cancel, ResetsTheStreamAndSilencesIt) {
+    startGet();
+    EXPECT_EQ(m_client.cancelRequest(), 0);
+    expectSent(get(1) + rstStream(1, kCancel));
 
-    ASSERT_EQ(client.startRequest(nullptr), 0);
-    expected += getRequest(3, "/");
-    expectReceived(server, 0, expected);
-    server.send(0, okResponse(3));
-    ASSERT_TRUE(client.waitEnd());
-    EXPECT_EQ(client.callbacks(), okCallbacks());
+    m_server.send(0, okResponse(1));  // too late: the DATA frame is answered with another reset
+    expectSent(rstStream(1, kCancel));
+    EXPECT_EQ(m_client.callbacks(), Callbacks());
+
+    startNext();
+    expectSent(get(3));
+    expectAnswered(3);
 }
 
-TEST(Cancel, WithoutARequestResetsTheLastStreamAgain) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
-    startGet(client, server);
-    server.send(0, okResponse(1));
-    ASSERT_TRUE(client.waitEnd());
-    std::string expected = opening() + getRequest(1, "/") + rstStream(1, kCancel);
-    expectReceived(server, 0, expected);
-    EXPECT_EQ(client.cancelRequest(), 0);
-    expected += rstStream(1, kCancel);
-    expectReceived(server, 0, expected);
+TEST_F(Cancel, WithoutARequestResetsTheLastStreamAgain) {
+    startGet();
+    expectAnswered();
+    expectSent(get(1) + rstStream(1, kCancel));
+    EXPECT_EQ(m_client.cancelRequest(), 0);
+    expectSent(rstStream(1, kCancel));
 }
 
-TEST(Cancel, BeforeTheFirstRequestResetsStreamZero) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
-    ASSERT_EQ(connectTo(client, server), 0);
-    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
-    EXPECT_EQ(client.cancelRequest(), 0);
-    EXPECT_EQ(client.cancelRequest(), 0);
-    ASSERT_EQ(client.startRequest(nullptr), 0);
-    expectReceived(server, 0, opening() + rstStream(0, kCancel) + getRequest(1, "/"));
+TEST_F(Cancel, BeforeTheFirstRequestResetsStreamZero) {
+    connect();
+    EXPECT_EQ(m_client.cancelRequest(), 0);
+    EXPECT_EQ(m_client.cancelRequest(), 0);
+    ASSERT_EQ(m_client.startRequest(nullptr), 0);
+    expectSent(rstStream(0, kCancel) + get(1));
 }
 
-TEST(Cancel, LeavesTheReaderAlone) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
+TEST_F(Cancel, LeavesTheReaderAlone) {
     struct Endless {
         size_t calls = 0;
         static int read(char* buf, size_t len, void* opaque) {
@@ -368,25 +326,20 @@ TEST(Cancel, LeavesTheReaderAlone) {
             return static_cast<int>(len);
         }
     };
-    for (uint32_t streamId = 1; streamId < 9; streamId += 2) {
+    for (size_t index = 0; index < 4; ++index) {
         auto body = std::make_unique<Endless>();
-        ASSERT_EQ(connectTo(client, server), 0);
-        const size_t index = streamId / 2;
-        ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
-        ASSERT_EQ(client.setContent(&Endless::read, body.get()), 0);
-        ASSERT_EQ(client.startRequest(nullptr), 0);
-        ASSERT_TRUE(server.waitFramesOf(index, kData, 3));
-        EXPECT_EQ(client.cancelRequest(), 0);
+        startPost(&Endless::read, body.get());
+        ASSERT_TRUE(m_server.waitFramesOf(index, kData, 3));
+        EXPECT_EQ(m_client.cancelRequest(), 0);
         const size_t calls = body->calls;
-        ASSERT_TRUE(server.waitFramesOf(index, kRstStream));
+        ASSERT_TRUE(m_server.waitFramesOf(index, kRstStream));
         EXPECT_EQ(body->calls, calls);
-        EXPECT_EQ(server.frames(index, kData).size(), calls);
+        EXPECT_EQ(m_server.frames(index, kData).size(), calls);
         body.reset();
     }
 }
 
-TEST(Cancel, RacesWithTheAnswerWithoutHarm) {
-    const RunningLibrary library;
+TEST_F(Cancel, RacesWithTheAnswerWithoutHarm) {
     ServerOptions options;
     options.responder = echoPath;
     ScriptedServer server(options);
@@ -399,10 +352,10 @@ TEST(Cancel, RacesWithTheAnswerWithoutHarm) {
             ASSERT_TRUE(client.waitHeaders());
         }
         EXPECT_EQ(client.cancelRequest(), 0);
-        const std::vector<Callback> seen = client.callbacks();
+        const Callbacks seen = client.callbacks();
         ASSERT_EQ(client.startRequest(nullptr), 0);
         ASSERT_TRUE(client.waitCallbacks(seen.size() + 2));
-        std::vector<Callback> all = client.callbacks();
+        Callbacks all = client.callbacks();
         all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(seen.size()));
         ASSERT_EQ(all, okCallbacks("/"));
     }
@@ -410,19 +363,18 @@ TEST(Cancel, RacesWithTheAnswerWithoutHarm) {
 
 // ---- destruction
 
-TEST(Destroy, EndsTheRunningRequest) {
-    const RunningLibrary library;
-    ScriptedServer server;
+class Destroy : public WireTest {};
+
+TEST_F(Destroy, EndsTheRunningRequest) {
     auto client = std::make_unique<RecordingClient>();
-    startGet(*client, server);
+    startGet(*client);
     client.reset();
-    expectReceived(server, 0, opening() + getRequest(1, "/") + rstStream(1, kCancel));
+    expectSent(get(1) + rstStream(1, kCancel));
     // The connection outlives its client, and hears of answers that come too late.
-    server.send(0, okResponse(1));
-    expectReceived(server, 0,
-                   opening() + getRequest(1, "/") + rstStream(1, kCancel) + rstStream(1, kCancel));
-    server.send(0, goaway(1, 0));
-    EXPECT_TRUE(server.waitClosedByPeer(0));
+    m_server.send(0, okResponse(1));
+    expectSent(rstStream(1, kCancel));
+    m_server.send(0, goaway(1, 0));
+    EXPECT_TRUE(m_server.waitClosedByPeer(0));
 }
 
 // Counts its callbacks elsewhere, and cancels in its destructor, as an application should.
@@ -450,8 +402,7 @@ private:
     std::atomic<bool>& m_alive;
 };
 
-TEST(Destroy, MakesNoCallbackAfterwards) {
-    const RunningLibrary library;
+TEST_F(Destroy, MakesNoCallbackAfterwards) {
     ServerOptions options;
     options.keepReceived = false;
     // A flood that never ends by itself.
@@ -482,8 +433,7 @@ TEST(Destroy, MakesNoCallbackAfterwards) {
     }
 }
 
-TEST(Destroy, RacesWithTheConnectionsEndWithoutHarm) {
-    const RunningLibrary library;
+TEST_F(Destroy, RacesWithTheConnectionsEndWithoutHarm) {
     ServerOptions options;
     options.responder = [](size_t index, const WireFrame& frame) {
         if (frame.type != kHeaders) return std::string();
@@ -494,13 +444,11 @@ TEST(Destroy, RacesWithTheConnectionsEndWithoutHarm) {
         }
     };
     ScriptedServer server(options);
-    for (int i = 0; i < 90; ++i) {
+    for (size_t i = 0; i < 90; ++i) {
         Counter callbacks;
         std::atomic<bool> alive{false};
         auto client = std::make_unique<CountingClient>(callbacks, alive);
-        ASSERT_EQ(connectTo(*client, server), 0);
-        ASSERT_EQ(client->startRequest(nullptr), 0);
-        ASSERT_TRUE(server.waitFramesOf(static_cast<size_t>(i), kHeaders));
+        h2test::startGet(*client, server, i);
         if (i % 2 == 0) {
             ASSERT_TRUE(callbacks.waitAtLeast(1));
         }
@@ -511,83 +459,70 @@ TEST(Destroy, RacesWithTheConnectionsEndWithoutHarm) {
 
 // ---- two connections of one client
 
-TEST(Reconnect, OpensASecondConnectionAndUsesIt) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
-    startGet(client, server);
-    server.send(0, okResponse(1));
-    ASSERT_TRUE(client.waitEnd());
-    client.clear();
-    ASSERT_EQ(connectTo(client, server), 0);
-    ASSERT_EQ(client.startRequest(nullptr), 0);
-    expectReceived(server, 1, opening() + getRequest(1, "/"));
-    server.send(1, okResponse(1, "new"));
-    ASSERT_TRUE(client.waitEnd());
-    EXPECT_EQ(client.callbacks(), okCallbacks("new"));
+class Reconnect : public WireTest {};
+
+TEST_F(Reconnect, OpensASecondConnectionAndUsesIt) {
+    startGet();
+    expectAnswered();
+    m_client.clear();
+    ASSERT_EQ(connectTo(m_client, m_server), 0);
+    ASSERT_EQ(m_client.startRequest(nullptr), 0);
+    expectReceived(m_server, 1, opening() + get(1));
+    m_server.send(1, okResponse(1, "new"));
+    ASSERT_TRUE(m_client.waitEnd());
+    EXPECT_EQ(m_client.callbacks(), okCallbacks("new"));
     // The first is open and served, but no longer this client's.
-    EXPECT_FALSE(server.closedByPeer(0));
-    server.close(0);
-    EXPECT_TRUE(server.waitClosedByPeer(0));
-    EXPECT_EQ(client.callbacks(), okCallbacks("new"));
+    EXPECT_FALSE(m_server.closedByPeer(0));
+    m_server.close(0);
+    EXPECT_TRUE(m_server.waitClosedByPeer(0));
+    EXPECT_EQ(m_client.callbacks(), okCallbacks("new"));
 }
 
-TEST(Reconnect, TheRequestOnTheFirstConnectionGoesOn) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
-    startGet(client, server);
-    ASSERT_EQ(connectTo(client, server), 0);
-    EXPECT_EQ(client.startRequest(nullptr), 8);
-    server.send(0, okResponse(1, "from the first"));
-    ASSERT_TRUE(client.waitEnd());
-    EXPECT_EQ(client.callbacks(), okCallbacks("from the first"));
-    client.clear();
-    ASSERT_EQ(client.startRequest(nullptr), 0);
-    expectReceived(server, 1, opening() + getRequest(1, "/"));
+TEST_F(Reconnect, TheRequestOnTheFirstConnectionGoesOn) {
+    startGet();
+    ASSERT_EQ(connectTo(m_client, m_server), 0);
+    EXPECT_EQ(m_client.startRequest(nullptr), 8);
+    m_server.send(0, okResponse(1, "from the first"));
+    ASSERT_TRUE(m_client.waitEnd());
+    EXPECT_EQ(m_client.callbacks(), okCallbacks("from the first"));
+    startNext();
+    expectReceived(m_server, 1, opening() + get(1));
 }
 
-TEST(Reconnect, DestroyedClientIsForgottenByBothConnections) {
-    const RunningLibrary library;
-    ScriptedServer server;
+TEST_F(Reconnect, DestroyedClientIsForgottenByBothConnections) {
     Counter callbacks;
     std::atomic<bool> alive{false};
     auto client = std::make_unique<CountingClient>(callbacks, alive);
-    ASSERT_EQ(connectTo(*client, server), 0);
-    ASSERT_EQ(client->setUri("/", HTTP_GET), 0);
-    ASSERT_EQ(client->startRequest(nullptr), 0);
-    ASSERT_TRUE(server.waitFramesOf(0, kHeaders));
-    ASSERT_EQ(connectTo(*client, server), 0);
+    startGet(*client);
+    ASSERT_EQ(connectTo(*client, m_server), 0);
     client.reset();
     // The stream has no client any more, so its data is answered with a reset.
-    server.send(0, headers(1, hpackIndexed(8)) + data(1, "for nobody"));
-    ASSERT_TRUE(server.waitFramesOf(0, kRstStream));
-    EXPECT_EQ(server.frames(0, kRstStream)[0], parseFrames(rstStream(1, kCancel))[0]);
-    server.send(0, goaway(0, 0));
-    EXPECT_TRUE(server.waitClosedByPeer(0));
+    m_server.send(0, headers(1, hpackIndexed(8)) + data(1, "for nobody"));
+    ASSERT_TRUE(m_server.waitFramesOf(0, kRstStream));
+    EXPECT_EQ(m_server.frames(0, kRstStream)[0], parseFrames(rstStream(1, kCancel))[0]);
+    m_server.send(0, goaway(0, 0));
+    EXPECT_TRUE(m_server.waitClosedByPeer(0));
     EXPECT_EQ(callbacks.count(), 0u);
 }
 
-TEST(Reconnect, DestroyedClientHearsNothingOfEitherConnectionsFailure) {
-    const RunningLibrary library;
-    ScriptedServer server;
+TEST_F(Reconnect, DestroyedClientHearsNothingOfEitherConnectionsFailure) {
     for (size_t i = 0; i < 40; i += 2) {
         Counter callbacks;
         std::atomic<bool> alive{false};
         auto client = std::make_unique<CountingClient>(callbacks, alive);
-        ASSERT_EQ(connectTo(*client, server), 0);
-        ASSERT_EQ(client->startRequest(nullptr), 0);
-        ASSERT_TRUE(server.waitFramesOf(i, kHeaders));
-        ASSERT_EQ(connectTo(*client, server), 0);
-        server.send(i, i % 4 == 0 ? frame(10, 0, 0, "") : goaway(0, 0));
+        startGet(*client, i);
+        ASSERT_EQ(connectTo(*client, m_server), 0);
+        m_server.send(i, i % 4 == 0 ? frame(10, 0, 0, "") : goaway(0, 0));
         client.reset();
         EXPECT_LE(callbacks.count(), 1u);
-        EXPECT_TRUE(server.waitClosedByPeer(i));
+        EXPECT_TRUE(m_server.waitClosedByPeer(i));
         EXPECT_LE(callbacks.count(), 1u);
     }
 }
 
 // ---- settings without a request
+
+class SettingsWithoutARequest : public WireTest {};
 
 // Runs every call that changes a request. False: one of them has not returned.
 bool settingsReturn(tiny::HttpClientInterface& client, const std::function<void()>& unblock) {
@@ -606,28 +541,23 @@ bool settingsReturn(tiny::HttpClientInterface& client, const std::function<void(
     return returned;
 }
 
-TEST(SettingsWithoutARequest, WaitForNoHandshake) {
-    const RunningLibrary library;
-    ScriptedServer server;
+TEST_F(SettingsWithoutARequest, WaitForNoHandshake) {
     ScriptedServer silent;  // takes the ClientHello and never answers
-    RecordingClient client;
-    startGet(client, server);
-    server.send(0, okResponse(1));
-    ASSERT_TRUE(client.waitEnd());
-    ASSERT_TRUE(server.waitFramesOf(0, kRstStream));
+    startGet();
+    expectAnswered();
+    ASSERT_TRUE(m_server.waitFramesOf(0, kRstStream));
     RecordingClient other;
     std::thread connecting([&] { EXPECT_EQ(connectTo(other, silent, true), 4); });
     ASSERT_TRUE(silent.waitReceived(0, 1));
-    EXPECT_TRUE(settingsReturn(client, [&] { silent.close(0); }));
+    EXPECT_TRUE(settingsReturn(m_client, [&] { silent.close(0); }));
     connecting.join();
 }
 
-TEST(SettingsWithoutARequest, WaitForNoCallbackNotEvenTheirOwnLast) {
+TEST_F(SettingsWithoutARequest, WaitForNoCallbackNotEvenTheirOwnLast) {
+    size_t index = 0;
     for (const std::string& end : {okResponse(1), rstStream(1, 2), std::string("closed")}) {
-        const RunningLibrary library;
-        ScriptedServer server;
         RecordingClient idle;
-        ASSERT_EQ(connectTo(idle, server), 0);
+        connect(idle);
         Event inside;
         Event release;
         RecordingClient client([&](const Callback& callback) {
@@ -635,33 +565,33 @@ TEST(SettingsWithoutARequest, WaitForNoCallbackNotEvenTheirOwnLast) {
             inside.set();
             EXPECT_TRUE(release.wait());
         });
-        startGet(client, server, 1);
+        startGet(client, index + 1);
         if (end == "closed") {
-            server.close(1);
+            m_server.close(index + 1);
         } else {
-            server.send(1, end);
+            m_server.send(index + 1, end);
         }
         ASSERT_TRUE(inside.wait());
         EXPECT_TRUE(settingsReturn(idle, [] {})) << end;
         EXPECT_TRUE(settingsReturn(client, [&] { release.set(); })) << end;
-        release.set();
+        index += 2;
     }
 }
 
 // ---- settings while a request runs
 
-TEST(SettingsWhileRunning, WorkInsideCallbacksAndWaitForNothing) {
-    const RunningLibrary library;
-    ScriptedServer server;
+class SettingsWhileRunning : public WireTest {};
+
+TEST_F(SettingsWhileRunning, WorkInsideCallbacksAndWaitForNothing) {
     ScriptedServer silent;
     RecordingClient other;
-    startGet(other, server);
+    startGet(other);
     RecordingClient client([&](const Callback&) {
         EXPECT_EQ(client.addHeader("a", "b", false), &client);
         EXPECT_EQ(other.setContent("", 0), 0);
     });
-    startGet(client, server, 1);
-    server.send(1, headers(1, hpackIndexed(8)));
+    startGet(client, 1);
+    m_server.send(1, headers(1, hpackIndexed(8)));
     ASSERT_TRUE(client.waitHeaders());
     // Outside a handler's lock, too, which another client's handshake holds by now.
     RecordingClient third;
@@ -674,8 +604,8 @@ TEST(SettingsWhileRunning, WorkInsideCallbacksAndWaitForNothing) {
         EXPECT_EQ(other.addHeader("c", "d", false), &other);
         finished.set();
     });
-    startGet(ending, server, 2);
-    server.close(2);
+    startGet(ending, 2);
+    m_server.close(2);
     ASSERT_TRUE(inside.wait());
     std::thread connecting([&] { EXPECT_EQ(connectTo(third, silent, true), 4); });
     ASSERT_TRUE(silent.waitReceived(0, 1));
@@ -685,49 +615,32 @@ TEST(SettingsWhileRunning, WorkInsideCallbacksAndWaitForNothing) {
     connecting.join();
 }
 
-TEST(SettingsWhileRunning, NewUriSendsTheHeadersAnew) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
-    startGet(client, server);
-    EXPECT_EQ(client.setUri("/new", HTTP_POST), 0);
-    std::string expected =
-        opening() + getRequest(1, "/") + headers(1, requestBlock(hex("83"), "/new", false), kWhole);
-    expectReceived(server, 0, expected);
-    server.send(0, okResponse(1));
-    ASSERT_TRUE(client.waitEnd());
-    EXPECT_EQ(client.callbacks(), okCallbacks());
-    expectReceived(server, 0, expected + rstStream(1, kCancel));
+TEST_F(SettingsWhileRunning, NewUriSendsTheHeadersAnew) {
+    startGet();
+    EXPECT_EQ(m_client.setUri("/new", HTTP_POST), 0);
+    expectSent(get(1) + headers(1, requestBlock(hex("83"), "/new", false), kWhole));
+    expectAnswered();
+    expectSent(rstStream(1, kCancel));
 }
 
-TEST(SettingsWhileRunning, NewHeaderIsForTheNextRequest) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
-    startGet(client, server);
-    EXPECT_EQ(client.addHeader("x", "y", false), &client);
-    server.send(0, okResponse(1));
-    ASSERT_TRUE(client.waitEnd());
-    ASSERT_EQ(client.startRequest(nullptr), 0);
-    expectReceived(server, 0,
-                   opening() + getRequest(1, "/") + rstStream(1, kCancel) +
-                       getRequest(3, "/", false, hpackLiteral("x", "y", Literal::kIncremental)));
+TEST_F(SettingsWhileRunning, NewHeaderIsForTheNextRequest) {
+    startGet();
+    EXPECT_EQ(m_client.addHeader("x", "y", false), &m_client);
+    expectAnswered();
+    ASSERT_EQ(m_client.startRequest(nullptr), 0);
+    expectSent(get(1) + rstStream(1, kCancel) +
+               get(3, "/", hpackLiteral("x", "y", Literal::kIncremental)));
 }
 
-TEST(SettingsWhileRunning, NewReaderSendsItsBody) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    BodySource body("late body");
-    RecordingClient client;
-    startGet(client, server);
-    EXPECT_EQ(client.setContent(&BodySource::read, &body), 0);
-    expectReceived(server, 0, opening() + getRequest(1, "/") + data(1, "late body", kEndStream));
-    server.send(0, okResponse(1));
-    ASSERT_TRUE(client.waitEnd());
+TEST_F(SettingsWhileRunning, NewReaderSendsItsBody) {
+    m_body.bytes = "late body";
+    startGet();
+    EXPECT_EQ(m_client.setContent(&BodySource::read, &m_body), 0);
+    expectSent(get(1) + data(1, "late body", kEndStream));
+    expectAnswered();
 }
 
-TEST(SettingsWhileRunning, AreKeptApartFromTheRequest) {
-    const RunningLibrary library;
+TEST_F(SettingsWhileRunning, AreKeptApartFromTheRequest) {
     ServerOptions options;
     options.responder = [](size_t, const WireFrame& frame) {
         return frame.type == kHeaders
@@ -754,21 +667,14 @@ TEST(SettingsWhileRunning, AreKeptApartFromTheRequest) {
     EXPECT_EQ(client.cancelRequest(), 0);
 }
 
-TEST(SettingsWhileRunning, ClearClientForgetsTheRequestButNotItsStream) {
-    const RunningLibrary library;
-    ScriptedServer server;
-    RecordingClient client;
-    startGet(client, server);
-    client.clearClient();
-    EXPECT_EQ(client.parseHttpClientStatus(nullptr), 0);
+TEST_F(SettingsWhileRunning, ClearClientForgetsTheRequestButNotItsStream) {
+    startGet();
+    m_client.clearClient();
+    EXPECT_EQ(m_client.parseHttpClientStatus(nullptr), 0);
     // Cleared, the request counts as not sent: its headers go out once more, with nothing in them.
-    const std::string expected =
-        opening() + getRequest(1, "/") + headers(1, hex("82 86 4400"), kWhole);
-    expectReceived(server, 0, expected);
-    server.send(0, okResponse(1));
-    ASSERT_TRUE(client.waitEnd());
-    EXPECT_EQ(client.callbacks(), okCallbacks());
-    expectReceived(server, 0, expected + rstStream(1, kCancel));
+    expectSent(get(1) + headers(1, hex("82 86 4400"), kWhole));
+    expectAnswered();
+    expectSent(rstStream(1, kCancel));
 }
 
 }  // namespace

@@ -28,20 +28,15 @@ std::string pathFor(size_t thread, size_t client, size_t round) {
            std::to_string(round);
 }
 
-class ManyClients : public testing::TestWithParam<bool> {
+class ManyClients : public OverEachTransport {
 protected:
-    static bool tls() { return GetParam(); }
-    static ServerOptions answering(Responder responder) {
-        ServerOptions options = serverOptions(tls());
+    ServerOptions answering(Responder responder) {
+        ServerOptions options = serverOptions(m_tls);
         options.responder = std::move(responder);
         return options;
     }
-
-    RunningLibrary m_library;
 };
-
-INSTANTIATE_TEST_SUITE_P(Transport, ManyClients, testing::Bool(),
-                         [](const auto& info) { return info.param ? "Tls" : "Plain"; });
+H2TEST_OVER_EACH_TRANSPORT(ManyClients);
 
 TEST_P(ManyClients, EachGetsItsOwnAnswers) {
     constexpr size_t kClients = 8;  // a thread; 64 in all
@@ -52,7 +47,7 @@ TEST_P(ManyClients, EachGetsItsOwnAnswers) {
         std::vector<std::unique_ptr<RecordingClient>> clients;
         for (size_t i = 0; i < kClients; ++i) {
             clients.push_back(std::make_unique<RecordingClient>());
-            ASSERT_EQ(connectTo(*clients.back(), server, tls()), 0);
+            ASSERT_EQ(connectTo(*clients.back(), server, m_tls), 0);
         }
         for (size_t round = 0; round < kRounds; ++round) {
             for (size_t i = 0; i < kClients; ++i) {
@@ -101,7 +96,7 @@ TEST_P(ManyClients, EachGetsItsOwnEnd) {
         std::vector<std::unique_ptr<RecordingClient>> clients;
         for (size_t i = 0; i < kClients; ++i) {
             clients.push_back(std::make_unique<RecordingClient>());
-            ASSERT_EQ(connectTo(*clients.back(), server, tls()), 0);
+            ASSERT_EQ(connectTo(*clients.back(), server, m_tls), 0);
             const auto& end = ends[(thread + i) % ends.size()];
             ASSERT_EQ(clients.back()->setUri(end.first.c_str(), HTTP_GET), 0);
             ASSERT_EQ(clients.back()->startRequest(nullptr), 0);
@@ -119,7 +114,7 @@ TEST_P(ManyClients, BlockedOnesWaitSideBySide) {
     std::atomic<size_t> complete{0};
     onThreads(kThreads, [&](size_t thread) {
         RecordingClient client;
-        ASSERT_EQ(connectTo(client, server, tls()), 0);
+        ASSERT_EQ(connectTo(client, server, m_tls), 0);
         for (size_t round = 0; round < 5; ++round) {
             const std::string path = pathFor(thread, 0, round);
             ASSERT_EQ(client.setUri(path.c_str(), HTTP_GET), 0);
@@ -142,7 +137,7 @@ TEST_P(ManyClients, ComeAndGoWhileOthersRun) {
     onThreads(kThreads, [&](size_t thread) {
         for (size_t round = 0; round < 10; ++round) {
             RecordingClient client;
-            ASSERT_EQ(connectTo(client, server, tls()), 0);
+            ASSERT_EQ(connectTo(client, server, m_tls), 0);
             const std::string path = pathFor(thread, 0, round);
             ASSERT_EQ(client.setUri(path.c_str(), HTTP_GET), 0);
             ASSERT_EQ(client.startRequest(nullptr), 0);
@@ -167,7 +162,7 @@ TEST_P(ManyClients, UploadSideBySide) {
     onThreads(kThreads, [&](size_t thread) {
         BodySource body(distinctBytes(100'000 + thread * 4) + std::to_string(thread));
         RecordingClient client;
-        ASSERT_EQ(connectTo(client, server, tls()), 0);
+        ASSERT_EQ(connectTo(client, server, m_tls), 0);
         ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
         ASSERT_EQ(client.setContent(&BodySource::read, &body), 0);
         ASSERT_EQ(client.startRequest(nullptr), 0);

@@ -53,6 +53,15 @@ inline int connectTo(tiny::HttpClientInterface& client, const ScriptedServer& se
     return client.connectToServer(schemaOf(tls), ScriptedServer::ip(), server.port());
 }
 
+// Connects; returns when connection `index` has brought a GET of "/" to the server.
+inline void startGet(tiny::HttpClientInterface& client, ScriptedServer& server, size_t index = 0,
+                     bool tls = false) {
+    ASSERT_EQ(connectTo(client, server, tls), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitFramesOf(index, kHeaders));
+}
+
 // What every connection starts with.
 inline std::string opening() {
     return std::string(kPreface) + hex("00001e 04 00 00000000"  // SETTINGS of 30 bytes, stream 0
@@ -89,9 +98,12 @@ inline std::string okResponse(uint32_t streamId, std::string_view body = "ok") {
     return headers(streamId, hpackIndexed(8)) + data(streamId, body, kEndStream);
 }
 
-// The callbacks that okResponse leads to.
-inline std::vector<Callback> okCallbacks(std::string_view body = "ok") {
-    return {Callback::headers(200, {{":status", "200"}}), Callback::content(body, false)};
+using Callbacks = std::vector<Callback>;
+
+// The callbacks that okResponse leads to: the headers alone, and all.
+inline Callback okHeaders() { return Callback::headers(200, {{":status", "200"}}); }
+inline Callbacks okCallbacks(std::string_view body = "ok") {
+    return {okHeaders(), Callback::content(body, false)};
 }
 
 // Checks that connection `index` has sent exactly `expected` so far.
@@ -126,7 +138,7 @@ struct BodySource {
     size_t at = 0;
     std::vector<size_t> asked;  // the `len` of each call
 
-    explicit BodySource(std::string body) : bytes(std::move(body)) {}
+    explicit BodySource(std::string body = {}) : bytes(std::move(body)) {}
     static int read(char* buf, size_t len, void* opaque) {
         auto* self = static_cast<BodySource*>(opaque);
         self->asked.push_back(len);
@@ -143,6 +155,96 @@ inline bool bodyEnded(const std::vector<WireFrame>& frames, uint32_t streamId = 
         return frame.type == kData && frame.streamId == streamId && frame.hasFlags(kEndStream);
     });
 }
+
+// A server, and a client of it.
+class WireTest : public testing::Test {
+protected:
+    explicit WireTest(bool tls = false) : m_tls(tls), m_server(serverOptions(tls)) {}
+
+    std::string get(uint32_t streamId, std::string_view path = "/", std::string_view rest = {}) {
+        return getRequest(streamId, path, m_tls, rest);
+    }
+    std::string post(uint32_t streamId = 1, uint8_t flags = kEndHeaders) {
+        return headers(streamId, requestBlock(hex("83"), "/p", m_tls), flags);
+    }
+
+    // The client's next request is a GET of "/".
+    void connect(tiny::HttpClientInterface& client) {
+        ASSERT_EQ(connectTo(client, m_server, m_tls), 0);
+        ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    }
+    void connect() { connect(m_client); }
+    void startGet(tiny::HttpClientInterface& client, size_t index = 0) {
+        h2test::startGet(client, m_server, index, m_tls);
+    }
+    void startGet() { startGet(m_client); }
+    // Starts the same request again, on the connection that is there; or a GET of another path.
+    void startNext(const char* path = nullptr) {
+        m_client.clear();
+        if (path != nullptr) {
+            ASSERT_EQ(m_client.setUri(path, HTTP_GET), 0);
+        }
+        ASSERT_EQ(m_client.startRequest(nullptr), 0);
+    }
+    // Connects and starts a POST of "/p": with a body of a reader's, and of a block.
+    void startPost(int (*reader)(char*, size_t, void*), void* opaque) {
+        connect();
+        ASSERT_EQ(m_client.setUri("/p", HTTP_POST), 0);
+        ASSERT_EQ(m_client.setContent(reader, opaque), 0);
+        ASSERT_EQ(m_client.startRequest(nullptr), 0);
+    }
+    void startPost(std::string body) {
+        m_body.bytes = std::move(body);
+        startPost(&BodySource::read, &m_body);
+    }
+    void startBlockPost(std::string_view block) {
+        connect();
+        ASSERT_EQ(m_client.setUri("/p", HTTP_POST), 0);
+        ASSERT_EQ(m_client.setContent(block.data(), block.size()), 0);
+        ASSERT_EQ(m_client.startRequest(nullptr), 0);
+    }
+    [[nodiscard]] bool waitBody(uint32_t streamId = 1) {
+        return m_server.waitFramesThat(
+            0, [&](const auto& frames) { return bodyEnded(frames, streamId); });
+    }
+
+    // Checks that the client has sent this, too, on the first connection, and no more.
+    void expectSent(const std::string& bytes) {
+        m_sent += bytes;
+        expectReceived(m_server, 0, m_sent);
+    }
+    // The same, where more may follow at any time.
+    void expectSentFirst(const std::string& bytes) {
+        m_sent += bytes;
+        EXPECT_TRUE(m_server.waitReceived(0, m_sent.size()));
+        EXPECT_EQ(toHex(m_server.received(0).substr(0, m_sent.size())), toHex(m_sent));
+    }
+    // Sends an answer; these are the client's callbacks, up to its end.
+    void expectHeard(const std::string& answer, const Callbacks& heard) {
+        m_server.send(0, answer);
+        ASSERT_TRUE(m_client.waitEnd());
+        EXPECT_EQ(m_client.callbacks(), heard);
+    }
+    void expectAnswered(uint32_t streamId = 1) { expectHeard(okResponse(streamId), okCallbacks()); }
+
+    const bool m_tls;
+    const RunningLibrary m_library;
+    ScriptedServer m_server;
+    BodySource m_body;  // outlives the client, which may be reading it
+    RecordingClient m_client;
+
+private:
+    std::string m_sent = opening();
+};
+
+// Each test runs over plain TCP and over TLS.
+class OverEachTransport : public WireTest, public testing::WithParamInterface<bool> {
+protected:
+    OverEachTransport() : WireTest(GetParam()) {}
+};
+#define H2TEST_OVER_EACH_TRANSPORT(suite)                       \
+    INSTANTIATE_TEST_SUITE_P(Transport, suite, testing::Bool(), \
+                             [](const auto& info) { return info.param ? "Tls" : "Plain"; })
 
 }  // namespace h2test
 
