@@ -50,6 +50,7 @@ public:
         return *this;
     }
     ~Ref() {
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): it does not follow the count
         if (m_object != nullptr) m_object->RefCounted::release();
     }
 
