@@ -49,14 +49,16 @@ public:
         std::swap(m_object, other.m_object);
         return *this;
     }
+    // clang-analyzer does not follow the count.
+    // NOLINTBEGIN(clang-analyzer-cplusplus.NewDelete)
     ~Ref() {
-        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): it does not follow the count
         if (m_object != nullptr) m_object->RefCounted::release();
     }
 
     T* get() const { return m_object; }
     T& operator*() const { return *m_object; }
     T* operator->() const { return m_object; }
+    // NOLINTEND(clang-analyzer-cplusplus.NewDelete)
     explicit operator bool() const { return m_object != nullptr; }
 
 private:

@@ -114,7 +114,8 @@ void TlsTransport::endWriting() {
 
 // Sends close_notify, once.
 void TlsTransport::sayGoodbye() {
-    if (!m_ready || !error().empty() || m_ended || TlsTransport::wantsWrite() || m_saidGoodbye) return;
+    if (!m_ready || !error().empty() || m_ended || TlsTransport::wantsWrite() || m_saidGoodbye)
+        return;
     m_saidGoodbye = true;
     ERR_clear_error();
     SSL_shutdown(m_ssl);
