@@ -56,6 +56,9 @@ void blocks() {
     for (const auto& [name, block] : all) {
         write("hpack_decode", name, counted(block));
         write("hpack_decode", string(name) + "_twice", counted(block) + counted(block));
+        write("standard_hpack", name, counted(block));
+        write("standard_hpack", string(name) + "_resized",
+              counted(block) + hex("00 0000 00 0100") + counted(hex("20 3F E1 01") + block));
         write("frame_ctx", string("block_") + name, counted("") + headers(1, block));
     }
     write("hpack_roundtrip", "names",
@@ -114,6 +117,17 @@ void streams() {
         const string post = hex("00 86") + counted("/p") + hex("00 02 0005 4000");
         write("engine", string("post_") + name,
               post + get + hex("07 07") + hex("03") + counted(bytes.substr(0, 255)) + hex("07"));
+
+        // Three requests, one with content, whose HEADERS are sent; the server's bytes; output.
+        const string start = hex("00 00  04 04 05 08 4000 09 FFFF") + hex("00") +
+                             counted(settings({{4, 65535}}) + settingsAck());
+        string answer;
+        for (size_t at = 0; at < bytes.size() && at < 2000; at += 200) {
+            answer += hex("00") + counted(bytes.substr(at, 200));
+        }
+        write("standard_session", name, start + answer + hex("09 FFFF"));
+        write("standard_session", string(name) + "_bounds",
+              hex("7F 1F") + start.substr(2) + answer + hex("0A 7000 06 01 07 03 08 03 0B"));
 
         write("client", string("get_") + name,
               hex("02 2F61 01 07") + countedWord(bytes) + hex("01"));

@@ -111,7 +111,12 @@ struct Decoder::StaticFields {
 
 namespace {
 
+// Up to this size, whatever a string decodes to has a length of 32 bits. What calls us accepts far
+// smaller blocks only.
+constexpr size_t kMaxBlockSize = size_t{1} << 30;
+
 constexpr size_t kCopyStep = 16;
+static_assert(kCopyStep <= DynamicTable<ListTag>::kReadableBehind);
 
 // Copies `size` bytes in whole steps: from and to must have kCopyStep bytes to spare. A call of
 // memcpy with a size known only now costs several times as much for the few bytes of a field.
@@ -130,6 +135,7 @@ void Decoder::setMaxTableSize(uint32_t octets) {
 }
 
 bool Decoder::decode(std::string_view block, FieldList& list) {
+    if (block.size() > kMaxBlockSize) return false;
     BlockReader in(block);
     if (!readSizeUpdates(in)) return false;
     list.shareTexts(m_table.texts());
@@ -168,19 +174,19 @@ inline void Decoder::readShortIndexed(BlockReader& in, FieldList& list) {
     const Table::Ages table(m_table);
     const uint64_t limit = list.m_limit;
     uint64_t octets = list.m_octets;
-    bool malformed = false;
+    uint8_t flaws = kNoFlaw;
     FieldList::Stored* to = list.fieldRoom(kFields);
     FieldList::Stored* const begin = to;
     for (; to != begin + kFields && !in.empty() && in.isShortIndex(); in.skip()) {
         const Table::Entry* field = find(table, in.first() & 0x7F);
         if (field == nullptr || octets + field->octets() > limit) break;
         octets += field->octets();
-        malformed |= field->tag.traits.malformed();
+        flaws |= field->tag.traits.flaws;
         *to++ = *field;
     }
     list.m_size += static_cast<size_t>(to - begin);
     list.m_octets = octets;
-    list.m_malformed |= malformed;
+    list.m_malformed |= flaws != kNoFlaw;
 }
 
 inline bool Decoder::readIndexed(BlockReader& in, FieldList& list) {
@@ -222,12 +228,14 @@ bool Decoder::readLiteral(BlockReader& in, FieldList& list) {
     if (index != 0) {
         nameSize = known->nameSize;
         traits = known->tag.traits;
+        traits.flaws &= kBadName;
         copyInSteps(text, known->text, known->nameSize);
     } else {
         nameSize = nameLiteral.decode(text);
         if (nameSize < 0) return false;
         const std::string_view name(text, static_cast<size_t>(nameSize));
-        traits = {identify(name), !isValidName(name), false};
+        traits.id = identify(name);
+        if (!isValidName(name)) traits.flaws = kBadName;
     }
     text[nameSize] = '\0';
     char* const valueText = text + nameSize + 1;
@@ -237,7 +245,7 @@ bool Decoder::readLiteral(BlockReader& in, FieldList& list) {
 
     const std::string_view name(text, static_cast<size_t>(nameSize));
     const std::string_view value(valueText, static_cast<size_t>(valueSize));
-    traits.badValue = !isValidValue(value);
+    if (!isValidValue(value)) traits.flaws |= kBadValue;
     list.commit(static_cast<uint32_t>(nameSize), static_cast<uint32_t>(valueSize), traits,
                 neverIndexed);
     if (incremental) {

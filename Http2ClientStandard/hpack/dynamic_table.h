@@ -65,6 +65,8 @@ public:
     };
 
     explicit DynamicTable(uint32_t maxSize) : m_maxSize(maxSize) {}
+    DynamicTable(const DynamicTable&) = delete;
+    DynamicTable& operator=(const DynamicTable&) = delete;
 
     uint32_t maxSize() const { return m_maxSize; }
     uint32_t size() const { return m_size; }  // RFC 7541, 4.1; <= maxSize()
@@ -114,7 +116,7 @@ public:
 
 private:
     static constexpr uint64_t kSmallestRing = 8;
-    static constexpr size_t kSmallestTexts = 240;
+    static constexpr size_t kSmallestTexts = 480;
 
     void evictDownTo(uint64_t octets) {
         while (m_size > octets) {

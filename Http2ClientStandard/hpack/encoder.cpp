@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstring>
 
 #include "Http2ClientStandard/base/load.h"
@@ -61,62 +62,69 @@ char* writeString(char* out, std::string_view text) {
     return out + text.size();
 }
 
-// Looks at the text's length and at 24 bytes of it: what is found is compared in full, and the
-// table is so small that this also bounds what texts made to collide can cost.
-constexpr uint32_t hashText(std::string_view text, uint64_t seed = 0) {
-    constexpr uint64_t kOdd = 0x9E3779B97F4A7C15;
+// Depends on the text's length and on 24 bytes of it. What is found by it is compared in full, and
+// the table is so small that this also bounds what texts made to collide can cost.
+constexpr uint64_t digest(std::string_view text) {
     const char* bytes = text.data();
     const size_t size = text.size();
-    uint64_t hash = (seed + size) * kOdd;
-    if (size <= 8) {
-        hash ^= loadUpTo8(bytes, size);
-    } else {
-        hash ^= load64(bytes);
-        hash = hash * kOdd ^ load64(bytes + size - 8);
-        if (size > 16) hash = hash * kOdd ^ load64(bytes + size / 2 - 4);
-    }
-    hash *= kOdd;
-    return static_cast<uint32_t>((hash ^ hash >> 32) * kOdd >> 32);
+    if (size <= 8) return loadUpTo8(bytes, size) + size;
+    uint64_t mixed = load64(bytes) + std::rotl(load64(bytes + size - 8), 29);
+    if (size > 16) mixed += std::rotl(load64(bytes + size / 2 - 4), 41);
+    return mixed + size;
 }
 
-// Where each name of the static table first stands there, by hash; 0: free.
-constexpr size_t kNameSlots = 256;
+constexpr uint32_t hashOf(uint64_t nameDigest, uint64_t valueDigest = 0) {
+    const uint64_t sum = nameDigest * 0x9E3779B97F4A7C15 + valueDigest * 0xC2B2AE3D27D4EB4F;
+    return static_cast<uint32_t>((sum ^ sum >> 32) * 0x9E3779B97F4A7C15 >> 32);
+}
 
-constexpr std::array<uint8_t, kNameSlots> kStaticNames = [] {
-    std::array<uint8_t, kNameSlots> slots{};
+// Indexes of the static table by hash; 0: free. Who does not find the index looked for in its slot
+// goes on to the next.
+constexpr size_t kSlots = 256;
+using Slots = std::array<uint8_t, kSlots>;
+
+constexpr void enter(Slots& slots, uint8_t index, uint32_t hash) {
+    size_t slot = hash % kSlots;
+    while (slots[slot] != 0) slot = (slot + 1) % kSlots;
+    slots[slot] = index;
+}
+
+constexpr Slots kStaticFieldSlots = [] {
+    Slots slots{};
     for (uint8_t index = 1; index <= kStaticFields; ++index) {
-        const std::string_view name = kStaticTable[index - 1].name;
-        if (index > 1 && kStaticTable[index - 2].name == name) continue;
-        size_t slot = hashText(name) % kNameSlots;
-        while (slots[slot] != 0) slot = (slot + 1) % kNameSlots;
-        slots[slot] = index;
+        const auto& [name, value] = kStaticTable[index - 1];
+        enter(slots, index, hashOf(digest(name), digest(value)));
     }
     return slots;
 }();
 
-// The first index with this name; 0 when there is none.
-uint32_t findStaticName(std::string_view name, uint32_t hash) {
-    for (size_t slot = hash % kNameSlots; kStaticNames[slot] != 0; slot = (slot + 1) % kNameSlots) {
-        if (sameText(kStaticTable[kStaticNames[slot] - 1].name, name)) return kStaticNames[slot];
+// The first index of each name.
+constexpr Slots kStaticNameSlots = [] {
+    Slots slots{};
+    for (uint8_t index = 1; index <= kStaticFields; ++index) {
+        const std::string_view name = kStaticTable[index - 1].name;
+        if (index > 1 && kStaticTable[index - 2].name == name) continue;
+        enter(slots, index, hashOf(digest(name)));
+    }
+    return slots;
+}();
+
+// The index of the field in the static table; 0 when it is not there.
+uint32_t findStaticField(const Field& field, uint32_t hash) {
+    for (size_t slot = hash % kSlots; kStaticFieldSlots[slot] != 0; slot = (slot + 1) % kSlots) {
+        const auto& [name, value] = kStaticTable[kStaticFieldSlots[slot] - 1];
+        if (sameText(name, field.name) && sameText(value, field.value)) {
+            return kStaticFieldSlots[slot];
+        }
     }
     return 0;
 }
 
-// How many fields of the static table have the name that first stands at an index.
-constexpr std::array<uint8_t, kStaticFields + 1> kSameNames = [] {
-    std::array<uint8_t, kStaticFields + 1> counts{};
-    for (uint32_t i = 1, first = 1; i <= kStaticFields; ++i) {
-        if (kStaticTable[i - 1].name != kStaticTable[first - 1].name) first = i;
-        ++counts[first];
-    }
-    return counts;
-}();
-
-// The index of the field with this value and the name that first stands at `index`; 0 when there is
-// none.
-uint32_t findStaticValue(uint32_t index, std::string_view value) {
-    for (const uint32_t end = index + kSameNames[index]; index != end; ++index) {
-        if (sameText(kStaticTable[index - 1].value, value)) return index;
+uint32_t findStaticName(std::string_view name, uint32_t hash) {
+    for (size_t slot = hash % kSlots; kStaticNameSlots[slot] != 0; slot = (slot + 1) % kSlots) {
+        if (sameText(kStaticTable[kStaticNameSlots[slot] - 1].name, name)) {
+            return kStaticNameSlots[slot];
+        }
     }
     return 0;
 }
@@ -204,28 +212,33 @@ void Encoder::add(Bytes& out, KeptFields& kept, std::span<const Field> fields) {
     kept.m_tableState = m_state;
 }
 
+// A field that must be a literal is looked up all the same: what must not be indexed is in neither
+// table, but for empty values, which give nothing away.
 void Encoder::encodeField(Bytes& out, const Field& field) {
-    Hashes hashes{{hashText(field.name), 0}};
+    const uint64_t name = digest(field.name);
+    Hashes hashes{{0, hashOf(name, digest(field.value))}};
+    uint32_t index = 0;
+    if (!field.neverIndexed) {
+        index = findStaticField(field, hashes.by[kNameAndValue]);
+        if (index == 0) index = findEntry(kNameAndValue, hashes, field);
+    }
+    if (index == 0) {
+        hashes.by[kName] = hashOf(name);
+        encodeLiteral(out, field, hashes);
+        return;
+    }
+    char* const begin = out.room(kMaxIntegerSize);
+    out.commit(static_cast<size_t>(writeInteger(begin, kIndexed, index) - begin));
+}
+
+void Encoder::encodeLiteral(Bytes& out, const Field& field, const Hashes& hashes) {
     const uint32_t staticName = findStaticName(field.name, hashes.by[kName]);
+    const uint32_t nameIndex = staticName != 0 ? staticName : findEntry(kName, hashes, field);
     const Representation literal = representationOf(field, staticName, m_table.maxSize());
 
     const size_t room = field.name.size() + field.value.size() + 3 * kMaxIntegerSize;
     char* const begin = out.room(room + kHuffmanSlack);
-    char* at = begin;
-    if (literal.pattern != kNeverIndexed.pattern) {
-        uint32_t index = staticName == 0 ? 0 : findStaticValue(staticName, field.value);
-        if (index == 0 && literal.pattern == kIncremental.pattern) {
-            hashes.by[kNameAndValue] = hashText(field.value, hashes.by[kName]);
-            index = findEntry(kNameAndValue, hashes, field);
-        }
-        if (index != 0) {
-            at = writeInteger(at, kIndexed, index);
-            out.commit(static_cast<size_t>(at - begin));
-            return;
-        }
-    }
-    const uint32_t nameIndex = staticName != 0 ? staticName : findEntry(kName, hashes, field);
-    at = writeInteger(at, literal, nameIndex);
+    char* at = writeInteger(begin, literal, nameIndex);
     if (nameIndex == 0) at = writeString(at, field.name);
     at = writeString(at, field.value);
     out.commit(static_cast<size_t>(at - begin));
@@ -251,7 +264,7 @@ uint32_t Encoder::findEntry(Key key, const Hashes& hashes, const Field& field) {
 void Encoder::insert(const Field& field, const Hashes& hashes) {
     m_table.insert(field.name, field.value, Links{hashes, {}});
     changeState();
-    if (m_table.count() > m_bucketCount) {
+    if (2 * m_table.count() > m_bucketCount) {
         growBuckets();
         return;
     }
@@ -265,7 +278,7 @@ void Encoder::insert(const Field& field, const Hashes& hashes) {
 
 // Chains all entries anew.
 void Encoder::growBuckets() {
-    m_bucketCount = m_bucketCount == 0 ? 8 : 2 * m_bucketCount;
+    m_bucketCount = std::max<uint64_t>(16, 2 * m_bucketCount);
     m_buckets.reset(new uint64_t[kKeys * m_bucketCount]());
     for (uint64_t number = m_table.oldest(); number != m_table.end(); ++number) {
         Links& links = m_table.entry(number).tag;

@@ -73,6 +73,7 @@ private:
     using Table = DynamicTable<Links>;
 
     void encodeField(Bytes& out, const Field& field);
+    void encodeLiteral(Bytes& out, const Field& field, const Hashes& hashes);
     uint32_t findEntry(Key key, const Hashes& hashes, const Field& field);
     void insert(const Field& field, const Hashes& hashes);
     void growBuckets();

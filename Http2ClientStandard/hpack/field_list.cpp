@@ -27,7 +27,9 @@ void FieldList::add(std::string_view name, std::string_view value, bool neverInd
     *text++ = '\0';
     text = std::copy(value.begin(), value.end(), text);
     *text = '\0';
-    const FieldTraits traits{identify(name), !isValidName(name), !isValidValue(value)};
+    FieldTraits traits{identify(name)};
+    if (!isValidName(name)) traits.flaws |= kBadName;
+    if (!isValidValue(value)) traits.flaws |= kBadValue;
     commit(static_cast<uint32_t>(name.size()), static_cast<uint32_t>(value.size()), traits,
            neverIndexed);
 }

@@ -31,6 +31,10 @@ struct ListTag {
 // fields, but stores none.
 class FieldList {
 public:
+    FieldList() = default;
+    FieldList(const FieldList&) = delete;
+    FieldList& operator=(const FieldList&) = delete;
+
     size_t size() const { return m_size; }
     bool empty() const { return m_size == 0; }
 
@@ -77,7 +81,7 @@ private:
     bool refer(const Stored& field) {
         m_octets += field.octets();
         m_overflow |= m_octets > m_limit;
-        m_malformed |= field.tag.traits.malformed();
+        m_malformed |= field.tag.traits.flaws != kNoFlaw;
         if (m_overflow) return false;
         *fieldRoom(1) = field;
         ++m_size;

@@ -45,13 +45,13 @@ constexpr NameId identify(std::string_view name) {
 bool isValidName(std::string_view name);
 bool isValidValue(std::string_view value);
 
+// What a field breaks of these rules.
+enum Flaw : uint8_t { kNoFlaw = 0, kBadName = 1, kBadValue = 2 };
+
 // What a table keeps of the fields in it, so that each is looked at only once.
 struct FieldTraits {
     NameId id = NameId::kOther;
-    bool badName = false;   // not isValidName
-    bool badValue = false;  // not isValidValue
-
-    bool malformed() const { return badName || badValue; }
+    uint8_t flaws = kNoFlaw;  // any Flaws
 };
 
 }  // namespace h2::hpack

@@ -123,45 +123,59 @@ private:
     unsigned m_count = 0;
 };
 
-struct WideCode {
-    uint64_t bits;
-    unsigned size;
-};
+// Each code on top of a word, with its size in the lowest bits.
+constexpr std::array<uint64_t, 256> kCodeWords = [] {
+    std::array<uint64_t, 256> words{};
+    for (size_t symbol = 0; symbol < 256; ++symbol) {
+        const HuffmanCode code = kHuffmanCodes[symbol];
+        words[symbol] = uint64_t{code.bits} << (64 - code.size) | code.size;
+    }
+    return words;
+}();
 
-WideCode codeOf(char symbol) {
-    const HuffmanCode code = kHuffmanCodes[static_cast<unsigned char>(symbol)];
-    return {code.bits, code.size};
-}
-
-WideCode join(WideCode first, WideCode second) {
-    return {first.bits << second.size | second.bits, first.size + second.size};
-}
-
-constexpr unsigned kMaxWrite = 57;  // bits: with 7 that wait, they fill a word
-
-// Writes 8 bytes at a time, of which the whole ones so far count.
+// The bits of a coded string that are not yet whole bytes, on top of a word.
 class BitWriter {
 public:
-    explicit BitWriter(char* out) : m_out(out) {}
-
-    void write(WideCode code) {
-        m_bits = m_bits << code.size | code.bits;
-        m_count += code.size;
-        storeBig64(m_out, m_bits << (64 - m_count));
-        m_out += m_count / 8;
-        m_count %= 8;
+    // Holds after each call that succeeds: m_count < 8, and all bits below are 0.
+    bool addFour(const char* symbols, char*& out) {
+        uint64_t bits = m_bits;
+        unsigned count = m_count;
+        for (size_t i = 0; i < 4; ++i) {
+            const uint64_t word = wordOf(symbols[i]);
+            bits |= word >> (count % 64);
+            count += word & kSizeMask;
+        }
+        // The sizes lie in the bits below these, and four long codes do not fit.
+        if (count > kMaxCount) return false;
+        out = write(bits, count, out);
+        return true;
     }
-    char* end() const { return m_out; }
-    // Pads with the start of the EOS symbol, which is ones, and returns where the code ends.
-    char* finish() {
-        if (m_count > 0) write({(1U << (8 - m_count)) - 1, 8 - m_count});
-        return m_out;
+    void add(char symbol, char*& out) {
+        const uint64_t word = wordOf(symbol);
+        out = write(m_bits | word >> m_count, m_count + (word & kSizeMask), out);
+    }
+    // Pads with the start of the EOS symbol, which is ones.
+    void finish(char*& out) {
+        if (m_count > 0) *out++ = static_cast<char>(m_bits >> 56 | 0xFFU >> m_count);
     }
 
 private:
-    char* m_out;
-    uint64_t m_bits = 0;   // the lowest m_count of them wait to be written
-    unsigned m_count = 0;  // less than 8 between calls
+    static constexpr uint64_t kSizeMask = 0x1F;
+    static constexpr unsigned kMaxCount = 59;
+
+    static uint64_t wordOf(char symbol) { return kCodeWords[static_cast<unsigned char>(symbol)]; }
+
+    // Writes a word, of which the whole bytes in `count` bits stay.
+    char* write(uint64_t bits, unsigned count, char* out) {
+        storeBig64(out, bits);
+        const unsigned whole = count & ~7U;
+        m_count = count & 7;
+        m_bits = bits << whole & ~(~uint64_t{0} >> m_count);
+        return out + whole / 8;
+    }
+
+    uint64_t m_bits = 0;
+    unsigned m_count = 0;
 };
 
 }  // namespace
@@ -199,18 +213,13 @@ char* encodeHuffman(std::string_view text, char* out) {
     char* const limit = out + text.size();
     const char* at = text.data();
     const char* const end = at + text.size();
-    BitWriter bits(out);
-    for (; end - at >= 4 && bits.end() < limit; at += 4) {
-        const WideCode first = join(codeOf(at[0]), codeOf(at[1]));
-        const WideCode second = join(codeOf(at[2]), codeOf(at[3]));
-        if (first.size + second.size <= kMaxWrite) {
-            bits.write(join(first, second));
-        } else {
-            for (size_t i = 0; i < 4; ++i) bits.write(codeOf(at[i]));
-        }
+    BitWriter bits;
+    for (; end - at >= 4 && out < limit; at += 4) {
+        if (bits.addFour(at, out)) continue;
+        for (size_t i = 0; i < 4; ++i) bits.add(at[i], out);
     }
-    for (; at != end && bits.end() < limit; ++at) bits.write(codeOf(*at));
-    out = bits.finish();
+    for (; at != end && out < limit; ++at) bits.add(*at, out);
+    bits.finish(out);
     return at == end && out < limit ? out : nullptr;
 }
 

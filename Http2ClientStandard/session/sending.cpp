@@ -73,19 +73,23 @@ void Session::produce(Output& out, size_t limit, Time now) {
         m_startQuiet = m_pingSent = false;
         m_quietSince = std::max(m_quietSince, now);
     }
+    produceControl(out.own());
+    if (m_over) return;
+    produceUpdates(out.own());
+    produceContent(out, limit);
+}
+
+// All that is no content.
+void Session::produceControl(Bytes& out) {
     // The preface goes before everything, a PING answer included.
-    Bytes& own = out.own();
-    if (m_prefaceSent) own.append(m_pings.view());
-    own.append(m_out.view());
-    if (!m_prefaceSent) own.append(m_pings.view());
+    if (m_prefaceSent) out.append(m_pings.view());
+    out.append(m_out.view());
+    if (!m_prefaceSent) out.append(m_pings.view());
     m_prefaceSent = true;
     m_pings.clear();
     m_out.clear();
     m_replies = 0;
     m_lastSent = m_lastQueued;
-    if (m_over) return;
-    produceUpdates(own);
-    produceContent(out, limit);
 }
 
 void Session::produceUpdates(Bytes& out) {
@@ -99,7 +103,8 @@ void Session::produceUpdates(Bytes& out) {
     }
 }
 
-// One frame of each stream in turn.
+// One frame of each stream in turn. A body, or the visitor when a body fails, may have started
+// requests: their HEADERS go before their content.
 void Session::produceContent(Output& out, size_t limit) {
     const int64_t largest = std::min(kMaxContentFrame, m_peer.maxFrameSize);
     while (out.size() < limit && m_sendWindow.open()) {
@@ -107,6 +112,7 @@ void Session::produceContent(Output& out, size_t limit) {
         if (stream == nullptr) return;
         const int64_t size = std::min({largest, m_sendWindow.left(), stream->sendWindow.left()});
         m_ready.pushBack(*stream);
+        produceControl(out.own());
         produceContentFrame(out, *stream, static_cast<size_t>(size));
     }
 }

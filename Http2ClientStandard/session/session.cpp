@@ -182,7 +182,7 @@ void Session::replyQueued() {
 
 Time Session::nextDeadline() const {
     if (m_over || m_openStreams == 0 || m_startQuiet || m_options.pingAfter == 0) return kNever;
-    return m_quietSince + m_options.pingAfter + (m_pingSent ? m_options.pingTimeout : 0);
+    return m_pingSent ? m_pingSentAt + m_options.pingTimeout : m_quietSince + m_options.pingAfter;
 }
 
 void Session::onTime(Time now) {
@@ -192,6 +192,7 @@ void Session::onTime(Time now) {
         return;
     }
     m_pingSent = true;
+    m_pingSentAt = now;
     char opaque[kPingSize] = {};
     storeBigEndian32(opaque + 4, ++m_pingNumber);
     writePing(m_pings, {opaque, sizeof(opaque)}, false);

@@ -147,6 +147,7 @@ private:
     void openWaiting();
     void sendHeaders(Stream& stream, std::span<const hpack::Field> fields);
     void sendReset(uint32_t stream, ErrorCode code);
+    void produceControl(Bytes& out);
     void produceUpdates(Bytes& out);
     void produceContent(Output& out, size_t limit);
     void produceContentFrame(Output& out, Stream& stream, size_t size);
@@ -223,7 +224,8 @@ private:
     // Liveness.
     Time m_quietSince = 0;      // last bytes received, or the first request after idleness
     bool m_startQuiet = false;  // the next produce() sets m_quietSince
-    bool m_pingSent = false;
+    bool m_pingSent = false;    // since then, nothing has come
+    Time m_pingSentAt = 0;
     uint32_t m_pingNumber = 0;
 };
 

@@ -86,24 +86,29 @@ void StreamTable::grow() {
     }
 }
 
+// Streams of one run lie in the order of their homes: one that is nearer to its home gives way.
 void StreamTable::insert(Stream* stream) {
     const size_t mask = m_slots.size() - 1;
     size_t slot = home(stream->id);
-    while (m_slots[slot] != nullptr) slot = (slot + 1) & mask;
+    for (; m_slots[slot] != nullptr; slot = (slot + 1) & mask) {
+        if (distance(slot, *m_slots[slot]) < distance(slot, *stream)) {
+            std::swap(stream, m_slots[slot]);
+        }
+    }
     m_slots[slot] = stream;
 }
 
-// Moves later streams of the same run forward, so that a search never meets a gap too early.
+// Moves later streams of the run forward, up to one that is at its home, so that a search never
+// meets a gap too early.
 void StreamTable::erase(uint32_t id) {
     const size_t mask = m_slots.size() - 1;
     size_t gap = home(id);
     while (m_slots[gap]->id != id) gap = (gap + 1) & mask;
-    for (size_t slot = (gap + 1) & mask; m_slots[slot] != nullptr; slot = (slot + 1) & mask) {
-        const size_t distanceFromHome = (slot - home(m_slots[slot]->id)) & mask;
-        const size_t distanceFromGap = (slot - gap) & mask;
-        if (distanceFromHome < distanceFromGap) continue;
-        m_slots[gap] = m_slots[slot];
-        gap = slot;
+    for (;;) {
+        const size_t next = (gap + 1) & mask;
+        if (m_slots[next] == nullptr || distance(next, *m_slots[next]) == 0) break;
+        m_slots[gap] = m_slots[next];
+        gap = next;
     }
     m_slots[gap] = nullptr;
 }

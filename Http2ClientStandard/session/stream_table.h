@@ -35,6 +35,9 @@ public:
 private:
     Stream* lookUp(uint32_t id);
     size_t home(uint32_t id) const { return (id >> 1) & (m_slots.size() - 1); }
+    size_t distance(size_t slot, const Stream& stream) const {
+        return (slot - home(stream.id)) & (m_slots.size() - 1);
+    }
     void grow();
     void insert(Stream* stream);
     void erase(uint32_t id);

@@ -94,7 +94,7 @@ TEST(FrameHeaderCheck, RefusesFramesAboveTheLimitOfEveryType) {
 
 TEST(FrameHeaderCheck, WantsExactLengths) {
     for (uint32_t length = 0; length < 40; ++length) {
-        const auto judge = [length](const FrameHeader& header, bool fine) {
+        const auto judge = [](const FrameHeader& header, bool fine) {
             if (fine) {
                 expectFine(header);
             } else if (header.type == FrameType::kPriority) {

@@ -63,7 +63,7 @@ size_t freeBits(const std::vector<int>& symbols) {
     return (8 - bits % 8) % 8;
 }
 
-TEST(Huffman, HasTheCodesOfTheAppendix) {
+TEST(HpackHuffman, HasTheCodesOfTheAppendix) {
     std::ifstream file(HTTP2CLIENT_SOURCE_DIR "/tests/data/hpack_huffman_codes.csv");
     std::string line;
     ASSERT_TRUE(std::getline(file, line));
@@ -80,9 +80,9 @@ TEST(Huffman, HasTheCodesOfTheAppendix) {
     EXPECT_EQ(count, 257);
 }
 
-TEST(Huffman, DecodesNothingToNothing) { EXPECT_EQ(decoded(""), ""); }
+TEST(HpackHuffman, DecodesNothingToNothing) { EXPECT_EQ(decoded(""), ""); }
 
-TEST(Huffman, DecodesEachPairOfSymbols) {
+TEST(HpackHuffman, DecodesEachPairOfSymbols) {
     for (int first = 0; first < 256; ++first) {
         for (int second = 0; second < 256; second += second % 16 == first % 16 ? 1 : 3) {
             const std::string text{static_cast<char>(first), static_cast<char>(second)};
@@ -91,7 +91,7 @@ TEST(Huffman, DecodesEachPairOfSymbols) {
     }
 }
 
-TEST(Huffman, DecodesEachSymbolInEachPlace) {
+TEST(HpackHuffman, DecodesEachSymbolInEachPlace) {
     for (int symbol = 0; symbol < 256; ++symbol) {
         for (size_t before = 0; before < 16; ++before) {
             const std::string text =
@@ -101,7 +101,7 @@ TEST(Huffman, DecodesEachSymbolInEachPlace) {
     }
 }
 
-TEST(Huffman, AcceptsPaddingOfOnesUpToSevenBits) {
+TEST(HpackHuffman, AcceptsPaddingOfOnesUpToSevenBits) {
     for (int symbol = 0; symbol < 256; ++symbol) {
         const std::vector<int> symbols(3, symbol);
         const std::string text(3, static_cast<char>(symbol));
@@ -118,7 +118,7 @@ TEST(Huffman, AcceptsPaddingOfOnesUpToSevenBits) {
     }
 }
 
-TEST(Huffman, RefusesPaddingWithAZero) {
+TEST(HpackHuffman, RefusesPaddingWithAZero) {
     // "aaa" has 15 bits; '&' has 8, so that no padding is needed.
     EXPECT_EQ(decoded(bitwise({'a', 'a', 'a'}, "1")), "aaa");
     EXPECT_EQ(decoded(bitwise({'a', 'a', 'a'}, "0")), std::nullopt);
@@ -129,14 +129,14 @@ TEST(Huffman, RefusesPaddingWithAZero) {
     }
 }
 
-TEST(Huffman, RefusesPaddingOfEightBits) {
+TEST(HpackHuffman, RefusesPaddingOfEightBits) {
     EXPECT_EQ(decoded("\xFF"), std::nullopt);
     EXPECT_EQ(decoded("\xFF\xFF"), std::nullopt);
     EXPECT_EQ(decoded("\xFF\xFF\xFF"), std::nullopt);
     EXPECT_EQ(decoded(bitwise({'X'}, "11111111")), std::nullopt);
 }
 
-TEST(Huffman, RefusesEndOfString) {
+TEST(HpackHuffman, RefusesEndOfString) {
     EXPECT_EQ(decoded("\xFF\xFF\xFF\xFF"), std::nullopt);
     for (size_t before = 0; before < 20; ++before) {
         std::vector<int> symbols(before, 'a');
@@ -147,7 +147,7 @@ TEST(Huffman, RefusesEndOfString) {
     }
 }
 
-TEST(Huffman, CutAnywhereIsAnErrorOrShorter) {
+TEST(HpackHuffman, CutAnywhereIsAnErrorOrShorter) {
     const std::string text = "A text, with \xC3\xA4 and \x01 in it: /index.html?q=1";
     const std::string code = bitwiseText(text);
     for (size_t size = 0; size < code.size(); ++size) {
@@ -157,7 +157,7 @@ TEST(Huffman, CutAnywhereIsAnErrorOrShorter) {
 }
 
 // Any two bytes are decoded as the bit by bit reading of the code has it.
-TEST(Huffman, DecodesAnyTwoBytesAsTheCodeSays) {
+TEST(HpackHuffman, DecodesAnyTwoBytesAsTheCodeSays) {
     for (int value = 0; value < 65536; ++value) {
         uint32_t bits = static_cast<uint32_t>(value) << 16;
         unsigned left = 16;
@@ -182,7 +182,7 @@ TEST(Huffman, DecodesAnyTwoBytesAsTheCodeSays) {
     }
 }
 
-TEST(Huffman, EncodesWhatBecomesShorter) {
+TEST(HpackHuffman, EncodesWhatBecomesShorter) {
     EXPECT_EQ(encoded("www.example.com"), hex("f1e3c2e5f23a6ba0ab90f4ff"));
     EXPECT_EQ(encoded("no-cache"), hex("a8eb10649cbf"));
     EXPECT_EQ(encoded(""), std::nullopt);
@@ -193,7 +193,7 @@ TEST(Huffman, EncodesWhatBecomesShorter) {
     EXPECT_EQ(encoded(std::string(300, '\n')), std::nullopt);
 }
 
-TEST(Huffman, EncodesAsBitByBitWhateverTheText) {
+TEST(HpackHuffman, EncodesAsBitByBitWhateverTheText) {
     std::mt19937 random(1);
     size_t shorter = 0;
     for (int round = 0; round < 20000; ++round) {

@@ -280,6 +280,33 @@ TEST(HpackDecoder, KeepsTheTextsOfAListWhileTheTableTurnsOver) {
     }
 }
 
+// The list refers to entries while the table moves its texts: neither takes new memory for it.
+TEST(HpackDecoder, AllocatesNothingInASteadyState) {
+    Decoder decoder(300);
+    FieldList list;
+    const char* tableTexts = nullptr;
+    const char* listTexts = nullptr;
+    const void* fields = nullptr;
+    for (int i = 0; i < 1000; ++i) {
+        list.clear();
+        const std::string value =
+            std::to_string(1000 + i) + std::string(static_cast<size_t>(i) % 30, 'v');
+        ASSERT_TRUE(decoder.decode(
+            incremental("n", value) + hpackIndexed(62) + incremental("m", value) + hpackIndexed(63),
+            list));
+        ASSERT_EQ(list.value(3), value);
+        if (i == 100) {
+            tableTexts = decoder.m_table.m_texts.bytes();
+            listTexts = list.m_texts.data();
+            fields = list.m_fields.get();
+        } else if (i > 100) {
+            ASSERT_EQ(decoder.m_table.m_texts.bytes(), tableTexts) << i;
+            ASSERT_EQ(list.m_texts.data(), listTexts) << i;
+            ASSERT_EQ(list.m_fields.get(), fields) << i;
+        }
+    }
+}
+
 TEST(HpackDecoder, KeepsTheTextsOfAListThatOutlivesTheDecoder) {
     FieldList first;
     FieldList second;

@@ -398,11 +398,27 @@ TEST(SessionBody, MayCancelItselfAndOthersAndStartRequests) {
         peer.post(body);
         peer.post(cancelled);
         peer.post(last);
-        EXPECT_EQ(peer.sent(),
-                  (Lines{"HEADERS 1 /", "HEADERS 3 /", "HEADERS 5 /", "DATA 5 last end"}));
-        EXPECT_EQ(peer.sent(), (Lines{"RST_STREAM 3 8", "RST_STREAM 1 8", "HEADERS 7 /new end"}));
+        EXPECT_EQ(peer.sent(), (Lines{"HEADERS 1 /", "HEADERS 3 /", "HEADERS 5 /", "RST_STREAM 3 8",
+                                      "RST_STREAM 1 8", "HEADERS 7 /new end", "DATA 5 last end"}));
         EXPECT_EQ(cancelled.calls, 0u);
         EXPECT_EQ(peer.events(), Lines{});
+    });
+}
+
+// Whose HEADERS go before its content, and before what others send in the same turn.
+TEST(SessionBody, MayFailAndLeadToARequestWithABody) {
+    play([](Peer& peer) {
+        peer.start();
+        TextBody next("next");
+        TextBody other("other");
+        ScriptedBody body([](h2::BodyRoom) { return h2::BodyPart{State::kFailed, nullptr, 0}; });
+        peer.reaction = [&](const std::string& event) {
+            if (event == "end 1 body failed 8") peer.post(next, "/next");
+        };
+        peer.post(body);
+        peer.post(other);
+        EXPECT_EQ(peer.sent(), (Lines{"HEADERS 1 /", "HEADERS 3 /", "RST_STREAM 1 8",
+                                      "HEADERS 5 /next", "DATA 3 other end", "DATA 5 next end"}));
     });
 }
 
