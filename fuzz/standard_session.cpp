@@ -195,6 +195,7 @@ private:
 struct Exchange {
     bool headers = false;
     bool trailers = false;
+    bool whole = false;  // its last content has come
     bool over = false;
     std::unique_ptr<FuzzBody> body;
 };
@@ -233,8 +234,11 @@ public:
         react(id);
     }
     // Pieces are joined in the log: how DATA are cut is not fixed.
-    void onData(uint32_t id, void* user, const char* data, size_t size) override {
-        require(at(id, user).headers && !at(id, user).trailers, "content follows headers");
+    void onData(uint32_t id, void* user, const char* data, size_t size, bool last) override {
+        Exchange& exchange = at(id, user);
+        require(exchange.headers && !exchange.trailers, "content follows headers");
+        require(!exchange.whole, "nothing follows the last content");
+        exchange.whole = last;
         require(size != 0, "no empty content");
         if (m_dataOf != id) m_log << "\ndata " << id << " ";
         m_dataOf = id;
@@ -250,6 +254,8 @@ public:
         Exchange& exchange = at(id, user);
         require(end.outcome != h2::Outcome::kComplete || exchange.headers,
                 "a whole answer has headers");
+        require(end.outcome == h2::Outcome::kComplete || !exchange.whole,
+                "the last content ends a whole answer");
         exchange.over = true;
         m_dataOf = 0;
         m_log << "\nend " << id << " " << static_cast<int>(end.outcome) << " " << end.code << " "

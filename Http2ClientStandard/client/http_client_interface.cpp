@@ -1,6 +1,8 @@
 // The exported class and functions: nothing but calls of what stands behind them.
 #include "Http2Client/HttpClientInterface.h"
 
+#include "Http2Client/httpClientApi.h"
+#include "Http2Client/log.h"
 #include "Http2ClientStandard/Http2ClientOptions.h"
 #include "Http2ClientStandard/client/client.h"
 
@@ -49,6 +51,23 @@ HttpClientInterfaceImpl* HttpClientInterface::ctx() { return m_impl; }
 int HttpClientInterface::parseHttpClientStatus(const char* /*errMsg*/) { return m_impl->state(); }
 
 }  // namespace tiny
+
+int initHttp2Client(unsigned int /*pollTime*/) {
+    h2::Runtime& runtime = h2::Runtime::get();
+    if (!runtime.threads().start(runtime.defaults().threads)) {
+        HTTP2CLIENT_LOG_ERROR("the system gives no background thread");
+    }
+    return 1;
+}
+
+int destroyHttp2Client() {
+    if (h2::LoopThreads::isLoopThread()) {
+        HTTP2CLIENT_LOG_ERROR("destroyHttp2Client does nothing inside a callback");
+        return 1;
+    }
+    h2::Runtime::get().threads().stop();
+    return 1;
+}
 
 int setHttp2Option(tiny::HttpClientInterface* client, HTTP2_OPTION option, int64_t value) {
     const bool set = client != nullptr

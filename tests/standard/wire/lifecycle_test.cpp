@@ -50,6 +50,10 @@ TEST_P(Connecting, CallsAtTheSameTimeShareOneAttempt) {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(connected, 8);
+    // The server has accepted all connections by the time that it answers.
+    ASSERT_EQ(clients[0]->setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(clients[0]->startRequest(nullptr), 0);
+    ASSERT_TRUE(clients[0]->waitEnd());
     EXPECT_EQ(server.wire().connections(), 1u);
 }
 
