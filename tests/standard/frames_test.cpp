@@ -218,7 +218,7 @@ TEST(Payload, IsReadInPlace) {
 TEST(FrameWriter, WritesEachType) {
     h2::Bytes out;
     const auto written = [&out] {
-        const std::string text(out.view());
+        std::string text(out.view());
         out.clear();
         return text;
     };

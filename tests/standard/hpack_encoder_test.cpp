@@ -193,7 +193,7 @@ protected:
         encoder->begin(out);
         encoder->add(out, toFields(first));
         encoder->add(out, kept, toFields(head));
-        const std::string bytes(out.view());
+        std::string bytes(out.view());
         TestFields expected = first;
         expected.insert(expected.end(), head.begin(), head.end());
         EXPECT_EQ(decodeBlock(*decoder, bytes), expected);

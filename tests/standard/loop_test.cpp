@@ -176,6 +176,7 @@ TEST(Loop, RunsTasksOfOtherThreadsOnItsOwn) {
     int done = 0;
     bool elsewhere = false;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&] {
             for (int task = 0; task < kTasks; ++task) {

@@ -95,13 +95,13 @@ std::string Http2Server::onFrame(size_t index, const WireFrame& frame) {
         return {};
     }
     if (!ends) return {};
-    const std::string reply = finish(request);
+    std::string reply = finish(request);
     connection.open.erase(frame.streamId);
     return reply;
 }
 
 std::string Http2Server::finish(Request& request) {
-    const std::string reply = m_options.reply ? m_options.reply(request) : std::string();
+    std::string reply = m_options.reply ? m_options.reply(request) : std::string();
     const std::lock_guard<std::mutex> hold(m_lock);
     m_requests.push_back(request);
     return reply;

@@ -44,6 +44,8 @@ TEST_P(Connecting, CallsAtTheSameTimeShareOneAttempt) {
     std::vector<std::unique_ptr<RecordingClient>> clients;
     std::vector<std::thread> threads;
     std::atomic<int> connected{0};
+    clients.reserve(8);
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) clients.push_back(std::make_unique<RecordingClient>());
     for (const auto& client : clients) {
         threads.emplace_back([&] { connected += connect(*client, server) == 0 ? 1 : 0; });

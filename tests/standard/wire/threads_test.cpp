@@ -54,6 +54,7 @@ TEST_P(Threads, RequestsCancelsAndDestruction) {
     Http2Server server(unreliable());
     constexpr int kThreads = 8, kRounds = 150;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     std::atomic<int> stalled{0};
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&, thread] {
@@ -106,6 +107,7 @@ TEST_P(Threads, ManyThreadsOnOneConnection) {
     Http2Server server(options(answerAll()));
     constexpr int kThreads = 8, kRequests = 100;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     std::atomic<int> good{0};
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&] {
