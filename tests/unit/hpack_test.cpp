@@ -159,6 +159,7 @@ TEST(HeaderField, TextsAreSharedAcrossThreads) {
         ++started;
         while (started < 2) std::this_thread::yield();
         for (int i = 0; i < 500'000; ++i) {
+            // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it is what is tested
             const HeaderField mine(shared);
             if (mine.Name().empty()) return;
         }
