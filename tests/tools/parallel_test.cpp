@@ -164,7 +164,7 @@ TEST(H2requestParallel, TimesOutAndIsInterruptedInAFlood) {
     for (const std::string& frames : {ping(1), headers(1, statusField(103))}) {
         for (const bool interrupt : {false, true}) {
             ScriptedServer server(silent());
-            const Flood flood(server, frames);
+            const Flood flood(server, frames, 2);
             const auto start = std::chrono::steady_clock::now();
             Process process(H2REQUEST_PROGRAM, parallel(server, "3", "2", {"--timeout", "1000"}));
             if (interrupt) {
@@ -175,7 +175,8 @@ TEST(H2requestParallel, TimesOutAndIsInterruptedInAFlood) {
             EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
             EXPECT_EQ(ended.code, interrupt ? kInterrupted : kTimedOut) << ended.errors;
             EXPECT_TRUE(contains(ended.output, "answered  0")) << ended.output;
-            EXPECT_TRUE(contains(ended.output, interrupt ? "interrupted: 2" : "timed out: "));
+            EXPECT_TRUE(contains(ended.output, interrupt ? "interrupted: 2" : "timed out: "))
+                << ended.output;
         }
     }
 }

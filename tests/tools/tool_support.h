@@ -193,9 +193,11 @@ protected:
 // Sends the same frames over and over on the server's first connection, from its first request on.
 class Flood {
 public:
-    Flood(ScriptedServer& server, std::string_view frames)
-        : m_thread([this, &server, bytes = repeated(frames)] {
-              if (!server.waitFramesOf(0, kHeaders)) return;
+    // Starts when a request has come on each of `connections` connections.
+    Flood(ScriptedServer& server, std::string_view frames, size_t connections = 1)
+        : m_thread([this, &server, connections, bytes = repeated(frames)] {
+              for (size_t i = 0; i < connections; ++i)
+                  if (!server.waitFramesOf(i, kHeaders)) return;
               while (!m_ending) {
                   server.send(0, bytes);
                   while (!server.waitSent(0, std::chrono::milliseconds(50)) && !m_ending) {
