@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include <log4cplus/appender.h>
 #include <log4cplus/config.hxx>
@@ -51,13 +52,21 @@ void writeToStderr(const std::string& line) {
     }
 }
 
+// Whether a terminal may take `byte` for a control character: those of ASCII, and U+0080 to U+009F,
+// in UTF-8 or as a byte of its own.
+bool isControl(unsigned char previous, unsigned char byte) {
+    if (byte < 0x80) return byte < 0x20 || byte == 0x7f;
+    return byte < 0xa0 && (previous < 0x80 || previous == 0xc2);
+}
+
 // Returns `text` with its control bytes made visible, so that it stays on one line.
 std::string oneLine(const std::string& text) {
     std::string result;
     result.reserve(text.size());
+    unsigned char previous = 0;
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f) {
+        if (!isControl(std::exchange(previous, byte), byte)) {
             result += c;
         } else if (c == '\n') {
             result += "\\n";

@@ -123,15 +123,17 @@ TEST_F(LogWrapper, WritesTheThresholdAndAboveAndNothingBelow) {
 
 TEST_F(LogWrapper, WritesAnyTextsAsOneLine) {
     StderrCapture capture;
-    CLogWrapper::Log(kError, std::string("a\r\nb\tc\0d\x1b[1m\x7f \xc3\xa9", 16), "f\n.cpp", "g\n",
-                     1);
+    CLogWrapper::Log(kError, std::string("a\r\nb\tc\0d\x1b[1m\x7f \xc3\xa9 \xc2\x9b \x9b", 21),
+                     "f\n.cpp", "g\n", 1);
     CLogWrapper::Log(kError, "text", nullptr, nullptr, 7);
     CLogWrapper::Log(kError, "", "/src/Http2Client/HttpIO.cpp", "f", 1);  // its base name only
     const std::vector<std::string> lines = linesOf(capture.text());
     ASSERT_EQ(lines.size(), 3u);
-    EXPECT_THAT(lines[0], MatchesRegex(std::string(kDate) +
-                                       "ERROR f\\\\n\\.cpp:1 g\\\\n: "
-                                       "a\\\\r\\\\nb\\\\tc\\\\x00d\\\\x1b\\[1m\\\\x7f \xc3\xa9"));
+    EXPECT_THAT(
+        lines[0],
+        MatchesRegex(std::string(kDate) +
+                     "ERROR f\\\\n\\.cpp:1 g\\\\n: "
+                     "a\\\\r\\\\nb\\\\tc\\\\x00d\\\\x1b\\[1m\\\\x7f \xc3\xa9 \xc2\\\\x9b \\\\x9b"));
     EXPECT_THAT(lines[1], MatchesRegex(std::string(kDate) + "ERROR \\?:7 \\?: text"));
     EXPECT_THAT(lines[2], MatchesRegex(std::string(kDate) + "ERROR HttpIO\\.cpp:1 f: "));
 }
