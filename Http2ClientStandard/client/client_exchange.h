@@ -63,6 +63,8 @@ public:
 private:
     // Exchange
     std::span<const hpack::Field> fields() const override { return m_fields.get(); }
+    hpack::KeptFields* kept() override { return &m_fields.kept(); }
+    size_t keptFrom() const override { return RequestFields::kFirstKept; }
     bool isHead() const override { return m_isHead; }
     bool isIdempotent() const override { return m_isIdempotent; }
     Body* body() override;

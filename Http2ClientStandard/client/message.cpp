@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <charconv>
 
 #include "Http2ClientStandard/hpack/field_rules.h"
@@ -26,9 +27,11 @@ bool isToken(std::string_view text) {
 }  // namespace
 
 void RequestFields::clear() {
+    m_message = 0;
     m_texts.clear();
     m_sizes.clear();
     m_fields.clear();
+    m_kept.clear();
 }
 
 void RequestFields::add(std::string_view name, std::string_view value, bool neverIndexed) {
@@ -36,13 +39,27 @@ void RequestFields::add(std::string_view name, std::string_view value, bool neve
     m_sizes.push_back({name.size(), value.size(), neverIndexed});
 }
 
-void RequestFields::finish() {
+void RequestFields::finish(const Source& source) {
+    m_message = source.message;
+    m_tls = source.tls;
+    m_authority = source.authority;
+    m_fields.push_back({":path", m_path});
     std::string_view rest = m_texts;
     for (const Sizes& sizes : m_sizes) {
         m_fields.push_back(
             {rest.substr(0, sizes.name), rest.substr(sizes.name, sizes.value), sizes.neverIndexed});
         rest.remove_prefix(sizes.name + sizes.value);
     }
+}
+
+void RequestFields::setPath(const std::string& path) {
+    m_path = path;
+    if (!m_fields.empty()) m_fields.front().value = m_path;
+}
+
+uint64_t Message::newVersion() {
+    static std::atomic<uint64_t> versions{0};
+    return versions.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 bool Message::setPath(std::string_view path) {
@@ -56,7 +73,9 @@ bool Message::setPath(std::string_view path) {
 
 bool Message::setMethod(std::string_view method) {
     if (!isToken(method) || method == "CONNECT" || method.size() > kMaxOctets) return false;
+    if (m_method == method) return true;
     m_method = method;
+    m_version = newVersion();
     return true;
 }
 
@@ -76,6 +95,7 @@ bool Message::addHeader(std::string_view name, std::string_view value, bool neve
         return false;
     }
     m_headerOctets += octets;
+    m_version = newVersion();
     if (name == "host") {
         m_authority = value;
     } else if (id == hpack::NameId::kContentLength) {
@@ -99,12 +119,14 @@ bool Message::declareLength(std::string_view value) {
 void Message::setBlock(std::string_view block) {
     m_content.block = std::make_shared<const std::string>(block);
     m_content.reader = nullptr;
+    m_version = newVersion();
 }
 
 void Message::setReader(int (*reader)(char* buf, size_t len, void* opaque), void* opaque) {
     m_content.block.reset();
     m_content.reader = reader;
     m_content.opaque = opaque;
+    m_version = newVersion();
 }
 
 bool Message::compose(bool tls, std::string_view authority, RequestFields& fields,
@@ -116,11 +138,14 @@ bool Message::compose(bool tls, std::string_view authority, RequestFields& field
         if (content.length.value_or(size) != size) return false;
         if (content.block != nullptr) content.length = size;
     }
+    fields.setPath(m_path);
+    const RequestFields::Source source{m_version, tls,
+                                       m_authority.empty() ? authority : m_authority};
+    if (fields.areMadeOf(source)) return true;
     fields.clear();
     fields.add(":method", m_method);
     fields.add(":scheme", tls ? "https" : "http");
-    fields.add(":authority", m_authority.empty() ? authority : m_authority);
-    fields.add(":path", m_path);
+    fields.add(":authority", source.authority);
     for (const Header& header : m_headers) {
         fields.add(header.name, header.value, header.neverIndexed);
     }
@@ -129,7 +154,7 @@ bool Message::compose(bool tls, std::string_view authority, RequestFields& field
         const char* end = std::to_chars(text, text + sizeof text, *content.length).ptr;
         fields.add("content-length", {text, static_cast<size_t>(end - text)});
     }
-    fields.finish();
+    fields.finish(source);
     return true;
 }
 

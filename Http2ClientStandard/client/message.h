@@ -14,18 +14,37 @@
 
 namespace h2 {
 
-// A request's fields with their texts in one piece of memory, which is reused.
+// A request's fields: the path, which often differs from request to request, and behind it those
+// that often do not, which are kept. Their texts are in one piece of memory, which is reused.
 class RequestFields {
 public:
+    // What the fields behind the path are made of.
+    struct Source {
+        uint64_t message;  // Message's version
+        bool tls;
+        std::string_view authority;
+    };
+
     RequestFields() = default;
     RequestFields(const RequestFields&) = delete;
     RequestFields& operator=(const RequestFields&) = delete;
 
+    bool areMadeOf(const Source& source) const {
+        return m_message == source.message && m_tls == source.tls &&
+               m_authority == source.authority;
+    }
+    // Drops all fields; add() and finish() fill them in.
     void clear();
     void add(std::string_view name, std::string_view value, bool neverIndexed = false);
     // After the last add().
-    void finish();
+    void finish(const Source& source);
+    // Any time: the path of the next request.
+    void setPath(const std::string& path);
+
+    static constexpr size_t kFirstKept = 1;
     std::span<const hpack::Field> get() const { return m_fields; }
+    // Of the fields from kFirstKept on.
+    hpack::KeptFields& kept() { return m_kept; }
 
 private:
     struct Sizes {
@@ -33,9 +52,14 @@ private:
         size_t value;
         bool neverIndexed;
     };
-    std::string m_texts;
+    uint64_t m_message = 0;  // 0: there are none
+    bool m_tls = false;
+    std::string m_authority;
+    std::string m_path;
+    std::string m_texts;  // of the fields behind the path
     std::vector<Sizes> m_sizes;
     std::vector<hpack::Field> m_fields;
+    hpack::KeptFields m_kept;
 };
 
 // A request's content: nothing, a block, or what a reader gives.
@@ -63,7 +87,7 @@ public:
     bool isIdempotent() const;                              // RFC 9110, 9.2.2
 
     // Puts the whole request together. `authority` is used when there was no host header. False:
-    // content-length and content differ.
+    // content-length and content differ. Fields that are the same as in `fields` already stay.
     bool compose(bool tls, std::string_view authority, RequestFields& fields,
                  Content& content) const;
 
@@ -74,6 +98,7 @@ private:
         bool neverIndexed;
     };
 
+    static uint64_t newVersion();
     bool declareLength(std::string_view value);
 
     std::string m_method;
@@ -83,6 +108,9 @@ private:
     size_t m_headerOctets = 0;  // name, value and 32 each
     Content m_content;
     bool m_lengthWrong = false;  // content-length is no number, or two numbers
+    // Another one after each change but the path's. Two messages never have the same, unless they
+    // are copies.
+    uint64_t m_version = newVersion();
 };
 
 }  // namespace h2

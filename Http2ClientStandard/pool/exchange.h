@@ -34,6 +34,9 @@ class Exchange : public RefCounted {
 public:
     // What is sent. It stays as it is while the request runs.
     virtual std::span<const hpack::Field> fields() const = 0;
+    // See Request. Null, or used by the connection that has the request.
+    virtual hpack::KeptFields* kept() { return nullptr; }
+    virtual size_t keptFrom() const { return 0; }
     virtual bool isHead() const = 0;        // the method is HEAD
     virtual bool isIdempotent() const = 0;  // RFC 9110, 9.2.2
     virtual Body* body() = 0;               // null: none

@@ -103,8 +103,9 @@ void Connection::submit(const Ref<Exchange>& exchange) {
         release(*exchange);
         return;
     }
-    const uint32_t stream = m_session.submit(
-        {exchange->fields(), exchange->isHead(), exchange->body(), exchange.get()});
+    const uint32_t stream =
+        m_session.submit({exchange->fields(), exchange->isHead(), exchange->body(), exchange.get(),
+                          exchange->kept(), exchange->keptFrom()});
     if (stream != 0) {
         exchange->m_stream = stream;
         if (exchange->m_paused.load()) applyPause(*exchange);

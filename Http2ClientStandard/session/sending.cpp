@@ -19,18 +19,26 @@ void Session::openWaiting() {
         Stream* stream = m_waiting.first();
         if (stream == nullptr) return;
         stream->stored.view(m_storedFields);
-        sendHeaders(*stream, m_storedFields);
+        Request request;
+        request.fields = m_storedFields;
+        sendHeaders(*stream, request);
         stream->stored.clear();
     }
 }
 
 // Queues the request's HEADERS: the stream is open from now on.
-void Session::sendHeaders(Stream& stream, std::span<const hpack::Field> fields) {
+void Session::sendHeaders(Stream& stream, const Request& request) {
     const size_t start = m_out.size();
     if (m_lastQueued == m_lastSent) m_firstHeaders = start;
     m_out.room(kFrameHeaderSize);
     m_out.commit(kFrameHeaderSize);
-    m_encoder.encode(m_out, fields);
+    m_encoder.begin(m_out);
+    if (request.kept == nullptr) {
+        m_encoder.add(m_out, request.fields);
+    } else {
+        m_encoder.add(m_out, request.fields.first(request.keptFrom));
+        m_encoder.add(m_out, *request.kept, request.fields.subspan(request.keptFrom));
+    }
     frameFieldBlock(m_out, start, stream.id, stream.body == nullptr, m_peer.maxFrameSize);
     m_lastQueued = stream.id;
     m_open.pushBack(stream);

@@ -49,7 +49,7 @@ uint32_t Session::submit(const Request& request) {
     stream.body = request.body;
     // Whoever waits already goes first.
     if (m_waiting.empty() && m_openStreams < m_peer.maxConcurrentStreams) {
-        sendHeaders(stream, request.fields);
+        sendHeaders(stream, request);
     } else {
         stream.stored.store(request.fields);
         m_waiting.pushBack(stream);

@@ -29,6 +29,10 @@ struct Request {
     bool head = false;     // the method is HEAD: the answer has no content
     Body* body = nullptr;  // lives until the request's end or cancel(); null: no content
     void* user = nullptr;  // for the visitor
+    // When set: `fields` from `keptFrom` on, in their encoded form. Whoever changes those fields
+    // calls clear() on it.
+    hpack::KeptFields* kept = nullptr;
+    size_t keptFrom = 0;
 };
 
 // Why a session takes nothing any more.
@@ -145,7 +149,7 @@ private:
 
     // sending.cpp
     void openWaiting();
-    void sendHeaders(Stream& stream, std::span<const hpack::Field> fields);
+    void sendHeaders(Stream& stream, const Request& request);
     void sendReset(uint32_t stream, ErrorCode code);
     void produceControl(Bytes& out);
     void produceUpdates(Bytes& out);

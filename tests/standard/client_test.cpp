@@ -15,10 +15,10 @@ using h2::Content;
 using h2::Message;
 using h2::RequestFields;
 
-std::string text(const Message& message, bool tls = true) {
-    RequestFields fields;
+std::string text(const Message& message, RequestFields& fields, bool tls = true,
+                 const char* authority = "known:1") {
     Content content;
-    if (!message.compose(tls, "known:1", fields, content)) return "refused";
+    if (!message.compose(tls, authority, fields, content)) return "refused";
     std::string out;
     for (const h2::hpack::Field& field : fields.get()) {
         out += std::string(field.name) + "=" + std::string(field.value) +
@@ -27,28 +27,65 @@ std::string text(const Message& message, bool tls = true) {
     return out;
 }
 
+std::string text(const Message& message, bool tls = true) {
+    RequestFields fields;
+    return text(message, fields, tls);
+}
+
 TEST(Message, ComposesPseudoHeadersFirst) {
     Message message;
     EXPECT_TRUE(message.addHeader("a", "1", true));
     EXPECT_TRUE(message.setMethod("PUT"));
     EXPECT_TRUE(message.setPath("/p"));
     EXPECT_EQ(text(message),
-              ":method=PUT\n:scheme=https\n:authority=known:1\n:path=/p\na=1 never\n");
+              ":path=/p\n:method=PUT\n:scheme=https\n:authority=known:1\na=1 never\n");
     EXPECT_TRUE(message.addHeader("host", "h", false));
     EXPECT_EQ(text(message, false),
-              ":method=PUT\n:scheme=http\n:authority=h\n:path=/p\na=1 never\n");
+              ":path=/p\n:method=PUT\n:scheme=http\n:authority=h\na=1 never\n");
     message.clear();
     EXPECT_EQ(message.method(), "");
-    EXPECT_EQ(text(message), ":method=\n:scheme=https\n:authority=known:1\n:path=/\n");
+    EXPECT_EQ(text(message), ":path=/\n:method=\n:scheme=https\n:authority=known:1\n");
+}
+
+// Whatever has changed since the fields were composed before, they are those of the message.
+TEST(Message, ComposesAgainWhatHasChanged) {
+    Message message;
+    RequestFields fields;
+    const auto check = [&](bool tls = true, const char* authority = "known:1") {
+        RequestFields fresh;
+        EXPECT_EQ(text(message, fields, tls, authority), text(message, fresh, tls, authority));
+    };
+    EXPECT_TRUE(message.setMethod("GET"));
+    check();
+    EXPECT_TRUE(message.setPath("/a/path/that/is/longer/than/the/one/before"));
+    check();
+    EXPECT_TRUE(message.addHeader("a", "1", false));
+    check();
+    EXPECT_TRUE(message.setMethod("POST"));
+    check();
+    message.setBlock("abc");
+    check();
+    message.setBlock("abcd");
+    check();
+    message.setReader([](char*, size_t, void*) { return 0; }, nullptr);
+    check();
+    check(false);
+    check(false, "other:1");
+    EXPECT_TRUE(message.addHeader("host", "h", false));
+    check();
+    EXPECT_TRUE(message.addHeader("content-length", "5", false));
+    check();
+    message.clear();
+    check();
 }
 
 TEST(Message, ContentLengthAgreesWithTheBlock) {
     Message message;
     message.setMethod("POST");
     message.setBlock("abc");
-    EXPECT_TRUE(text(message).ends_with(":path=/\ncontent-length=3\n"));
+    EXPECT_TRUE(text(message).ends_with(":authority=known:1\ncontent-length=3\n"));
     EXPECT_TRUE(message.addHeader("content-length", "3", false));
-    EXPECT_TRUE(text(message).ends_with(":path=/\ncontent-length=3\n"));
+    EXPECT_TRUE(text(message).ends_with(":authority=known:1\ncontent-length=3\n"));
     message.setBlock("abcd");
     EXPECT_EQ(text(message), "refused");
     for (const char* wrong : {"", "x", "3x", "-3", "99999999999999999999"}) {

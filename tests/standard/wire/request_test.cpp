@@ -23,10 +23,10 @@ TEST_P(Request_, SendsFieldsInOrder) {
     ASSERT_TRUE(client.waitEnd());
     EXPECT_EQ(client.callbacks(), answered());
     const std::string authority = "127.0.0.1:" + std::to_string(server.port());
-    EXPECT_EQ(server.requests()[0].fields, (Fields{{":method", "GET"},
+    EXPECT_EQ(server.requests()[0].fields, (Fields{{":path", "/a?b=c"},
+                                                   {":method", "GET"},
                                                    {":scheme", tls() ? "https" : "http"},
                                                    {":authority", authority},
-                                                   {":path", "/a?b=c"},
                                                    {"x-one", "1"},
                                                    {"x-empty", ""},
                                                    {"x-high", "\xc3\xa9"}}));
@@ -40,10 +40,35 @@ TEST_P(Request_, HostBecomesAuthority) {
     ASSERT_NE(client.addHeader("host", "example.org", false), nullptr);
     ASSERT_EQ(client.startRequest(nullptr), 0);
     ASSERT_TRUE(client.waitEnd());
-    EXPECT_EQ(server.requests()[0].fields, (Fields{{":method", "DELETE"},
+    EXPECT_EQ(server.requests()[0].fields, (Fields{{":path", "/"},
+                                                   {":method", "DELETE"},
                                                    {":scheme", tls() ? "https" : "http"},
-                                                   {":authority", "example.org"},
-                                                   {":path", "/"}}));
+                                                   {":authority", "example.org"}}));
+}
+
+// What was encoded for one request is used again for the next, as long as nothing has changed.
+TEST_P(Request_, EachHasTheFieldsOfItsTime) {
+    Http2Server server(options(answerAll()));
+    RecordingClient client;
+    ASSERT_EQ(connect(client, server), 0);
+    for (size_t i = 0; i < 12; ++i) {
+        const std::string path = "/" + std::to_string(i);
+        ASSERT_EQ(client.setUri(path.c_str(), HTTP_GET), 0);
+        if (i % 4 == 0) {
+            ASSERT_EQ(client.addHeader("x-since", path.c_str(), false), &client);
+        }
+        client.clear();
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        ASSERT_TRUE(client.waitEnd());
+    }
+    ASSERT_EQ(server.requests().size(), 12u);
+    for (size_t i = 0; i < 12; ++i) {
+        Fields fields = server.requests()[i].fields;
+        EXPECT_EQ(fields[0], (Fields::value_type{":path", "/" + std::to_string(i)}));
+        Fields expected;
+        for (size_t j = 0; j <= i; j += 4) expected.push_back({"x-since", "/" + std::to_string(j)});
+        EXPECT_EQ(Fields(fields.begin() + 4, fields.end()), expected) << i;
+    }
 }
 
 TEST_P(Request_, BlockGoesOutWhole) {
