@@ -10,15 +10,10 @@
 //
 // Prints figures to standard error, "name value" a line: standard output has the library's own
 // lines. Exits 1 when a request does not succeed.
-#include <malloc.h>
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,6 +24,7 @@
 #include "Http2Client/HttpClientInterface.h"
 #include "Http2Client/httpClientApi.h"
 #include "calls.h"
+#include "figures.h"
 
 namespace {
 
@@ -37,14 +33,6 @@ using Seconds = std::chrono::duration<double>;
 
 constexpr unsigned int kPollTime = 100;  // milliseconds
 constexpr auto kGatherTime = std::chrono::microseconds(500);
-constexpr size_t kPageSize = 4096;
-
-[[noreturn]] void die(const char* what) {
-    std::fprintf(stderr, "client_bench: %s\n", what);
-    std::_Exit(1);
-}
-
-void report(const char* name, double value) { std::fprintf(stderr, "%s %.9g\n", name, value); }
 
 class Client;
 
@@ -152,10 +140,6 @@ Times runAll(Finished& finished, const Clients& clients, size_t total, Seconds p
     return times;
 }
 
-double percentile(const std::vector<double>& sorted, double fraction) {
-    return sorted[static_cast<size_t>(fraction * static_cast<double>(sorted.size() - 1))];
-}
-
 void get(const std::string& port, const char* path, size_t connections, size_t requests,
          double pause) {
     Finished finished;
@@ -182,32 +166,6 @@ void download(HTTP_SCHEMA schema, const std::string& port, const char* path, siz
     report("bytes_per_second", static_cast<double>(size) / times.latencies[0]);
 }
 
-// What this process takes.
-struct Usage {
-    Usage() {
-        rusage usage{};
-        getrusage(RUSAGE_SELF, &usage);
-        for (const timeval& time : {usage.ru_utime, usage.ru_stime}) {
-            cpu += static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
-        }
-        switches = static_cast<double>(usage.ru_nvcsw);
-        steps = static_cast<double>(pollSteps());
-        sent = static_cast<double>(sends());
-        const struct mallinfo2 heapInfo = mallinfo2();
-        heap = static_cast<double>(heapInfo.uordblks + heapInfo.hblkhd);
-        size_t all = 0;
-        size_t resident = 0;
-        std::ifstream("/proc/self/statm") >> all >> resident;
-        memory = static_cast<double>(resident * kPageSize);
-    }
-    double cpu = 0;
-    double switches = 0;
-    double steps = 0;
-    double sent = 0;
-    double heap = 0;    // bytes in use
-    double memory = 0;  // bytes resident
-};
-
 void idle(HTTP_SCHEMA schema, const std::string& port, const char* path, size_t connections,
           size_t requests, double seconds) {
     Finished finished;
@@ -217,14 +175,16 @@ void idle(HTTP_SCHEMA schema, const std::string& port, const char* path, size_t 
     Clients others = connectAll(finished, schema, port, path, connections - 1);
     runAll(finished, others, requests * others.size());
     const Usage before;
+    const auto steps = static_cast<double>(pollSteps());
+    const auto sent = static_cast<double>(sends());
     const Clock::time_point start = Clock::now();
     std::this_thread::sleep_for(Seconds(seconds));
     const double wall = Seconds(Clock::now() - start).count();
     const Usage after;
     report("cpu_per_second", (after.cpu - before.cpu) / wall);
     report("switches_per_second", (after.switches - before.switches) / wall);
-    report("steps_per_second", (after.steps - before.steps) / wall);
-    report("sends_per_second", (after.sent - before.sent) / wall);
+    report("steps_per_second", (static_cast<double>(pollSteps()) - steps) / wall);
+    report("sends_per_second", (static_cast<double>(sends()) - sent) / wall);
     if (others.empty()) return;
     const auto added = static_cast<double>(others.size());
     report("heap_per_connection", (before.heap - empty.heap) / added);
