@@ -1,4 +1,4 @@
-// What the standard edition's HPACK costs, each job beside libnghttp2's inflater or deflater.
+// What the standard edition's HPACK and session cost, each job beside libnghttp2's.
 //
 //   standard_codec_bench [Google Benchmark's options]
 //
@@ -16,6 +16,7 @@
 #include "Http2ClientStandard/hpack/decoder.h"
 #include "Http2ClientStandard/hpack/encoder.h"
 #include "inputs.h"
+#include "standard_session_bench.h"
 
 namespace {
 
@@ -267,6 +268,7 @@ void addEncodings() {
 int main(int argc, char** argv) {
     addDecodings();
     addEncodings();
+    addSessions();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     benchmark::RunSpecifiedBenchmarks();
