@@ -4,7 +4,9 @@ import os
 import platform
 import subprocess
 
-HEADER = ["what", "ours", "peer", "theirs", "ratio"]
+import standard_page
+from table import HEADER, memory_text, rate_text, row, speed_text, time_text
+
 CODEC_TEXTS = {
     "encode_8": "encode a GET's 8 fields",
     "encode_8_typical": "encode a GET's 8 fields of typical texts",
@@ -74,7 +76,7 @@ Where ours costs more:
 ![Processor time by the peer's](plots/codec.svg)
 """
 GROWTH = """\
-## Growth
+### Growth
 
 Time against n for the kinds of input whose cost [security.md](security.md) bounds, as
 `bench/growth.cpp` makes them. A flat line is a cost in proportion to n, or in the first plot one that
@@ -88,35 +90,6 @@ does not depend on it.
 
 ![Frames](plots/growth-frames.svg)
 """
-
-
-def scaled(value, units):
-    size, unit = next((one for one in units if value >= one[0]), units[-1])
-    return f"{value / size:.3g} {unit}"
-
-
-def time_text(seconds):
-    return scaled(seconds, ((1, "s"), (1e-3, "ms"), (1e-6, "µs"), (1e-9, "ns")))
-
-
-def rate_text(per_second):
-    return f"{per_second:,.0f}/s"
-
-
-def speed_text(bytes_per_second):
-    return f"{bytes_per_second / 1e6:,.0f} MB/s"
-
-
-def memory_text(kib):
-    return f"{kib / 1024:.1f} MiB"
-
-
-def row(what, text, own, peer="", theirs=None, rate=False):
-    """The cells of a row. The ratio is the cost of ours by the peer's: below 1 ours is better."""
-    if theirs is None:
-        return [what, text(own), "", "", ""]
-    return [what, text(own), peer, text(theirs),
-            f"{theirs / own if rate else own / theirs:.2f}"]
 
 
 def codec(results):
@@ -189,24 +162,37 @@ def machine():
             f"{first_line('g++', '--version')}")
 
 
-def write(path, all_sections, seconds):
+def write_sections(out, all_sections):
+    for title, text, rows in all_sections:
+        out.write(f"\n### {title}\n\n{text}\n")
+        for cells in [HEADER, ["---"] * len(HEADER), *rows]:
+            out.write("| " + " | ".join(cells) + " |\n")
+
+
+def write(path, exact_sections, standard_sections, seconds):
     nghttp2 = first_line("pkg-config", "--modversion", "libnghttp2")
     curl = " ".join(first_line("curl", "--version").split()[:2])
     with open(path, "w", encoding="utf-8") as out:
         out.write(f"""\
 # Benchmarks
 
-What the library costs, beside libnghttp2, h2load, nghttp and curl on the same machine.
+What the two editions cost, beside libnghttp2, h2load, nghttp and curl on the same machine.
 
 A ratio is our cost by the peer's, in time, processor time or memory (for a rate: the peer's by ours):
 below 1 ours is the better one. Both sides were measured in turns in the same run, and are medians of
-at least 5. On another machine compare the ratios, not the times.
+7 runs. On another machine compare the ratios, not the times.
 
 Made by `scripts/bench` in {seconds / 60:.1f} minutes on {machine()}. Peers: libnghttp2, h2load and
-nghttp {nghttp2}, {curl}. All programs talk to the same HAProxy before nghttpd, on loopback.
+nghttp {nghttp2}, {curl}. All programs talk to servers on loopback.
+
+## The standard edition
+
+{standard_page.INTRODUCTION}""")
+        write_sections(out, standard_sections)
+        out.write("""
+## The exact edition
+
+Client and servers share the machine's cores. All programs talk to the same HAProxy before nghttpd.
 """)
-        for title, text, rows in all_sections:
-            out.write(f"\n## {title}\n\n{text}\n")
-            for cells in [HEADER, ["---"] * len(HEADER), *rows]:
-                out.write("| " + " | ".join(cells) + " |\n")
+        write_sections(out, exact_sections)
         out.write("\n" + GROWTH)

@@ -52,6 +52,21 @@ def requests(path, gets):
             for side in ("own", "h2load")})
 
 
+def standard_requests(folder, results):
+    """One connection, plain: by streams."""
+    for name, figure, label, scale in (
+            ("standard-requests", "requests_per_second", "requests a second", 1),
+            ("standard-cpu", "cpu_per_request", "µs of processor time a request", 1e6)):
+        lines = {}
+        for (server, scheme, connections, streams), sides in results.items():
+            if scheme != "plain" or connections != 1:
+                continue
+            for side, figures in sides.items():
+                lines.setdefault(f"{side}, {server}", []).append((streams, figures[figure] * scale))
+        curves(os.path.join(folder, f"{name}.svg"), "GETs on one connection", "streams at once",
+               label, lines)
+
+
 def growth(folder, cases):
     state, blocks, chunks, frames = {}, {}, {}, {}
     for name, points in cases.items():
