@@ -1,4 +1,4 @@
-// Ten operations whose instructions are counted: see bench/baseline.txt.
+// Operations whose instructions are counted: see bench/baseline.txt.
 //
 //   ops --list     the operations' names
 //   ops NAME       does the operation twice; a profiler is to look at measured() only, which is the
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "own_jobs.h"
+#include "standard_ops.h"
 
 // A profiler knows it by this name.
 extern "C" __attribute__((noinline)) void measured(bench::Job* job) { job->run(); }
@@ -20,7 +21,7 @@ using namespace bench;
 std::vector<std::pair<std::string, JobMaker>> allOperations() {
     using own::Console;
     const Fields get = requestFields(8, Text::kTypical);
-    return {
+    std::vector<std::pair<std::string, JobMaker>> all = {
         {"encode_8", make<own::Encode>(get)},
         {"encode_40", make<own::Encode>(requestFields(40, Text::kTypical))},
         {"decode_10", make<own::Decode>(literalBlock(responseFields(10)))},
@@ -32,6 +33,8 @@ std::vector<std::pair<std::string, JobMaker>> allOperations() {
         {"produce_get", make<own::ProduceGet>(get)},
         {"produce_body", make<own::ProduceBody>()},
     };
+    for (auto& operation : standard::operations()) all.push_back(std::move(operation));
+    return all;
 }
 
 }  // namespace

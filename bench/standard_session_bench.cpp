@@ -3,101 +3,22 @@
 #include <benchmark/benchmark.h>
 #include <nghttp2/nghttp2.h>
 
-#include <climits>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "Http2ClientStandard/session/session.h"
 #include "inputs.h"
+#include "standard_side.h"
 #include "tests/support/bytes.h"
 
 namespace {
 
-using namespace h2;
+using namespace bench::standard;
 using bench::Fields;
 
-constexpr size_t kChunk = 65536;        // what a session is given at once
 constexpr uint32_t kManyStreams = 200;  // of one session, before it is renewed
-constexpr uint32_t kHugeWindow = INT_MAX;
-constexpr size_t kSmallContent = 1024;
-
-void check(bool good) {
-    if (!good) std::abort();
-}
-
-// The server's opening: as many streams as the jobs have, and windows that are never used up.
-std::string serverOpening() {
-    constexpr uint16_t kMaxConcurrentStreams = 3;
-    return h2test::settings({{kMaxConcurrentStreams, 100'000}});
-}
-
-Fields getFields() {
-    Fields fields = bench::requestFields(8, bench::Text::kTypical);
-    fields[3] = {":authority", "www.example.com"};
-    std::swap(fields[0], fields[2]);  // the path goes first: see RequestFields
-    return fields;
-}
-
-Fields answerFields() {
-    Fields fields = bench::responseFields(10);
-    for (auto& [name, value] : fields) {
-        if (name == "content-length") value = std::to_string(kSmallContent);
-    }
-    return fields;
-}
-
-class NoEvents : public Visitor {
-public:
-    void onHeaders(uint32_t, void*, uint32_t, const hpack::FieldList&) override {}
-    void onData(uint32_t, void*, const char*, size_t, bool) override {}
-    void onTrailers(uint32_t, void*, const hpack::FieldList&) override {}
-    void onEnd(uint32_t, void*, const StreamEnd&) override {}
-};
-
-class Own {
-public:
-    Own() : m_session(m_visitor, options()) { receive(serverOpening()); }
-    void submit() {
-        Request request;
-        request.fields = m_fields;
-        request.kept = &m_kept;
-        request.keptFrom = 1;
-        check(m_session.submit(request) != 0);
-    }
-    void send() {
-        m_output.clear();
-        m_session.produce(m_output, kChunk, 0);
-    }
-    void receive(std::string_view bytes) {
-        for (; !bytes.empty(); bytes.remove_prefix(std::min(kChunk, bytes.size()))) {
-            m_session.receive(bytes.data(), std::min(kChunk, bytes.size()), 0);
-        }
-        check(m_session.error() == nullptr);
-    }
-
-private:
-    static SessionOptions options() {
-        SessionOptions options;
-        options.streamWindow = options.connectionWindow = kHugeWindow;
-        return options;
-    }
-    static std::vector<hpack::Field> fieldsOf(const Fields& fields) {
-        std::vector<hpack::Field> own;
-        for (const auto& [name, value] : fields) own.push_back({name, value});
-        return own;
-    }
-    NoEvents m_visitor;
-    Session m_session;
-    Output m_output;
-    hpack::KeptFields m_kept;
-    const Fields m_texts = getFields();
-    const std::vector<hpack::Field> m_fields = fieldsOf(m_texts);
-};
 
 uint8_t* bytesOf(const std::string& text) {
     return reinterpret_cast<uint8_t*>(const_cast<char*>(text.data()));
@@ -151,9 +72,9 @@ private:
 };
 
 // A MiB of DATA frames of one stream, which does not end.
-template <class Side>
+template <class AnySide>
 void receiveData(benchmark::State& state, const std::string& frames) {
-    Side side;
+    AnySide side;
     side.submit();
     side.send();
     side.receive(h2test::headers(1, "\x88"));
@@ -164,7 +85,7 @@ void receiveData(benchmark::State& state, const std::string& frames) {
 }
 
 // Answers of HEADERS with 10 fields and one DATA frame, on streams of their own.
-template <class Side>
+template <class AnySide>
 void receiveAnswers(benchmark::State& state) {
     std::string first;  // has the fields enter the table
     std::string answers;
@@ -179,7 +100,7 @@ void receiveAnswers(benchmark::State& state) {
     }
     for ([[maybe_unused]] auto iteration : state) {
         state.PauseTiming();
-        std::optional<Side> side(std::in_place);
+        std::optional<AnySide> side(std::in_place);
         for (uint32_t i = 0; i < kManyStreams; ++i) side->submit();
         side->send();
         side->receive(first);
@@ -193,11 +114,11 @@ void receiveAnswers(benchmark::State& state) {
 }
 
 // A GET's bytes, whose fields the table has.
-template <class Side>
+template <class AnySide>
 void produceGets(benchmark::State& state) {
     for ([[maybe_unused]] auto iteration : state) {
         state.PauseTiming();
-        std::optional<Side> side(std::in_place);
+        std::optional<AnySide> side(std::in_place);
         side->submit();
         side->send();
         state.ResumeTiming();
@@ -218,11 +139,11 @@ void addSessions() {
     for (const size_t size : {16384, 1024, 64}) {
         const std::string frames = bench::dataStream(size);
         const std::string name = "receive_data_" + std::to_string(size);
-        benchmark::RegisterBenchmark((name + "/own").c_str(), receiveData<Own>, frames);
+        benchmark::RegisterBenchmark((name + "/own").c_str(), receiveData<Side>, frames);
         benchmark::RegisterBenchmark((name + "/libnghttp2").c_str(), receiveData<Peer>, frames);
     }
-    benchmark::RegisterBenchmark("receive_answers/own", receiveAnswers<Own>);
+    benchmark::RegisterBenchmark("receive_answers/own", receiveAnswers<Side>);
     benchmark::RegisterBenchmark("receive_answers/libnghttp2", receiveAnswers<Peer>);
-    benchmark::RegisterBenchmark("produce_gets/own", produceGets<Own>);
+    benchmark::RegisterBenchmark("produce_gets/own", produceGets<Side>);
     benchmark::RegisterBenchmark("produce_gets/libnghttp2", produceGets<Peer>);
 }
