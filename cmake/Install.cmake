@@ -1,4 +1,5 @@
-# What `cmake --install` installs, by component: Runtime, Development, Tools.
+# What `cmake --install` installs, by component: Runtime (the exact edition and the log), Standard (the
+# standard edition), Development, Tools.
 include(CMakePackageConfigHelpers)
 
 set(libraries Http2Client)
@@ -13,6 +14,13 @@ install(TARGETS ${libraries} EXPORT Http2ClientTargets
 install(FILES Http2Client/HttpClientInterface.h Http2Client/httpClientApi.h Http2Client/error.h
               Http2Client/PlatformDef.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Http2Client COMPONENT Development)
+if(TARGET Http2ClientStandard)
+    install(TARGETS Http2ClientStandard EXPORT Http2ClientTargets
+            LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Standard
+                    NAMELINK_COMPONENT Development)
+    install(FILES Http2ClientStandard/Http2ClientOptions.h
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Http2Client COMPONENT Development)
+endif()
 install(FILES docs/man/Http2Client.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
         COMPONENT Development)
 
@@ -39,11 +47,17 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/Http2ClientConfig.cmake
 install(EXPORT Http2ClientTargets NAMESPACE Http2Client:: DESTINATION ${package_dir}
         COMPONENT Development)
 
-# The .pc file finds the prefix from its own place, so that an installed tree can be moved.
+# A .pc file finds the prefix from its own place, so that an installed tree can be moved.
 file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-configure_file(cmake/Http2Client.pc.in ${PROJECT_BINARY_DIR}/cmake/Http2Client.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/cmake/Http2Client.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+function(install_pc_file name description)
+    configure_file(cmake/Http2Client.pc.in ${PROJECT_BINARY_DIR}/cmake/${name}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+endfunction()
+install_pc_file(Http2Client "${PROJECT_DESCRIPTION}")
+if(TARGET Http2ClientStandard)
+    install_pc_file(Http2ClientStandard "${PROJECT_DESCRIPTION}, standard edition")
+endif()
 
 # As a part of another build, the names of targets are that build's.
 if(PROJECT_IS_TOP_LEVEL)

@@ -22,6 +22,9 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The Http2Client authors <http2client@packag
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL Runtime Development)
+if(HTTP2CLIENT_BUILD_STANDARD)
+    list(APPEND CPACK_COMPONENTS_ALL Standard)
+endif()
 if(HTTP2CLIENT_BUILD_TOOLS)
     list(APPEND CPACK_COMPONENTS_ALL Tools)
 endif()
@@ -35,8 +38,8 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # libCLogWrapper.so.1 lies next to libHttp2Client.so.1, in the same package: it has the same version,
-# nobody else needs it, and an application that replaces it puts its own before it in the
-# loader's path, for which it must be a library like any other.
+# only the standard edition needs it, too, and an application that replaces it puts its own before it
+# in the loader's path, for which it must be a library like any other.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libhttp2client${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Small HTTP/2 client library
@@ -45,7 +48,19 @@ response through four callbacks or from one blocking call. A background
 thread does all work on the sockets. Connections are plain TCP with prior
 knowledge, or TLS without ALPN and without verification of the certificate.
 .
-This package has the shared library and the log library that it writes to.")
+This package has the shared library of the exact edition, whose bytes on the
+wire never change, and the log library that both editions write to.")
+
+set(CPACK_DEBIAN_STANDARD_PACKAGE_NAME libhttp2clientstandard${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_STANDARD_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_STANDARD_DESCRIPTION "Small HTTP/2 client library (standard edition)
+Applications derive from one class, and get status, headers and body of a
+response through four callbacks or from one blocking call. A background
+thread does the work on the sockets.
+.
+This package has the shared library of the standard edition: the interface of
+the exact edition, with HTTP/2 as RFC 9113 has it. Clients share connections;
+TLS verifies certificates and chooses HTTP/2 by ALPN.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libhttp2client-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -54,7 +69,7 @@ Applications derive from one class, and get status, headers and body of a
 response through four callbacks or from one blocking call.
 .
 This package has the headers, and what CMake and pkg-config need to find the
-library.")
+libraries of both editions.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME http2client-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION web)
@@ -72,6 +87,15 @@ set(CPACK_HTTP2CLIENT_DEBIAN_DIR ${debian})
 set(CPACK_HTTP2CLIENT_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 set(CPACK_HTTP2CLIENT_EXAMPLES_DIR ${PROJECT_SOURCE_DIR}/examples)
 include(CPack)
+set(libraries Runtime)
 cpack_add_component(Runtime)
-cpack_add_component(Development DEPENDS Runtime)
-cpack_add_component(Tools DEPENDS Runtime)
+if(HTTP2CLIENT_BUILD_STANDARD)
+    list(APPEND libraries Standard)
+    cpack_add_component(Standard DEPENDS Runtime)
+endif()
+cpack_add_component(Development DEPENDS ${libraries})
+if(TARGET h2request-standard)
+    cpack_add_component(Tools DEPENDS ${libraries})
+else()
+    cpack_add_component(Tools DEPENDS Runtime)
+endif()

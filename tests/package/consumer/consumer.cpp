@@ -3,6 +3,7 @@
 #include <error.h>  // the C library's, whatever else is called so
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -95,11 +96,13 @@ void answered() {
     const std::string answer = application.waitForEnd();
     printf("answer: %s\n", answer.c_str());
     expect("the answer is the peer's", 1, answer == "200 hello");
+    peer.hangUp();
 }
 
 }  // namespace
 
 int main() {
+    signal(SIGPIPE, SIG_IGN);  // as the exact edition needs it
     expect("initHttp2Client", 1, initHttp2Client(10));
     refused();
     answered();

@@ -11,12 +11,14 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 
 // An HTTP/2 server of one connection and one request, which it answers with status 200 and a text
-// of at most 255 bytes. It listens on a port of 127.0.0.1 that the kernel chooses, and gives up
-// on a client that keeps silent for 30 s.
+// of at most 255 bytes. It listens on a port of 127.0.0.1 that the kernel chooses, keeps the
+// connection open until hangUp() or the client's end of it, and gives up on a client that keeps
+// silent for 30 s.
 class Peer {
 public:
     explicit Peer(const std::string& text) : m_listener(socket(AF_INET, SOCK_STREAM, 0)) {
@@ -38,6 +40,7 @@ public:
     }
     ~Peer() {
         m_thread.join();
+        if (m_connection >= 0) close(m_connection);
         close(m_listener);
     }
     Peer(const Peer&) = delete;
@@ -45,8 +48,11 @@ public:
 
     uint16_t port() const { return m_port; }
 
+    // When the client has its answer.
+    void hangUp() { shutdown(m_connection, SHUT_RD); }
+
 private:
-    enum Frame { DATA = 0, HEADERS = 1, RST_STREAM = 3, SETTINGS = 4 };
+    enum Frame { DATA = 0, HEADERS = 1, SETTINGS = 4 };
 
     static bool receive(int fd, std::string& bytes, size_t count) {
         bytes.resize(count);
@@ -62,39 +68,37 @@ private:
         return bytes + stream + payload;
     }
 
-    // Reads frames up to the first of the type; `header` is that one's. False at the end of input.
-    static bool skipTo(Frame type, int fd, std::string& header) {
+    // Reads a frame. False at the end of input.
+    static bool receiveFrame(int fd, std::string& header) {
         std::string payload;
-        do {
-            if (!receive(fd, header, 9)) return false;
-            const size_t length = static_cast<size_t>(static_cast<uint8_t>(header[0])) << 16 |
-                                  static_cast<size_t>(static_cast<uint8_t>(header[1])) << 8 |
-                                  static_cast<uint8_t>(header[2]);
-            if (!receive(fd, payload, length)) return false;
-        } while (header[3] != static_cast<char>(type));
-        return true;
+        if (!receive(fd, header, 9)) return false;
+        const size_t length = static_cast<size_t>(static_cast<uint8_t>(header[0])) << 16 |
+                              static_cast<size_t>(static_cast<uint8_t>(header[1])) << 8 |
+                              static_cast<uint8_t>(header[2]);
+        return receive(fd, payload, length);
     }
 
-    void serve(const std::string& text) const {
+    void serve(const std::string& text) {
         const int fd = accept(m_listener, nullptr, nullptr);
+        m_connection = fd;
         if (fd < 0) return;
         const timeval limit = {30, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         std::string header;
-        if (receive(fd, header, 24) && skipTo(HEADERS, fd, header)) {
+        bool open = receive(fd, header, 24);
+        while (open && (open = receiveFrame(fd, header))) {
+            if (header[3] != HEADERS) continue;
             const std::string stream = header.substr(5, 4);
             const std::string answer = frame(SETTINGS, 0, std::string(4, '\0'), "") +
                                        frame(HEADERS, 4, stream, "\x88") +  // :status: 200
                                        frame(DATA, 1, stream, text);
-            if (send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(answer.size())) {
-                skipTo(RST_STREAM, fd, header);
-            }
+            open = send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) ==
+                   static_cast<ssize_t>(answer.size());
         }
-        close(fd);
     }
 
     const int m_listener;
+    std::atomic<int> m_connection{-1};
     uint16_t m_port;
     std::thread m_thread;
 };
