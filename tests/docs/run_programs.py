@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 """Compiles the programs of one page and runs its commands. Works in the current folder.
 
-Usage: run_programs.py PAGE PORT COMPILER
+Usage: run_programs.py PAGE PORT TLS_PORT COMPILER
 
 A block of C++ goes to the file that its first line names ("// file: NAME"), or to that of the block
 before. In a block of console text each line that starts with "$ " is run, and the lines behind it
-are what it has to print to standard error; "8080" stands for PORT and "g++" for COMPILER. What has
-no main is compiled by itself. Exits 1 at the first difference.
+are what it has to print; "8080" stands for PORT, "8443" for TLS_PORT and "g++" for COMPILER. What
+has no main is compiled by itself. Exits 1 at the first difference.
 """
 import pathlib
 import re
@@ -56,7 +56,7 @@ def commands(page):
 
 def main():
     page = pathlib.Path(sys.argv[1]).read_text(encoding="utf-8")
-    port, compiler = sys.argv[2:]
+    port, tls_port, compiler = sys.argv[2:]
     files = write_files(page)
     compiled = set()
     for command, output in commands(page):
@@ -65,10 +65,11 @@ def main():
         if words[0] == "g++":
             compiled.add(words[2])
             command = " ".join([compiler, *STRICT, command[len("g++"):]])
-        result = subprocess.run(["bash", "-c", command.replace("8080", port)], timeout=120,
-                                stderr=subprocess.PIPE, encoding="utf-8", check=False)
-        print(result.stderr, end="", flush=True)
-        if result.returncode != 0 or result.stderr != output:
+        command = command.replace("8080", port).replace("8443", tls_port)
+        result = subprocess.run(["bash", "-c", command], timeout=120, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, encoding="utf-8", check=False)
+        print(result.stdout, end="", flush=True)
+        if result.returncode != 0 or result.stdout != output:
             fail(f"exit code {result.returncode}, and the page has:\n{output}")
     for name, content in files.items():
         if "int main(" in content:
