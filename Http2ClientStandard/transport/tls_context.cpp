@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Http2ClientStandard/transport/address.h"
+#include "Http2ClientStandard/transport/socket.h"
 
 namespace h2 {
 
@@ -55,6 +56,9 @@ bool TlsOptions::operator<(const TlsOptions& other) const {
 }
 
 std::string tlsErrorText() {
+    // What the system says comes first, and OpenSSL's last error says only that it was the system.
+    const unsigned long first = ERR_peek_error();
+    if (ERR_SYSTEM_ERROR(first)) return systemError(ERR_GET_REASON(first));
     const unsigned long code = ERR_peek_last_error();
     const char* reason = ERR_reason_error_string(code);
     return reason == nullptr ? "TLS failure " + std::to_string(code) : reason;

@@ -55,7 +55,8 @@ private:
     std::map<std::string, SSL_SESSION*> m_sessions;  // by "host:port", the last of each; owned
 };
 
-// The reason of the calling thread's last OpenSSL failure, without OpenSSL's codes.
+// The reason of the calling thread's last OpenSSL failure, without OpenSSL's codes; the system's
+// reason when there is one.
 std::string tlsErrorText();
 
 }  // namespace h2
