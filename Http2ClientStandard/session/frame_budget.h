@@ -9,8 +9,9 @@
 namespace h2 {
 
 // Bounds the frames that bring no request further: PING, SETTINGS, PRIORITY, WINDOW_UPDATE, unknown
-// types, empty DATA and CONTINUATION, frames on closed streams. Each takes one from the budget.
-// Time fills it again, and so does progress: an answer, content sent, and content received.
+// types, empty DATA and CONTINUATION, PUSH_PROMISE, frames on closed streams. Each takes one from
+// the budget. Time fills it again, and so does progress: an answer, content sent, and content
+// received.
 class FrameBudget {
 public:
     // What progress earns.

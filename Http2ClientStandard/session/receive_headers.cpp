@@ -70,6 +70,8 @@ void Session::onPushPromise(uint32_t id, uint32_t promised) {
         rule = "PUSH_PROMISE, though push is disabled";
     } else if (promised % 2 != 0 || promised <= m_lastPromised) {
         rule = "PUSH_PROMISE of a stream that is not idle";
+    } else if (id % 2 == 0) {
+        rule = "PUSH_PROMISE on a stream of the server's own";
     } else if (m_streams.find(id) == nullptr && !m_resets.contains(id)) {
         rule = "PUSH_PROMISE on a closed stream";
     }
@@ -78,6 +80,7 @@ void Session::onPushPromise(uint32_t id, uint32_t promised) {
         return;
     }
     m_lastPromised = promised;
+    if (!spend("too many PUSH_PROMISE frames")) return;
     sendReset(promised, ErrorCode::kRefusedStream);
     replyQueued();
 }
