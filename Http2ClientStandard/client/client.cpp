@@ -154,6 +154,10 @@ int Client::begin(const ExchangeLimits& limits, Ref<ClientExchange>& begun) {
             m_error = "no method is set";
             return ERR_URL_UNSET;
         }
+        if (!m_message.pathSuitsMethod()) {
+            m_error = "the path \"*\" is for OPTIONS only";
+            return ERR_URL_UNSET;
+        }
         begun = freshExchangeLocked();
         server = m_server;
         if (!m_message.compose(server->key().tls, m_authority, begun->requestFields(),

@@ -24,6 +24,18 @@ bool isToken(std::string_view text) {
     return !text.starts_with(':') && hpack::isValidName(lower);
 }
 
+// RFC 9113, 8.3.1: an absolute path and perhaps a query; "*" is for OPTIONS. A fragment is no part
+// of either (RFC 3986, 3.5).
+bool isPath(std::string_view text) {
+    const auto visible = [](char c) { return c > ' ' && c <= '~' && c != '#'; };
+    return text == "*" || (text.starts_with('/') && std::all_of(text.begin(), text.end(), visible));
+}
+
+// RFC 3986, 3.2, without user information (RFC 9113, 8.3.1) and without what ends an authority.
+bool isAuthority(std::string_view text) {
+    return text.find_first_of("@/?# \t") == std::string_view::npos;
+}
+
 }  // namespace
 
 void RequestFields::clear() {
@@ -52,7 +64,7 @@ void RequestFields::finish(const Source& source) {
     }
 }
 
-void RequestFields::setPath(const std::string& path) {
+void RequestFields::setPath(std::string_view path) {
     m_path = path;
     if (!m_fields.empty()) m_fields.front().value = m_path;
 }
@@ -63,10 +75,9 @@ uint64_t Message::newVersion() {
 }
 
 bool Message::setPath(std::string_view path) {
-    if (path.empty()) path = "/";
-    const bool valid =
-        std::all_of(path.begin(), path.end(), [](char c) { return c > ' ' && c <= '~'; });
-    if (!valid || path.size() + m_headerOctets > kMaxOctets - kPathOverhead) return false;
+    if (!path.empty() && !isPath(path)) return false;
+    const size_t octets = std::max(path.size(), size_t{1});  // an empty one is sent as "/" or "*"
+    if (octets + m_headerOctets > kMaxOctets - kPathOverhead) return false;
     m_path = path;
     return true;
 }
@@ -79,6 +90,11 @@ bool Message::setMethod(std::string_view method) {
     return true;
 }
 
+std::string_view Message::path() const {
+    if (!m_path.empty()) return m_path;
+    return m_method == "OPTIONS" ? "*" : "/";
+}
+
 bool Message::isIdempotent() const {
     constexpr std::array<std::string_view, 6> kIdempotent = {"GET",    "HEAD",    "PUT",
                                                              "DELETE", "OPTIONS", "TRACE"};
@@ -88,10 +104,11 @@ bool Message::isIdempotent() const {
 bool Message::addHeader(std::string_view name, std::string_view value, bool neverIndexed) {
     const hpack::NameId id = hpack::identify(name);
     const size_t octets = name.size() + value.size() + kFieldOverhead;
-    const size_t others = m_path.size() + kPathOverhead + m_headerOctets;
+    const size_t others = path().size() + kPathOverhead + m_headerOctets;
     if (name.starts_with(':') || !hpack::isValidName(name) || !hpack::isValidValue(value) ||
         id == hpack::NameId::kConnectionSpecific ||
-        (id == hpack::NameId::kTe && value != "trailers") || octets > kMaxOctets - others) {
+        (id == hpack::NameId::kTe && value != "trailers") || octets > kMaxOctets - others ||
+        (name == "host" && !isAuthority(value))) {
         return false;
     }
     m_headerOctets += octets;
@@ -138,7 +155,7 @@ bool Message::compose(bool tls, std::string_view authority, RequestFields& field
         if (content.length.value_or(size) != size) return false;
         if (content.block != nullptr) content.length = size;
     }
-    fields.setPath(m_path);
+    fields.setPath(path());
     const RequestFields::Source source{m_version, tls,
                                        m_authority.empty() ? authority : m_authority};
     if (fields.areMadeOf(source)) return true;

@@ -39,7 +39,7 @@ public:
     // After the last add().
     void finish(const Source& source);
     // Any time: the path of the next request.
-    void setPath(const std::string& path);
+    void setPath(std::string_view path);
 
     static constexpr size_t kFirstKept = 1;
     std::span<const hpack::Field> get() const { return m_fields; }
@@ -75,7 +75,7 @@ struct Content {
 class Message {
 public:
     // False: refused, and nothing has changed.
-    bool setPath(std::string_view path);
+    bool setPath(std::string_view path);      // empty: the target has none
     bool setMethod(std::string_view method);  // any token but CONNECT
     bool addHeader(std::string_view name, std::string_view value, bool neverIndexed);
 
@@ -84,7 +84,10 @@ public:
     void clear() { *this = Message(); }
 
     const std::string& method() const { return m_method; }  // empty: not set
-    bool isIdempotent() const;                              // RFC 9110, 9.2.2
+    std::string_view path() const;                          // as it is sent
+    // False: the path is "*", which only OPTIONS has.
+    bool pathSuitsMethod() const { return m_path != "*" || m_method == "OPTIONS"; }
+    bool isIdempotent() const;  // RFC 9110, 9.2.2
 
     // Puts the whole request together. `authority` is used when there was no host header. False:
     // content-length and content differ. Fields that are the same as in `fields` already stay.
@@ -102,7 +105,7 @@ private:
     bool declareLength(std::string_view value);
 
     std::string m_method;
-    std::string m_path = "/";
+    std::string m_path;
     std::string m_authority;
     std::vector<Header> m_headers;
     size_t m_headerOctets = 0;  // name, value and 32 each
