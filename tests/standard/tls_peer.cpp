@@ -63,6 +63,7 @@ TlsPeer::TlsPeer(PeerOptions options, int connections, std::function<void(SSL*)>
         SSL_CTX_set_verify(m_context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
                            [](int, X509_STORE_CTX*) { return 1; });
     }
+    if (m_options.prepare) m_options.prepare(m_context);
     m_thread = std::thread([this, connections] { serve(connections); });
 }
 

@@ -33,9 +33,10 @@ private:
 struct PeerOptions {
     Certificate certificate;
     bool onlyTls12 = false;
-    std::string alpn = "h2";       // what it chooses; empty: nothing
-    bool refuseAlpn = false;       // answers with the alert no_application_protocol
-    bool wantCertificate = false;  // asks for the client's certificate, and takes any
+    std::string alpn = "h2";                     // what it chooses; empty: nothing
+    bool refuseAlpn = false;                     // answers with the alert no_application_protocol
+    bool wantCertificate = false;                // asks for the client's certificate, and takes any
+    std::function<void(SSL_CTX*)> prepare = {};  // what else its context needs
 };
 
 // A server's side of TLS connections, one after the other, on a thread of its own. `talk` gets
