@@ -208,9 +208,12 @@ IoResult TlsTransport::failHandshake() {
 IoResult TlsTransport::status(int error, size_t moved) {
     if (moved != 0) return {IoStatus::kDone, moved};
     switch (error) {
-        case SSL_ERROR_WANT_READ:
-        case SSL_ERROR_WANT_WRITE: return {IoStatus::kAgain};
+        case SSL_ERROR_WANT_READ: return {IoStatus::kAgain};
         case SSL_ERROR_ZERO_RETURN: return {IoStatus::kClosed};
+        // Its requests would be left unread, and the socket ready for reading, for as long as it
+        // likes.
+        case SSL_ERROR_WANT_WRITE:
+            return fail("the server asks for TLS answers that it does not read");
         default: break;
     }
     if (m_errno != 0) return fail(systemError(m_errno));
@@ -228,6 +231,7 @@ IoResult TlsTransport::read(char* to, size_t size) {
         size_t got = 0;
         if (SSL_read_ex(m_ssl, to + moved, size - moved, &got) != 1) {
             error = SSL_get_error(m_ssl, 0);
+            if (error == SSL_ERROR_WANT_WRITE && flush().status == IoStatus::kDone) continue;
             break;
         }
         moved += got;
@@ -304,6 +308,10 @@ IoResult TlsTransport::flush() {
         if (result >= 0) {
             m_outSent += static_cast<size_t>(result);
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            if (m_outSent >= kSendBatch) {
+                m_out.erase(0, m_outSent);
+                m_outSent = 0;
+            }
             return {IoStatus::kAgain};
         } else if (errno != EINTR) {
             return fail(systemError(errno));
