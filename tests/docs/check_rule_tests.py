@@ -20,7 +20,7 @@ def complaints(page: Path, tests: set[str]):
     width = rows = 0
     for number, line in enumerate(page.read_text().splitlines(), 1):
         cells = [cell.strip() for cell in line.strip().split("|")[1:-1]]
-        if not cells or cells[0] == "section" or set(cells[0]) == {"-"}:
+        if not cells or cells[0] in ("section", "attack") or set(cells[0]) == {"-"}:
             width = len(cells)
             continue
         rows += 1
