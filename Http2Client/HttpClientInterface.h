@@ -112,10 +112,12 @@ public:
 
     /// Sets the request's ":path" (sent as it is, so escape it) and method. A null `uri` counts as
     /// empty. Exact edition: at most 382 bytes, since servers cannot read longer ones. Standard
-    /// edition: up to 64 KiB together with the headers; an empty path is "/", and
-    /// HTTP_METHOD_UNDEFINED leaves the method as it is.
+    /// edition: an absolute path and perhaps a query, up to 64 KiB together with the headers; an
+    /// empty path is "/", for the method OPTIONS "*"; HTTP_METHOD_UNDEFINED leaves the method as it
+    /// is.
     /// @return 0: stored; 4: not connected; 5 (ERR_URL_UNSET), standard edition only: not a path
-    /// (blanks, control bytes, bytes above 0x7E, too long); -1: no request state.
+    /// (without a "/" in front, with a fragment, blanks, control bytes, bytes above 0x7E, too
+    /// long); -1: no request state.
     int setUri(const char* uri, HTTP_METHOD method);
 
     /// Adds a request header. `name` must be in lower case (RFC 9113, 8.2). `valueChangable` marks
@@ -124,9 +126,10 @@ public:
     /// Exact edition: a header with an empty name or value is not sent, and one above 382 bytes
     /// cannot be read by servers. Most servers need a "host" header, since no ":authority" is sent.
     /// Standard edition: what may not be sent is refused (upper case, control bytes,
-    /// connection-specific fields, pseudo-headers; RFC 9113, 8.2), and so is what is beyond 64 KiB
-    /// of headers and path in all, 32 bytes for each added. An empty value is sent. "host" becomes
-    /// ":authority"; without it, the name and port connected to are sent.
+    /// connection-specific fields, pseudo-headers; RFC 9113, 8.2; a "host" with user information),
+    /// and so is what is beyond 64 KiB of headers and path in all, 32 bytes for each added. An
+    /// empty value is sent. "host" becomes ":authority"; without it, the name and port connected to
+    /// are sent.
     /// @return this object, or null when it is not connected or the header is refused.
     HttpClientInterface* addHeader(const char* name, const char* value, bool valueChangable);
 
