@@ -199,6 +199,7 @@ TEST_F(Cancelling, WaitsForARunningCallback) {
         client.cancelRequest();
         returned = true;
     });
+    ASSERT_TRUE(waitFor([&] { return client.parseHttpClientStatus(nullptr) == 0; }));
     EXPECT_FALSE(waitFor([&] { return returned.load(); }, std::chrono::milliseconds(50)));
     leave.set();
     canceller.join();
