@@ -83,8 +83,10 @@ bool TlsContext::setUp(std::string& error) {
         return false;
     }
     const int least = m_options.onlyTls13 ? TLS1_3_VERSION : TLS1_2_VERSION;
-    // RFC 9113, 9.2.1: no compression, no renegotiation.
-    SSL_CTX_set_options(m_context, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
+    // RFC 9113, 9.2.1: no compression, no renegotiation. The transport itself tells an end of file
+    // from close_notify; OpenSSL would not resume the session, either.
+    SSL_CTX_set_options(
+        m_context, SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION | SSL_OP_IGNORE_UNEXPECTED_EOF);
     SSL_CTX_set_mode(m_context, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     if (SSL_CTX_set_min_proto_version(m_context, least) != 1 ||
         SSL_CTX_set_cipher_list(m_context, kTls12Ciphers) != 1 ||

@@ -104,6 +104,9 @@ std::unique_ptr<TlsTransport> TlsTransport::create(Socket socket,
 
 TlsTransport::~TlsTransport() {
     sayGoodbye();
+    // OpenSSL would resume no session whose connection has just broken off, which is when there is
+    // a next one.
+    if (m_ready) SSL_set_shutdown(m_ssl, SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
     SSL_free(m_ssl);
 }
 
@@ -209,7 +212,10 @@ IoResult TlsTransport::status(int error, size_t moved) {
     if (moved != 0) return {IoStatus::kDone, moved};
     switch (error) {
         case SSL_ERROR_WANT_READ: return {IoStatus::kAgain};
-        case SSL_ERROR_ZERO_RETURN: return {IoStatus::kClosed};
+        case SSL_ERROR_ZERO_RETURN:
+            // The end of file is read only behind all that was sent: no close_notify was.
+            if (m_ended) return fail("the server ended the connection without TLS's close_notify");
+            return {IoStatus::kClosed};
         // Its requests would be left unread, and the socket ready for reading, for as long as it
         // likes.
         case SSL_ERROR_WANT_WRITE:
@@ -217,7 +223,6 @@ IoResult TlsTransport::status(int error, size_t moved) {
         default: break;
     }
     if (m_errno != 0) return fail(systemError(m_errno));
-    if (m_ended) return fail("the server ended the connection without TLS's close_notify");
     return fail("TLS: " + tlsErrorText());
 }
 

@@ -419,6 +419,22 @@ TEST_P(TlsVersions, ResumesASession) {
     EXPECT_FALSE(visit("127.0.0.1"));  // another server, for all that is known
 }
 
+// Such a server has often just been restarted or runs out of patience with idle connections.
+TEST_P(TlsVersions, ResumesASessionWhoseConnectionBrokeOff) {
+    PeerOptions options = peerOptions();
+    options.onlyTls12 = GetParam();
+    TlsPeer peer(options, 3, [](SSL* ssl) { h2test::writeAll(ssl, "x"); });
+    const auto tls = context(trusting());
+    for (const bool resumed : {false, true, true}) {
+        const auto transport = connect(peer.port(), tls);
+        ASSERT_NE(transport, nullptr) << m_error;
+        EXPECT_EQ(static_cast<h2::TlsTransport&>(*transport).resumed(), resumed);
+        IoStatus status{};
+        EXPECT_EQ(readSome(*transport, 2, status), "x");
+        EXPECT_EQ(status, IoStatus::kFailed);
+    }
+}
+
 TEST_F(Tls, SendsTheServersNameButNoAddress) {
     std::vector<std::string> names;
     {
