@@ -16,6 +16,7 @@
 #include "tests/support/bytes.h"
 #include "tests/support/capture.h"
 #include "tests/support/recording_client.h"
+#include "tests/support/request_body.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/wait.h"
 
@@ -123,31 +124,6 @@ inline std::string echoPath(size_t /*index*/, const WireFrame& frame) {
     const std::string path = pathOf(frame);
     return path.empty() ? std::string() : okResponse(frame.streamId, path);
 }
-
-// `size` bytes in which no two stretches of four bytes at a multiple of four are the same.
-inline std::string distinctBytes(size_t size) {
-    std::string out;
-    for (uint32_t i = 0; out.size() < size; ++i) out += be32(i);
-    out.resize(size);
-    return out;
-}
-
-// A request body handed out by a reader; `read` goes to setContent with this object as `opaque`.
-struct BodySource {
-    std::string bytes;
-    size_t at = 0;
-    std::vector<size_t> asked;  // the `len` of each call
-
-    explicit BodySource(std::string body = {}) : bytes(std::move(body)) {}
-    static int read(char* buf, size_t len, void* opaque) {
-        auto* self = static_cast<BodySource*>(opaque);
-        self->asked.push_back(len);
-        const size_t count = std::min(len, self->bytes.size() - self->at);
-        std::copy_n(self->bytes.data() + self->at, count, buf);
-        self->at += count;
-        return static_cast<int>(count);
-    }
-};
 
 // Whether a stream's body has ended among `frames`.
 inline bool bodyEnded(const std::vector<WireFrame>& frames, uint32_t streamId = 1) {

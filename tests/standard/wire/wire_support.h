@@ -18,6 +18,7 @@
 #include "tests/standard/wire/http2_server.h"
 #include "tests/support/bytes.h"
 #include "tests/support/recording_client.h"
+#include "tests/support/request_body.h"
 #include "tests/support/temp.h"
 #include "tests/support/tls_context.h"
 #include "tests/support/wait.h"
@@ -106,31 +107,6 @@ inline std::vector<WireFrame> framesOf(Http2Server& server, size_t index, uint8_
     std::erase_if(frames, [&](const WireFrame& frame) { return frame.streamId != stream; });
     return frames;
 }
-
-// Bytes in which every stretch of four is another one.
-inline std::string distinctBytes(size_t size) {
-    std::string out;
-    for (uint32_t i = 0; out.size() < size; ++i) out += be32(i);
-    out.resize(size);
-    return out;
-}
-
-// A request body handed out by a reader; `read` goes to setContent with this object as `opaque`.
-struct BodySource {
-    std::string bytes;
-    size_t at = 0;
-    std::vector<size_t> asked;  // the `len` of each call
-
-    explicit BodySource(std::string body) : bytes(std::move(body)) {}
-    static int read(char* buf, size_t len, void* opaque) {
-        auto* self = static_cast<BodySource*>(opaque);
-        self->asked.push_back(len);
-        const size_t count = std::min(len, self->bytes.size() - self->at);
-        std::copy_n(self->bytes.data() + self->at, count, buf);
-        self->at += count;
-        return static_cast<int>(count);
-    }
-};
 
 }  // namespace h2test
 
