@@ -180,6 +180,62 @@ TEST(Signal, WaitsForItsSetting) {
     EXPECT_FALSE(signal.wait(0));
 }
 
+TEST(Options, HaveDefaults) {
+    const h2::Options options;
+    const h2::ConnectSettings& connect = options.connect;
+    const h2::SessionOptions& session = connect.connection.session;
+    EXPECT_TRUE(options.tls.verify);
+    EXPECT_FALSE(options.tls.onlyTls13);
+    EXPECT_FALSE(options.ownConnection);
+    EXPECT_EQ(connect.maxConnections, 1u);
+    EXPECT_EQ(options.threads, 1u);
+    EXPECT_EQ(connect.timeout, 10'000u);
+    EXPECT_EQ(options.firstByte + options.wholeRequest + options.silence, 0u);  // off
+    EXPECT_EQ(session.pingAfter, 30'000u);
+    EXPECT_EQ(session.pingTimeout, 15'000u);
+    EXPECT_EQ(connect.connection.idleTimeout, 90'000u);
+    EXPECT_EQ(options.maxBlockedBody, size_t{64} << 20);
+    // 1 Gbit/s at 100 ms: half a window is on its way while the other half is given back.
+    const uint32_t inFlight = 1'000'000'000 / 8 / 10;
+    EXPECT_GE(session.streamWindow, 2 * inFlight);
+    EXPECT_GE(session.connectionWindow, 2 * inFlight);
+}
+
+TEST(Options, HaveRanges) {
+    struct Range {
+        HTTP2_OPTION option;
+        int64_t least, most;
+    };
+    constexpr int64_t kMaxTime = int64_t{1} << 40;
+    constexpr Range kRanges[] = {
+        {HTTP2_VERIFY, 0, 1},
+        {HTTP2_MIN_TLS_VERSION, 12, 13},
+        {HTTP2_OWN_CONNECTION, 0, 1},
+        {HTTP2_CONNECTIONS_PER_SERVER, 1, 1000},
+        {HTTP2_BACKGROUND_THREADS, 1, 64},
+        {HTTP2_CONNECT_TIMEOUT, 1, kMaxTime},
+        {HTTP2_FIRST_BYTE_TIMEOUT, 0, kMaxTime},
+        {HTTP2_REQUEST_TIMEOUT, 0, kMaxTime},
+        {HTTP2_SILENCE_TIMEOUT, 0, kMaxTime},
+        {HTTP2_PING_AFTER, 0, kMaxTime},
+        {HTTP2_PING_TIMEOUT, 1, kMaxTime},
+        {HTTP2_IDLE_TIMEOUT, 0, kMaxTime},
+        {HTTP2_STREAM_WINDOW, 1, 0x7fffffff},
+        {HTTP2_CONNECTION_WINDOW, 65535, 0x7fffffff},
+        {HTTP2_MAX_HEADERS, 1024, 64 << 20},
+        {HTTP2_MAX_BLOCKED_BODY, 0, INT64_MAX},
+    };
+    for (const Range& range : kRanges) {
+        SCOPED_TRACE(range.option);
+        h2::Options options;
+        EXPECT_TRUE(options.set(range.option, range.least));
+        EXPECT_TRUE(options.set(range.option, range.most));
+        EXPECT_FALSE(options.set(range.option, range.least - 1));
+        if (range.most == INT64_MAX) continue;
+        EXPECT_FALSE(options.set(range.option, range.most + 1));
+    }
+}
+
 TEST(Options, RefuseWhatIsOutOfRange) {
     h2::Options options;
     EXPECT_TRUE(options.set(HTTP2_MAX_HEADERS, 65536));

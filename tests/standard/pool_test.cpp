@@ -30,6 +30,8 @@ public:
     std::atomic<bool> anywhere{true};
     std::atomic<int> completed{0};
     std::atomic<int> failed{0};
+    std::function<void()> reaction;  // to the answer's headers
+    std::string content;             // to be read once completed
 
     std::span<const h2::hpack::Field> fields() const override { return m_fields; }
     bool isHead() const override { return false; }
@@ -38,8 +40,13 @@ public:
     bool sendableAnywhere() const override { return anywhere; }
     bool rewind() override { return true; }
     bool cancelled() override { return isCancelled; }
-    void onHeaders(uint32_t, const h2::hpack::FieldList&) override {}
-    void onData(const char*, size_t, bool) override {}
+    void onHeaders(uint32_t, const h2::hpack::FieldList&) override {
+        if (reaction) reaction();
+    }
+    void onData(const char* data, size_t size, bool last) override {
+        content.append(data, size);
+        completed += last ? 1 : 0;
+    }
     void onTrailers(const h2::hpack::FieldList&) override {}
     void onComplete() override { ++completed; }
     void onFailure(h2::Failure, const char*) override { ++failed; }
@@ -103,6 +110,7 @@ protected:
     void send(const std::string& bytes) {
         EXPECT_EQ(write(m_peer.get(), bytes.data(), bytes.size()), ssize_t(bytes.size()));
     }
+    void closePeer() { m_peer.close(); }
 
     h2::Loop loop;
     Events events;
@@ -157,6 +165,39 @@ TEST_F(ConnectionTest, RetiredConnectionTakesNoRequests) {
     EXPECT_EQ(frames().back(), h2test::parseFrames(h2test::goaway(0, 0))[0]);
 }
 
+// As servers do that answer and close before they read our last WINDOW_UPDATE.
+TEST_F(ConnectionTest, FailedSendLeavesBytesToRead) {
+    const auto exchange = h2::makeRef<TestExchange>();
+    ASSERT_TRUE(connection->start(exchange));
+    run();
+    ASSERT_TRUE(waitFor([&] { return headers() == 1; }));
+    // The answer to the PING can no longer be sent when the loop comes to it.
+    exchange->reaction = [&] {
+        send(h2test::data(1, "the tail", h2test::kEndStream));
+        closePeer();
+    };
+    send(h2test::settings({}) + h2test::ping(1) +
+         h2test::headers(1, h2test::hpackIndexed(8), h2test::kEndHeaders));
+    ASSERT_TRUE(waitFor([&] { return exchange->completed != 0 || !events.ends.empty(); }));
+    EXPECT_EQ(exchange->content, "the tail");
+    EXPECT_TRUE(events.ends.empty());
+}
+
+TEST_F(ConnectionTest, IdleTimeOutOfZeroIsNone) {
+    h2::ConnectionOptions options;
+    options.idleTimeout = 0;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+    const h2::Socket peer(ends[0]);
+    const auto kept = h2::makeRef<Connection>(
+        loop, std::make_unique<h2::PlainTransport>(h2::Socket(ends[1])), h2::ConnectionInfo(),
+        options, Ref<h2::RefCounted>(), static_cast<h2::ConnectionEvents&>(events));
+    kept->m_idleSince = 1;
+    kept->m_resting = true;
+    EXPECT_EQ(kept->nextDeadline(), h2::kNever);
+    EXPECT_EQ(connection->m_idleTimeout, 90'000u);
+}
+
 TEST(LoopThreads, RunsTasksWhileStarted) {
     h2::LoopThreads threads;
     h2::Loop* loop = threads.next();
@@ -208,6 +249,47 @@ TEST(Dial, SaysWhyItFails) {
     ASSERT_TRUE(over.wait());
     threads.stop();
     EXPECT_EQ(error, waited.error);
+}
+
+// Stream identifiers come to an end after 2^30 requests.
+TEST(Server, OpensAnotherConnectionWhenStreamIdentifiersAreUsedUp) {
+    h2test::ServerOptions options;
+    options.greeting = h2test::settings({});
+    options.responder = [](size_t, const h2test::WireFrame& frame) {
+        return frame.type == h2test::kHeaders
+                   ? h2test::headers(frame.streamId, h2test::hpackIndexed(8),
+                                     h2test::kEndHeaders | h2test::kEndStream)
+                   : std::string();
+    };
+    h2test::ScriptedServer peer(std::move(options));
+    h2::LoopThreads threads;
+    h2::Pool pool(threads);
+    std::string error;
+    const Ref<h2::Server> server = pool.find({false, "127.0.0.1", peer.port(), {}}, false, error);
+    const Ref<Connection> first = server->connect({}).connection;
+    ASSERT_TRUE(first);
+    first->m_session.m_nextStream = 0x7ffffffd;
+    ASSERT_TRUE(threads.start(1));
+    for (int i = 0; i < 4; ++i) {
+        const auto exchange = h2::makeRef<TestExchange>();
+        server->start(exchange);
+        EXPECT_TRUE(waitFor([&] { return exchange->completed + exchange->failed != 0; }));
+        EXPECT_EQ(exchange->completed, 1);
+    }
+    ASSERT_EQ(peer.connections(), 2u);
+    const auto streams = [&](size_t index) {
+        std::vector<uint32_t> ids;
+        for (const auto& frame : peer.frames(index, h2test::kHeaders)) {
+            ids.push_back(frame.streamId);
+        }
+        return ids;
+    };
+    EXPECT_EQ(streams(0), (std::vector<uint32_t>{0x7ffffffd, 0x7fffffff}));
+    EXPECT_EQ(streams(1), (std::vector<uint32_t>{1, 3}));
+    server->retireConnections();
+    EXPECT_TRUE(peer.waitClosedByPeer(0));
+    EXPECT_TRUE(peer.waitClosedByPeer(1));
+    threads.stop();
 }
 
 TEST(Pool, SharesServersByTheirKeys) {

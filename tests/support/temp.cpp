@@ -46,8 +46,8 @@ void addSubject(X509* certificate) {
     require(X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, host, -1, -1, 0) == 1,
             "X509_NAME_add_entry_by_txt");
     require(X509_set_issuer_name(certificate, name) == 1, "X509_set_issuer_name");
-    X509_EXTENSION* const names =
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
+    X509_EXTENSION* const names = X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name,
+                                                      "DNS:localhost,IP:127.0.0.1,IP:::1");
     require(names != nullptr && X509_add_ext(certificate, names, -1) == 1, "X509_add_ext");
     X509_EXTENSION_free(names);
 }

@@ -32,8 +32,8 @@ struct Certificate {
     std::string combined() const { return certificate + key; }
 };
 
-// A new self-signed certificate for "localhost" and 127.0.0.1 with a new P-256 key: valid from an
-// hour ago for a day, or expired an hour ago.
+// A new self-signed certificate for "localhost", 127.0.0.1 and ::1 with a new P-256 key: valid from
+// an hour ago for a day, or expired an hour ago.
 Certificate makeCertificate();
 Certificate makeExpiredCertificate();
 

@@ -69,11 +69,26 @@ TEST_F(Blocked, TimesOut) {
     });
     RecordingClient client;
     prepareGet(client, server);
+    const auto since = [](std::chrono::steady_clock::time_point begun) {
+        return std::chrono::steady_clock::now() - begun;
+    };
+    auto begun = std::chrono::steady_clock::now();
     EXPECT_EQ(block(client, 0).code, 1);
+    EXPECT_GE(since(begun), std::chrono::milliseconds(10));
+    EXPECT_LT(since(begun), std::chrono::seconds(5));
     ASSERT_EQ(client.setUri("/begun", HTTP_GET), 0);
+    begun = std::chrono::steady_clock::now();
     const Result result = block(client, 1000);
+    EXPECT_GE(since(begun), std::chrono::milliseconds(1000));
     EXPECT_EQ(result.code, 3);
-    EXPECT_NE(result.error, "");
+    EXPECT_EQ(result.error, "the answer did not come in time");
+    // No callback behind it.
+    const std::vector<Callback> heard = client.callbacks();
+    EXPECT_EQ(heard, (std::vector<Callback>{Callback::headers(200, {{":status", "200"}})}));
+    const uint32_t last = server.requests().back().stream;
+    server.wire().send(0, data(last, "late", kEndStream) + ping(1));
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kPing));
+    EXPECT_EQ(client.callbacks(), heard);
     ASSERT_TRUE(server.wire().waitFramesOf(0, kRstStream));
     EXPECT_EQ(client.parseHttpClientStatus(nullptr), 0);
 }
@@ -87,10 +102,19 @@ TEST_F(Blocked, FailsAndRefuses) {
     prepareGet(client, server);
     EXPECT_EQ(block(client).code, 1);
     EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::failed(ERR_RECV_ERR)});
+    EXPECT_EQ(block(client, 60000).error, "");
     ASSERT_EQ(setHttp2Option(&client, HTTP2_MAX_BLOCKED_BODY, 4), 0);
     EXPECT_EQ(block(client).code, 0);
     ASSERT_EQ(setHttp2Option(&client, HTTP2_MAX_BLOCKED_BODY, 3), 0);
-    EXPECT_EQ(block(client).code, 1);
+    const Result tooLarge = block(client);
+    EXPECT_EQ(tooLarge.code, 1);
+    EXPECT_EQ(tooLarge.error, "the body is larger than the limit");
+    // While another request runs.
+    ASSERT_EQ(setHttp2Option(&client, HTTP2_OWN_CONNECTION, 1), 0);
+    Http2Server silent(Http2Server::Reply{});
+    prepareGet(client, silent);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    EXPECT_EQ(block(client).code, 2);
 }
 
 TEST_F(Blocked, RefusesInsideACallback) {

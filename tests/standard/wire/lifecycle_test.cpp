@@ -59,6 +59,31 @@ TEST_P(Connecting, CallsAtTheSameTimeShareOneAttempt) {
     EXPECT_EQ(server.wire().connections(), 1u);
 }
 
+TEST_P(Connecting, NothingElseWaitsMeanwhile) {
+    Http2Server server(options(answerAll()));
+    ScriptedServer silent;  // TCP only
+    RecordingClient running, waiting, other;
+    ASSERT_EQ(connect(running, server), 0);
+    ASSERT_EQ(running.setUri("/", HTTP_GET), 0);
+    int result = -1;
+    std::thread connecting(
+        [&] { result = waiting.connectToServer(HTTPS_2, "127.0.0.1", silent.port()); });
+    ASSERT_TRUE(silent.waitReceived(0, 1));  // its handshake has begun
+    for (int i = 0; i < 3; ++i) {
+        running.clear();
+        ASSERT_EQ(running.startRequest(nullptr), 0);
+        ASSERT_TRUE(running.waitEnd());
+    }
+    setHttp2Option(&other, HTTP2_OWN_CONNECTION, 1);
+    EXPECT_EQ(connect(other, server), 0);
+    EXPECT_EQ(result, -1);
+    silent.close(0);
+    connecting.join();
+    EXPECT_EQ(result, 4);
+    EXPECT_STREQ(getHttp2Text(&waiting, HTTP2_ERROR),
+                 "the server ended the connection during the TLS handshake");
+}
+
 TEST_P(Connecting, ConnectionsPerServer) {
     Http2Server server(options(answerAll()));
     std::vector<std::unique_ptr<RecordingClient>> clients;
@@ -340,7 +365,81 @@ TEST_P(InCallbacks, ConnectingDoesNotWait) {
     EXPECT_TRUE(second.waitEnd());
 }
 
+TEST_P(InCallbacks, EveryMethodOfEachClientMayBeCalled) {
+    Http2Server server(options(answerAll()));
+    RecordingClient other;
+    RecordingClient* self = nullptr;
+    std::vector<int> results;
+    RecordingClient client([&](const Callback& callback) {
+        if (self == nullptr) return;  // its second request
+        const bool ends = callback.kind == Callback::Kind::kContent;
+        for (RecordingClient* one : {self, &other}) {
+            results.push_back(one->parseHttpClientStatus(nullptr));
+            one->clearClient();
+            results.push_back(one->setUri("/again", HTTP_POST));
+            results.push_back(one->addHeader("a", "1", false) == one ? 0 : -1);
+            results.push_back(one->setContent(&BodySource::read, nullptr));
+            results.push_back(one->setContent("abc", 3));
+            results.push_back(setHttp2Option(one, HTTP2_PING_AFTER, 1000));
+            results.push_back(getHttp2Text(one, HTTP2_ERROR)[0]);
+            results.push_back(getHttp2Number(one, HTTP2_TOTAL_TIME) >= -1 ? 0 : -1);
+            results.push_back(one->ctx() != nullptr ? 0 : -1);
+            if (ends) results.push_back(one->startRequest(nullptr));
+        }
+        if (ends) self = nullptr;
+    });
+    self = &client;
+    ASSERT_EQ(connect(other, server), 0);
+    ASSERT_EQ(connect(client, server), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitHeaders());
+    ASSERT_TRUE(other.waitEnd());
+    client.cancelRequest();
+    std::vector<int> expected(9 * 2, 0);
+    expected[0] = 8;  // its own request runs
+    expected.resize(expected.size() + size_t{10} * 2);
+    EXPECT_EQ(results, expected);
+    for (const Request& request : server.requests()) {
+        if (request.field(":path") != "/again") continue;
+        EXPECT_EQ(request.field(":method"), "POST");
+        EXPECT_EQ(request.field("a"), "1");
+        EXPECT_EQ(request.body, "abc");
+    }
+}
+
+TEST_P(InCallbacks, RunOnTheBackgroundThread) {
+    Http2Server server(options([](const Request& request) {
+        return request.stream == 1 ? answer(1) : rstStream(request.stream, 2);
+    }));
+    RecordingClient client;
+    ASSERT_EQ(connect(client, server), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitFailed());
+    EXPECT_EQ(client.threads().size(), 1u);
+    EXPECT_EQ(client.threads().count(std::this_thread::get_id()), 0u);
+}
+
 class Stopping : public LibraryTest {};
+
+// In the exact edition the time between two looks at the sockets.
+TEST_F(Stopping, PollTimeHasNoEffect) {
+    for (const unsigned pollTime : {0u, 600'000u, 4'294'967'295u}) {
+        destroyHttp2Client();
+        ASSERT_EQ(initHttp2Client(pollTime), 1);
+        Http2Server server(answerAll());
+        RecordingClient client;
+        prepareGet(client, server);
+        for (int i = 0; i < 10; ++i) {
+            client.clear();
+            ASSERT_EQ(client.startRequest(nullptr), 0);
+            ASSERT_TRUE(client.waitEnd());
+        }
+    }
+}
 
 TEST_F(Stopping, TheThreadTakesNoSignalsOfTheProcess) {
     Http2Server server(answerAll());

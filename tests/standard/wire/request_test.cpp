@@ -117,6 +117,67 @@ TEST_P(Request_, LargeBlockGoesOutWhole) {
     EXPECT_TRUE(server.requests()[0].body == body);
 }
 
+TEST_P(Request_, EmptyBlockIsABody) {
+    Http2Server server(options(answerAll()));
+    RecordingClient client;
+    ASSERT_EQ(connect(client, server), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_POST), 0);
+    for (const char* block : {"unused", static_cast<const char*>(nullptr)}) {
+        client.clear();
+        ASSERT_EQ(client.setContent(block, 0), 0);
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        ASSERT_TRUE(client.waitEnd());
+        EXPECT_EQ(server.requests().back().field("content-length"), "0");
+    }
+    for (const WireFrame& frame : server.wire().frames(0, kHeaders)) {
+        EXPECT_TRUE(frame.hasFlags(kEndStream));
+    }
+}
+
+TEST_P(Request_, IsKeptForTheNextUntilItIsCleared) {
+    Http2Server server(options(answerAll()));
+    RecordingClient client;
+    ASSERT_EQ(connect(client, server), 0);
+    ASSERT_EQ(client.setUri("/p", HTTP_POST), 0);
+    ASSERT_NE(client.addHeader("a", "1", false), nullptr);
+    ASSERT_EQ(client.setContent("abc", 3), 0);
+    const auto next = [&] {
+        client.clear();
+        EXPECT_EQ(client.startRequest(nullptr), 0);
+        EXPECT_TRUE(client.waitEnd());
+        return server.requests().back();
+    };
+    const Request first = next(), second = next();
+    EXPECT_EQ(first.body, "abc");
+    EXPECT_EQ(second.body, "abc");
+    EXPECT_EQ(second.fields, first.fields);
+    client.clearClient();
+    ASSERT_EQ(client.setUri("/q", HTTP_GET), 0);
+    const std::string authority = "127.0.0.1:" + std::to_string(server.port());
+    EXPECT_EQ(next().fields, (Fields{{":path", "/q"},
+                                     {":method", "GET"},
+                                     {":scheme", tls() ? "https" : "http"},
+                                     {":authority", authority}}));
+}
+
+// Secrets: kept out of the compression's tables, here and on the way.
+TEST_P(Request_, ValueThatMayChangeIsNeverIndexed) {
+    Http2Server server(options(answerAll()));
+    RecordingClient client;
+    ASSERT_EQ(connect(client, server), 0);
+    ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+    ASSERT_NE(client.addHeader("a", "1", true), nullptr);
+    for (size_t i = 0; i < 2; ++i) {
+        client.clear();
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        ASSERT_TRUE(client.waitEnd());
+        const std::string block = server.wire().frames(0, kHeaders)[i].payload;
+        // The last field: never indexed, a new name, which is never entered into the table.
+        ASSERT_GE(block.size(), 5u);
+        EXPECT_EQ(static_cast<uint8_t>(block[block.size() - 5]), 0x10) << toHex(block);
+    }
+}
+
 TEST_P(Request_, ReaderGivesTheBody) {
     for (const size_t size : {0, 1, 16383, 16384, 50000}) {
         SCOPED_TRACE(size);
@@ -356,6 +417,29 @@ TEST_F(Calls, RefusesWhatMayNotBeSent) {
     EXPECT_EQ(server.requests()[0].fields.size(), 6u);
 }
 
+TEST_F(Calls, HeadersMayBeAsLargeAs64KiB) {
+    Http2Options options;
+    options.greeting = settings({{4, 16 << 20}, {6, 100}});  // the server's limit is advice
+    options.reply = answerAll();
+    Http2Server server(std::move(options));
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_TRUE(server.wire().waitFramesOf(0, kSettings, 2));
+    const std::string path = "/" + std::string(30000, 'p');
+    const std::string value(65536 - (path.size() + 5 + 32) - (1 + 32), 'v');
+    ASSERT_EQ(client.setUri(path.c_str(), HTTP_GET), 0);
+    EXPECT_EQ(client.addHeader("a", (value + "v").c_str(), false), nullptr);
+    EXPECT_STREQ(getHttp2Text(&client, HTTP2_ERROR), "not a header that may be sent: a");
+    EXPECT_EQ(client.addHeader("a", value.c_str(), false), &client);
+    EXPECT_STREQ(getHttp2Text(&client, HTTP2_ERROR), "");
+    EXPECT_EQ(client.setUri((path + "p").c_str(), HTTP_GET), 5);
+    EXPECT_STREQ(getHttp2Text(&client, HTTP2_ERROR), "not a path that may be sent");
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitEnd());
+    EXPECT_EQ(server.requests()[0].field(":path"), path);
+    EXPECT_EQ(server.requests()[0].field("a"), value);
+}
+
 TEST_F(Calls, StartSaysWhatIsMissing) {
     Http2Server server(Http2Server::Reply{});
     RecordingClient client;
@@ -391,6 +475,33 @@ TEST_F(Calls, MethodIsAnyToken) {
     ASSERT_TRUE(client.waitEnd());
     EXPECT_EQ(server.requests()[0].field(":method"), "HEAD");
     EXPECT_EQ(client.callbacks().size(), 2u);
+}
+
+TEST_F(Calls, HundredRequestsRunUntilTheServerHasSpoken) {
+    // Says nothing until the test does.
+    ServerOptions options;
+    ScriptedServer server(options);
+    std::vector<std::unique_ptr<RecordingClient>> clients;
+    for (int i = 0; i < 103; ++i) {
+        clients.push_back(std::make_unique<RecordingClient>());
+        RecordingClient& client = *clients.back();
+        ASSERT_EQ(client.connectToServer(HTTP_2, "127.0.0.1", server.port()), 0);
+        ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+    }
+    ASSERT_TRUE(server.waitFramesOf(0, kHeaders, 100));
+    server.send(0, settings({}) + answer(1));
+    ASSERT_TRUE(clients[0]->waitEnd());
+    // The empty SETTINGS lift the limit.
+    ASSERT_TRUE(server.waitFramesOf(0, kHeaders, 103));
+    const std::vector<WireFrame> frames = server.frames(0);
+    size_t before = 0;
+    for (const WireFrame& frame : frames) {
+        if (frame.type == kSettings && frame.hasFlags(kAck)) break;
+        before += frame.type == kHeaders ? 1 : 0;
+    }
+    EXPECT_EQ(before, 100u);
+    EXPECT_EQ(server.connections(), 1u);
 }
 
 TEST_F(Calls, RequestsWaitForTheServersLimit) {

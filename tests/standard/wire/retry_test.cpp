@@ -1,5 +1,6 @@
 // What becomes of requests when the server refuses them, goes away or breaks the connection.
 #include <atomic>
+#include <set>
 
 #include "tests/standard/wire/wire_support.h"
 
@@ -41,10 +42,55 @@ TEST_F(Retrying, AfterRefusalOnTheSameConnection) {
 
     refusals = 4;
     client.clear();
+    const auto begun = std::chrono::steady_clock::now();
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitFailed());
+    // Pauses of 10, 20 and 40 ms.
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(70));
+    EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::failed(ERR_SOCKET_CLOSED)});
+    EXPECT_EQ(server.requests().size(), 8u);
+}
+
+TEST_F(Retrying, ThreeTimesOnConnectionsThatAnswerNothing) {
+    Http2Server server([](const Request&) { return goaway(0, kNoErrorCode); });
+    RecordingClient client;
+    prepareGet(client, server);
     ASSERT_EQ(client.startRequest(nullptr), 0);
     ASSERT_TRUE(client.waitFailed());
     EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::failed(ERR_SOCKET_CLOSED)});
-    EXPECT_EQ(server.requests().size(), 8u);
+    EXPECT_EQ(server.wire().connections(), 4u);
+    EXPECT_EQ(server.requests().size(), 4u);
+}
+
+// Each connection answers its first request and none of the others.
+TEST_F(Retrying, WithoutEndOnConnectionsThatHadAnsweredOthers) {
+    Http2Server server([](const Request& request) {
+        if (request.stream == 1) return answer(1);
+        return request.stream == 3 ? goaway(1, kNoErrorCode) : std::string();
+    });
+    std::vector<std::unique_ptr<RecordingClient>> clients;
+    for (int i = 0; i < 10; ++i) {
+        clients.push_back(std::make_unique<RecordingClient>());
+        prepareGet(*clients.back(), server);
+    }
+    for (const auto& client : clients) ASSERT_EQ(client->startRequest(nullptr), 0);
+    for (const auto& client : clients) {
+        ASSERT_TRUE(client->waitCallbacks(2));
+        EXPECT_EQ(client->callbacks(), answered());
+    }
+    EXPECT_GE(server.wire().connections(), 5u);
+}
+
+TEST_F(Retrying, NotAfterTheAnswerHasBegun) {
+    Http2Server server([](const Request& request) {
+        return answerHead(request.stream) + rstStream(request.stream, kRefusedStreamCode);
+    });
+    RecordingClient client;
+    prepareGet(client, server);
+    ASSERT_EQ(client.startRequest(nullptr), 0);
+    ASSERT_TRUE(client.waitFailed());
+    EXPECT_EQ(client.callbacks().size(), 2u);
+    EXPECT_EQ(server.requests().size(), 1u);
 }
 
 TEST_F(Retrying, NotAfterTheReaderWasAsked) {
@@ -109,7 +155,7 @@ TEST_F(Retrying, ServerThatEndsEveryConnection) {
         if (request.stream == 49) reply = goaway(49, kNoErrorCode) + reply;
         return request.stream > 49 ? std::string() : reply;
     });
-    constexpr size_t kClients = 40, kRequests = 2000;
+    constexpr size_t kClients = 40, kRequests = 10000;
     std::atomic<size_t> started{0}, good{0}, bad{0};
     std::vector<std::unique_ptr<RecordingClient>> clients;
     std::vector<RecordingClient*> pointers(kClients);
@@ -169,6 +215,47 @@ TEST_F(Losing, IdempotentRequestIsRepeatedOnceOnAnOldConnection) {
     server.wire().close(1);
     ASSERT_TRUE(client.waitClosed());
     EXPECT_EQ(client.callbacks(), std::vector<Callback>{Callback::closed()});
+}
+
+TEST_F(Losing, IdempotentRequestIsRepeatedOnlyOnce) {
+    Http2Server server([](const Request& request) {
+        return request.field(":path") == "/lost" ? std::string() : answer(request.stream);
+    });
+    RecordingClient lost, other;
+    for (RecordingClient* client : {&lost, &other}) {
+        ASSERT_EQ(setHttp2Option(client, HTTP2_CONNECTIONS_PER_SERVER, 2), 0);
+        prepareGet(*client, server);
+    }
+    ASSERT_EQ(lost.setUri("/lost", HTTP_GET), 0);
+    // Both connections answer something. A request goes to the one that has fewer.
+    std::set<size_t> used;
+    for (int i = 0; i < 1000 && used.size() < 2; ++i) {
+        const size_t before = server.requests().size();
+        if (i % 2 == 1) {
+            ASSERT_EQ(lost.startRequest(nullptr), 0);
+            ASSERT_TRUE(server.waitRequests(before + 1));
+        }
+        other.clear();
+        ASSERT_EQ(other.startRequest(nullptr), 0);
+        ASSERT_TRUE(other.waitEnd());
+        used.insert(server.requests().back().connection);
+        ASSERT_EQ(lost.cancelRequest(), 0);
+    }
+    ASSERT_EQ(used.size(), 2u);
+
+    const size_t before = server.requests().size();
+    ASSERT_EQ(lost.startRequest(nullptr), 0);
+    ASSERT_TRUE(server.waitRequests(before + 1));
+    const size_t first = server.requests().back().connection;
+    server.wire().close(first);
+    ASSERT_TRUE(server.waitRequests(before + 2));
+    const size_t second = server.requests().back().connection;
+    ASSERT_EQ(second, 1 - first);
+    EXPECT_TRUE(lost.callbacks().empty());
+    server.wire().close(second);
+    ASSERT_TRUE(lost.waitClosed());
+    EXPECT_EQ(lost.callbacks(), std::vector<Callback>{Callback::closed()});
+    EXPECT_EQ(server.requests().size(), before + 2);
 }
 
 TEST_F(Losing, IdleConnectionIsReplaced) {
@@ -293,53 +380,6 @@ TEST_P(Idle, ConnectionIsClosedInOrder) {
     ASSERT_EQ(client.startRequest(nullptr), 0);
     ASSERT_TRUE(client.waitEnd());
     EXPECT_EQ(server.wire().connections(), 2u);
-}
-
-class TimeOuts : public LibraryTest {
-protected:
-    // The callbacks of a request with that option set to 50 ms, whose server sends `bytes`.
-    static std::vector<Callback> callbacksWith(HTTP2_OPTION option, const std::string& bytes) {
-        Http2Server server([&](const Request&) { return bytes; });
-        RecordingClient client;
-        EXPECT_EQ(setHttp2Option(&client, option, 50), 0);
-        prepareGet(client, server);
-        EXPECT_EQ(client.startRequest(nullptr), 0);
-        EXPECT_TRUE(client.waitFailed());
-        EXPECT_TRUE(server.wire().waitFramesOf(0, kRstStream));
-        EXPECT_EQ(server.wire().frames(0, kRstStream), parseFrames(rstStream(1, kCancelCode)));
-        return client.callbacks();
-    }
-};
-
-TEST_F(TimeOuts, EndOneRequestAlone) {
-    const Callback failed = Callback::failed(ERR_TIMEOUT);
-    const Callback head = Callback::headers(200, {{":status", "200"}});
-    EXPECT_EQ(callbacksWith(HTTP2_FIRST_BYTE_TIMEOUT, ""), std::vector<Callback>{failed});
-    EXPECT_EQ(callbacksWith(HTTP2_REQUEST_TIMEOUT, answerHead(1)),
-              (std::vector<Callback>{head, failed}));
-    EXPECT_EQ(callbacksWith(HTTP2_SILENCE_TIMEOUT, answerHead(1)),
-              (std::vector<Callback>{head, failed}));
-}
-
-TEST_F(TimeOuts, PausedResponseGivesNoWindow) {
-    Http2Server server(Http2Server::Reply{});
-    RecordingClient client;
-    ASSERT_EQ(setHttp2Option(&client, HTTP2_STREAM_WINDOW, 1000), 0);
-    EXPECT_EQ(pauseHttp2Response(&client), -1);
-    prepareGet(client, server);
-    ASSERT_EQ(client.startRequest(nullptr), 0);
-    ASSERT_TRUE(server.waitRequests(1));
-    ASSERT_EQ(pauseHttp2Response(&client), 0);
-    server.wire().send(0, answerHead(1) + data(1, std::string(1000, 'x')));
-    ASSERT_TRUE(client.waitContent());
-    server.wire().send(0, ping(1));
-    ASSERT_TRUE(server.wire().waitFramesOf(0, kPing));
-    EXPECT_TRUE(framesOf(server, 0, kWindowUpdate, 1).empty());
-    ASSERT_EQ(resumeHttp2Response(&client), 0);
-    ASSERT_TRUE(waitFor([&] { return !framesOf(server, 0, kWindowUpdate, 1).empty(); }));
-    server.wire().send(0, data(1, std::string(1000, 'x'), kEndStream));
-    ASSERT_TRUE(client.waitEnd());
-    EXPECT_EQ(resumeHttp2Response(&client), -1);
 }
 
 }  // namespace
