@@ -142,7 +142,9 @@ Ref<Connection> Server::adopt(Dialed dialed) {
     Loop* loop = m_threads.next();
     if (loop == nullptr) return {};
     HTTP2CLIENT_LOG_INFO("connected to " << m_key.host << " port " << m_key.port << " ("
-                                         << dialed.info.peer << ") " << dialed.info.tlsVersion);
+                                         << dialed.info.peer << ")"
+                                         << (dialed.info.tlsVersion.empty() ? "" : " by ")
+                                         << dialed.info.tlsVersion);
     std::vector<Ref<Exchange>> waiting;
     Ref<Connection> connection;
     {
