@@ -1,40 +1,9 @@
 #include "tests/standard/wire/http2_server.h"
 
-#include <nghttp2/nghttp2.h>
-
-#include <stdexcept>
-
 namespace h2test {
 
 struct Http2Server::Connection {
-    Connection() {
-        if (nghttp2_hd_inflate_new(&inflater) != 0) throw std::runtime_error("inflater");
-    }
-    ~Connection() { nghttp2_hd_inflate_del(inflater); }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-
-    void decode(const std::string& block, Request& request) {
-        const auto* data = reinterpret_cast<const uint8_t*>(block.data());
-        size_t left = block.size();
-        while (true) {
-            nghttp2_nv field;
-            int flags = 0;
-            const ssize_t used = nghttp2_hd_inflate_hd2(inflater, &field, &flags, data, left, 1);
-            if (used < 0) throw std::runtime_error("the header block cannot be decoded");
-            data += used;
-            left -= static_cast<size_t>(used);
-            if ((flags & NGHTTP2_HD_INFLATE_EMIT) != 0) {
-                request.fields.emplace_back(
-                    std::string(reinterpret_cast<char*>(field.name), field.namelen),
-                    std::string(reinterpret_cast<char*>(field.value), field.valuelen));
-            }
-            if ((flags & NGHTTP2_HD_INFLATE_FINAL) != 0) break;
-        }
-        nghttp2_hd_inflate_end_headers(inflater);
-    }
-
-    nghttp2_hd_inflater* inflater = nullptr;
+    FieldDecoder decoder;
     std::map<uint32_t, Request> open;
     std::string block;  // of HEADERS that CONTINUATION goes on with
     bool blockEndsStream = false;
@@ -86,7 +55,8 @@ std::string Http2Server::onFrame(size_t index, const WireFrame& frame) {
         connection.block += frame.payload;
         if (frame.type == kHeaders) connection.blockEndsStream = ends;
         if (!frame.hasFlags(kEndHeaders)) return {};
-        connection.decode(connection.block, request);
+        const FieldLines lines = connection.decoder.decode(connection.block);
+        request.fields.insert(request.fields.end(), lines.begin(), lines.end());
         connection.block.clear();
         ends = connection.blockEndsStream;
     } else if (frame.type == kData) {

@@ -11,9 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "tests/standard/field_decoder.h"
 #include "tests/support/scripted_server.h"
-
-struct nghttp2_hd_inflater;
 
 namespace h2test {
 
@@ -21,7 +20,7 @@ namespace h2test {
 struct Request {
     size_t connection = 0;
     uint32_t stream = 0;
-    std::vector<std::pair<std::string, std::string>> fields;
+    FieldLines fields;
     std::string body;
 
     // The value of the first field of that name; empty when there is none.
@@ -35,8 +34,8 @@ struct Http2Options {
     std::function<std::string(const Request&)> reply;
 };
 
-// A scripted server that also reads requests: acknowledges SETTINGS, decodes header blocks (with
-// libnghttp2) and puts bodies together. What it sends is written by hand.
+// A scripted server that also reads requests: acknowledges SETTINGS, decodes header blocks
+// and puts bodies together. What it sends is written by hand.
 class Http2Server {
 public:
     using Reply = std::function<std::string(const Request&)>;

@@ -65,7 +65,7 @@ TEST_P(Connecting, NothingElseWaitsMeanwhile) {
     RecordingClient running, waiting, other;
     ASSERT_EQ(connect(running, server), 0);
     ASSERT_EQ(running.setUri("/", HTTP_GET), 0);
-    int result = -1;
+    std::atomic<int> result{-1};
     std::thread connecting(
         [&] { result = waiting.connectToServer(HTTPS_2, "127.0.0.1", silent.port()); });
     ASSERT_TRUE(silent.waitReceived(0, 1));  // its handshake has begun
