@@ -59,11 +59,13 @@ std::string fileContent(const std::string& path) {
     return content.str();
 }
 
-Ended runExample(const std::string& name, const std::vector<std::string>& arguments) {
+namespace {
+
+Ended run(const std::string& program, const std::vector<std::string>& arguments) {
     const TempDir dir;
     const std::string output = dir.path() + "/out";
     const std::string errors = dir.path() + "/err";
-    const pid_t pid = spawn(EXAMPLES_DIR "/" + name, arguments, output, errors);
+    const pid_t pid = spawn(program, arguments, output, errors);
     int status = 0;
     const bool ended =
         waitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, kExampleLimit);
@@ -76,6 +78,18 @@ Ended runExample(const std::string& name, const std::vector<std::string>& argume
     out.output = fileContent(output);
     out.errors = fileContent(errors);
     return out;
+}
+
+}  // namespace
+
+Ended runExample(Edition edition, const std::string& name,
+                 const std::vector<std::string>& arguments) {
+    const std::string folder = edition == Edition::kExact ? EXAMPLES_DIR : STANDARD_EXAMPLES_DIR;
+    return run(folder + "/" + name, arguments);
+}
+
+Ended runStandardExample(const std::string& name, const std::vector<std::string>& arguments) {
+    return run(EXAMPLES_DIR "/" + name, arguments);
 }
 
 }  // namespace h2test

@@ -13,8 +13,13 @@ struct Ended {
     std::string errors;  // standard error
 };
 
-// Runs the example `name` to its end.
-Ended runExample(const std::string& name, const std::vector<std::string>& arguments);
+enum class Edition { kExact, kStandard };
+
+// Runs the example `name` to its end. `edition`: which library it is linked with; those that need
+// the standard edition have no other.
+Ended runExample(Edition edition, const std::string& name,
+                 const std::vector<std::string>& arguments);
+Ended runStandardExample(const std::string& name, const std::vector<std::string>& arguments);
 
 std::string fileContent(const std::string& path);
 
