@@ -139,6 +139,15 @@ int Client::start() {
 }
 
 int Client::begin(const ExchangeLimits& limits, Ref<ClientExchange>& begun) {
+    try {
+        return tryToBegin(limits, begun);
+    } catch (...) {  // no memory: the request has not been started
+        if (begun) begun->cancel();
+        throw;
+    }
+}
+
+int Client::tryToBegin(const ExchangeLimits& limits, Ref<ClientExchange>& begun) {
     Ref<Server> server;
     {
         const std::lock_guard<std::mutex> hold(m_lock);

@@ -49,6 +49,7 @@ public:
 
 private:
     int begin(const ExchangeLimits& limits, Ref<ClientExchange>& begun);
+    int tryToBegin(const ExchangeLimits& limits, Ref<ClientExchange>& begun);
     Ref<ClientExchange> freshExchangeLocked();
     bool busyLocked() const { return m_exchange && !m_exchange->isOver(); }
     void watchLocked();

@@ -62,6 +62,7 @@ void Connection::serve(bool readable) {
     m_now = std::max(m_now, m_loop.now());
     const bool first = !m_inLoop;
     if (first) enterLoop();
+    if (m_broken && m_closeAt == kNever) lose("no memory was left");
     checkTime();
     if (readable || first || m_moreToRead) receive();
     do {

@@ -108,7 +108,9 @@ private:
 
     // requests.cpp: requests in, events out
     bool startAtOnce(const Ref<Exchange>& exchange);
+    void breakOff(Exchange& exchange);
     bool sendsLater() const;
+    void wakeLoop();
     bool post(Command::Kind kind, Exchange* exchange);
     void runCommands();
     bool endLooking();
@@ -145,6 +147,7 @@ private:
     bool m_answeredBefore = false;  // has answered requests, before a GOAWAY if there is one
     bool m_saidGoAway = false;
     bool m_silent = false;
+    bool m_broken = false;   // by a lack of memory
     bool m_resting = false;  // memory of a busy connection has been given back
     Time m_now = 0;
     Time m_idleSince = 0;             // 0: not idle

@@ -31,11 +31,25 @@ bool Connection::startAtOnce(const Ref<Exchange>& exchange) {
     m_now = std::max(m_now, steadyNow());
     m_idleSince = 0;
     m_resting = false;
-    submit(exchange);
-    sendOnce();
+    try {
+        submit(exchange);
+        sendOnce();
+    } catch (...) {
+        breakOff(*exchange);
+        throw;
+    }
     if (sendsLater() || m_session.wantsToSend() || nextDeadline() < m_armed)
         post(Command::Kind::kWake, nullptr);
     return true;
+}
+
+// There is no memory, and what has been done of a request by halves is not known: the loop ends the
+// connection.
+void Connection::breakOff(Exchange& exchange) {
+    m_broken = true;
+    stopTaking();
+    if (exchange.m_stream == 0) release(exchange);
+    post(Command::Kind::kWake, nullptr);
 }
 
 // Whether sending needs the loop.
@@ -58,16 +72,25 @@ bool Connection::post(Command::Kind kind, Exchange* exchange) {
         wake = !m_woken && !m_looksIntoInbox;
         if (wake) m_woken = Ref<Connection>(this);
     }
-    if (!wake) return true;
-    m_loop.post([this] {
-        Ref<Connection> self;
-        {
-            const std::lock_guard<std::mutex> hold(m_inboxLock);
-            std::swap(self, m_woken);
-        }
-        serve(false);
-    });
+    if (wake) wakeLoop();
     return true;
+}
+
+void Connection::wakeLoop() {
+    try {
+        m_loop.post([this] {
+            Ref<Connection> self;
+            {
+                const std::lock_guard<std::mutex> hold(m_inboxLock);
+                std::swap(self, m_woken);
+            }
+            serve(false);
+        });
+    } catch (...) {  // no memory: the next one wakes it
+        const std::lock_guard<std::mutex> hold(m_inboxLock);
+        m_woken = Ref<Connection>();
+        throw;
+    }
 }
 
 void Connection::runCommands() {

@@ -39,7 +39,22 @@ ConnectResult Server::connect(const ConnectSettings& settings) {
         if (joinLocked(hold, result)) return result;
         ++m_waitedDials;
     }
-    return dial();
+    ConnectResult result;
+    try {
+        result = dial();
+    } catch (...) {  // no memory
+        uncountWaitedDial();
+        m_dialEnded.notify_all();
+        throw;
+    }
+    uncountWaitedDial();
+    endDial(result.error);
+    return result;
+}
+
+void Server::uncountWaitedDial() {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    --m_waitedDials;
 }
 
 // False: there is nothing to join. An attempt in the background is not joined: it goes on only
@@ -114,11 +129,6 @@ ConnectResult Server::dial() {
         result.error = "the system has no room for another connection";
     }
     result.connected = static_cast<bool>(result.connection);
-    {
-        const std::lock_guard<std::mutex> hold(m_lock);
-        --m_waitedDials;
-    }
-    endDial(result.error);
     return result;
 }
 

@@ -69,6 +69,7 @@ private:
     bool joinLocked(std::unique_lock<std::mutex>& hold, ConnectResult& result);
     DialTarget targetLocked() const;
     ConnectResult dial();
+    void uncountWaitedDial();
     void beginDialLocked();
     Ref<Connection> adopt(Dialed dialed);
     void endDial(const std::string& error);

@@ -3,9 +3,13 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
 #include <tuple>
 #include <utility>
 
@@ -39,9 +43,9 @@ void logKey(const SSL* /*ssl*/, const char* line) {
     if (file == nullptr || *file == '\0') return;
     const int descriptor = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (descriptor == -1) return;
-    const std::string text = std::string(line) + "\n";
     // One write, so that lines of several threads do not mix. A full disk loses the line.
-    [[maybe_unused]] const ssize_t written = write(descriptor, text.data(), text.size());
+    iovec parts[] = {{const_cast<char*>(line), std::strlen(line)}, {const_cast<char*>("\n"), 1}};
+    [[maybe_unused]] const ssize_t written = writev(descriptor, parts, 2);
     close(descriptor);
 }
 
@@ -139,7 +143,8 @@ bool TlsContext::loadOwnCertificate(std::string& error) {
 
 SSL* TlsContext::newConnection(const std::string& host, uint16_t port, std::string& error) {
     ERR_clear_error();
-    SSL* ssl = SSL_new(m_context);
+    std::unique_ptr<SSL, decltype(&SSL_free)> owner(SSL_new(m_context), &SSL_free);
+    SSL* const ssl = owner.get();
     if (ssl == nullptr) {
         error = tlsErrorText();
         return nullptr;
@@ -155,7 +160,6 @@ SSL* TlsContext::newConnection(const std::string& host, uint16_t port, std::stri
                                SSL_set_tlsext_host_name(ssl, name.c_str()) == 1;
     if (!set) {
         error = "not a server name: " + name;
-        SSL_free(ssl);
         return nullptr;
     }
     auto* key = new std::string(host + ":" + std::to_string(port));
@@ -163,7 +167,7 @@ SSL* TlsContext::newConnection(const std::string& host, uint16_t port, std::stri
     const std::lock_guard<std::mutex> hold(m_sessionLock);
     const auto found = m_sessions.find(*key);
     if (found != m_sessions.end()) SSL_set_session(ssl, found->second);
-    return ssl;
+    return owner.release();
 }
 
 // Called by OpenSSL with a session that a later connection may resume. 1: we keep the reference.
@@ -178,7 +182,11 @@ int TlsContext::keepSession(SSL* ssl, SSL_SESSION* session) {
         return 1;
     }
     if (context->m_sessions.size() >= kMaxSessions) return 0;
-    context->m_sessions.emplace(*key, session);
+    try {
+        context->m_sessions.emplace(*key, session);
+    } catch (const std::bad_alloc&) {  // OpenSSL knows of no exceptions
+        return 0;
+    }
     return 1;
 }
 

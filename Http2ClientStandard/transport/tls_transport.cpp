@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 namespace h2 {
@@ -23,9 +24,11 @@ constexpr size_t kMaxUnsent = 2 * kSendBatch;
 // Buffers above this are given back when they are empty.
 constexpr size_t kKeptCapacity = 4096;
 
-// Of the thread: every connection that it serves uses them in turn, within one call.
+// Of the thread: every connection that it serves uses them in turn, within one call. Null: there is
+// no memory.
 char* receiveBuffer() {
-    static thread_local const std::unique_ptr<char[]> buffer(new char[kReceiveBuffer]);
+    static thread_local std::unique_ptr<char[]> buffer;
+    if (!buffer) buffer.reset(new (std::nothrow) char[kReceiveBuffer]);
     return buffer.get();
 }
 
@@ -59,7 +62,12 @@ struct TlsTransport::Bio {
             BIO_set_retry_write(bio);
             return -1;
         }
-        transport->m_out.append(from, static_cast<size_t>(size));
+        try {
+            transport->m_out.append(from, static_cast<size_t>(size));
+        } catch (const std::bad_alloc&) {  // OpenSSL knows of no exceptions
+            transport->m_errno = ENOMEM;
+            return -1;
+        }
         return size;
     }
 
@@ -137,12 +145,17 @@ size_t TlsTransport::receive(char* to, size_t size) {
 
 bool TlsTransport::refill() {
     if (m_drained || m_ended || m_errno != 0) return false;
+    char* const buffer = receiveBuffer();
+    if (buffer == nullptr) {
+        m_errno = ENOMEM;
+        return false;
+    }
     ssize_t result = -1;
     do {
-        result = recv(descriptor(), receiveBuffer(), kReceiveBuffer, 0);
+        result = recv(descriptor(), buffer, kReceiveBuffer, 0);
     } while (result == -1 && errno == EINTR);
     if (result > 0) {
-        m_in = receiveBuffer();
+        m_in = buffer;
         m_inSize = static_cast<size_t>(result);
         m_drained = m_inSize < kReceiveBuffer;
         return true;

@@ -14,11 +14,14 @@ namespace {
 
 thread_local Allocations allocations;
 thread_local bool failing = false;
+constexpr long kNever = 1L << 60;
+thread_local long failsBehind = kNever;  // -1: has failed
 thread_local const char* received = nullptr;
 thread_local size_t receivedSize = 0;
 
 void* allocate(size_t size) noexcept {
     if (failing) return nullptr;
+    if (failsBehind >= 0 && failsBehind-- == 0) return nullptr;
     ++allocations.calls;
     allocations.bytes += size;
     return std::malloc(size == 0 ? 1 : size);
@@ -34,6 +37,8 @@ Function systems(const char* name) {
 Allocations allocationsOfThisThread() { return allocations; }
 
 void failAllocationsOfThisThread() { failing = true; }
+
+long failAllocationOfThisThreadBehind(long count) { return std::exchange(failsBehind, count); }
 
 bool liesInLastReceived(const char* data, size_t size) {
     return data >= received && data + size <= received + receivedSize;

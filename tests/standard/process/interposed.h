@@ -19,6 +19,9 @@ struct Allocations {
 Allocations allocationsOfThisThread();
 // Lets every further operator new of the calling thread throw std::bad_alloc.
 void failAllocationsOfThisThread();
+// Lets one throw: that behind the next `count`. Returns what was left of a former count; -1: it has
+// thrown.
+long failAllocationOfThisThreadBehind(long count);
 
 // Whether `data` lies in what the last recv() of the calling thread has received.
 bool liesInLastReceived(const char* data, size_t size);

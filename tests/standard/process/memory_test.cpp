@@ -31,6 +31,10 @@ public:
     std::atomic<int> copied{0};  // pieces of content that were not where they were received
 };
 
+// Of a thousand requests, by chance: a frame arrives in two pieces for the first time, or the last
+// request's memory is still in use when the next one starts.
+constexpr size_t kOnce = 50;
+
 class Memory : public BothTest {
 protected:
     // Answers with some fields and content.
@@ -57,13 +61,13 @@ TEST_P(Memory, IsNotTakenForRequestsStartedInCallbacks) {
     QuietClient client;
     prepare(client, server);
     Allocations before;
-    for (const int until : {200, 1200}) {
+    for (const int until : {200, 400, 1400}) {
+        before = client.onLoop;
         client.startsUntil = until;
         ASSERT_EQ(client.startRequest(nullptr), 0);
         ASSERT_TRUE(client.ended.waitAtLeast(static_cast<size_t>(until)));
-        if (until == 200) before = client.onLoop;
     }
-    EXPECT_EQ(client.onLoop.calls - before.calls, 0u);
+    EXPECT_LE(client.onLoop.calls - before.calls, kOnce);
     EXPECT_EQ(client.failures, 0);
 }
 
@@ -80,8 +84,8 @@ TEST_P(Memory, IsNotTakenForRequestsStartedOnAThread) {
         ASSERT_TRUE(client.ended.waitAtLeast(i + 1));
         if (i == 199) loopBefore = client.onLoop;
     }
-    EXPECT_EQ(calls, 0u);
-    EXPECT_EQ(client.onLoop.calls - loopBefore.calls, 0u);
+    EXPECT_LE(calls, kOnce);
+    EXPECT_LE(client.onLoop.calls - loopBefore.calls, kOnce);
     EXPECT_EQ(client.failures, 0);
 }
 
@@ -104,6 +108,41 @@ TEST_P(Memory, BlockIsCopiedOnce) {
     ASSERT_TRUE(client.ended.waitAtLeast(2));
     EXPECT_LT(client.onLoop.bytes - loopBefore, size_t{2} << 20);
     EXPECT_TRUE(server.requests().back().body == block);
+}
+
+// Each allocation of a client's life fails in turn, on the application's thread. The call throws,
+// and then the client and the connection go on as if it had not been made.
+TEST_P(Memory, RunningOutInACallLeavesTheClientUsable) {
+    const std::string block(1000, 'b');
+    constexpr long kEnough = 1'000'000;
+    bool whole = false;
+    for (long behind = 0; !whole; ++behind) {
+        SCOPED_TRACE(behind);
+        ASSERT_LT(behind, 1000);
+        Http2Server server(answering());  // a new one, so that a connection is opened
+        QuietClient client;
+        bool started = false;
+        failAllocationOfThisThreadBehind(behind);
+        try {
+            started = connect(client, server) == 0 && client.setUri("/", HTTP_POST) == 0 &&
+                      client.addHeader("name", "a value of some length, really", true) != nullptr &&
+                      client.setContent(block.data(), block.size()) == 0 &&
+                      client.startRequest(nullptr) == 0;
+        } catch (const std::bad_alloc&) {
+        }
+        whole = failAllocationOfThisThreadBehind(kEnough) >= 0;
+        size_t ends = 0;
+        if (started) {
+            ASSERT_TRUE(client.ended.waitAtLeast(++ends));
+        }
+        ends = client.ended.count();
+        client.clearClient();
+        ASSERT_EQ(connect(client, server), 0) << getHttp2Text(&client, HTTP2_ERROR);
+        ASSERT_EQ(client.setUri("/", HTTP_GET), 0);
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        ASSERT_TRUE(client.ended.waitAtLeast(ends + 1));
+        EXPECT_EQ(client.failures, 0);
+    }
 }
 
 class Content : public LibraryTest {};
