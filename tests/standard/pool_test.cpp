@@ -183,6 +183,28 @@ TEST_F(ConnectionTest, FailedSendLeavesBytesToRead) {
     EXPECT_TRUE(events.ends.empty());
 }
 
+TEST_F(ConnectionTest, IdleConnectionGivesMemoryBackAndGoesOn) {
+    run();
+    const std::string answer =
+        h2test::headers(1, h2test::hpackIndexed(8), h2test::kEndHeaders | h2test::kEndStream);
+    const auto first = h2::makeRef<TestExchange>();
+    ASSERT_TRUE(connection->start(first));
+    ASSERT_TRUE(waitFor([&] { return headers() == 1; }));
+    send(h2test::settings({}) + answer);
+    ASSERT_TRUE(waitFor([&] { return first->completed == 1; }));
+    ASSERT_TRUE(waitFor([&] {  // a second later
+        const std::lock_guard<std::mutex> hold(connection->m_useLock);
+        return connection->m_resting;
+    }));
+    const auto second = h2::makeRef<TestExchange>();
+    ASSERT_TRUE(connection->start(second));
+    ASSERT_TRUE(waitFor([&] { return headers() == 2; }));
+    send(h2test::headers(3, h2test::hpackIndexed(8), h2test::kEndHeaders | h2test::kEndStream));
+    EXPECT_TRUE(waitFor([&] { return second->completed == 1; }));
+    const std::lock_guard<std::mutex> hold(connection->m_useLock);
+    EXPECT_FALSE(connection->m_resting);
+}
+
 TEST_F(ConnectionTest, IdleTimeOutOfZeroIsNone) {
     h2::ConnectionOptions options;
     options.idleTimeout = 0;

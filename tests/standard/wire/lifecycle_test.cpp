@@ -183,6 +183,23 @@ TEST_F(TlsConnecting, TimeOutBoundsTheHandshake) {
     EXPECT_THAT(getHttp2Text(&client, HTTP2_ERROR), testing::HasSubstr("time-out"));
 }
 
+TEST_F(TlsConnecting, AttemptThatIsJoinedIsWaitedForAsLongAsTheOptionsSay) {
+    ScriptedServer silent;  // TCP only
+    RecordingClient first, second;
+    std::atomic<int> result{-1};
+    std::thread connecting(
+        [&] { result = first.connectToServer(HTTPS_2, "127.0.0.1", silent.port()); });
+    ASSERT_TRUE(silent.waitReceived(0, 1));  // its handshake has begun
+    ASSERT_EQ(setHttp2Option(&second, HTTP2_CONNECT_TIMEOUT, 50), 0);
+    EXPECT_EQ(second.connectToServer(HTTPS_2, "127.0.0.1", silent.port()), 4);
+    EXPECT_STREQ(getHttp2Text(&second, HTTP2_ERROR), "no connection within the connect time-out");
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(silent.connections(), 1u);
+    silent.close(0);
+    connecting.join();
+    EXPECT_EQ(result, 4);
+}
+
 class Cancelling : public LibraryTest {};
 
 TEST_F(Cancelling, ResetsAnOpenStreamOnly) {
