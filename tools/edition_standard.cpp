@@ -94,10 +94,11 @@ Outcome failToConnect(const Options& options, const std::string& error) {
 void explainFailure(const Options& options, Outcome& outcome) {
     constexpr std::string_view kNoHttp2 = "does not start with SETTINGS";
     if (outcome.message.find(kNoHttp2) == std::string::npos) return;
-    fail(outcome, outcome.code,
-         std::string(kindOf(outcome.code)) +
-             ": the server does not speak HTTP/2 on this port (it does not start with SETTINGS); " +
-             (options.tls ? "use another port" : "try https://, or use another port"));
+    const std::string advice = options.tls ? "use another port" : "try https://, or another port";
+    fail(outcome, EXIT_REQUEST_FAILED,
+         "request failed: the server does not speak HTTP/2 on this port (it does not start with "
+         "SETTINGS); " +
+             advice);
 }
 
 }  // namespace edition

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Http2ClientStandard/base/ref.h"
@@ -37,6 +38,10 @@ struct AttemptEnd {
     bool answeredBefore = false;  // the connection had answered others
     bool saidGoAway = false;
     bool silent = false;  // it was given up because the server was silent
+    // The GOAWAY, and its debug data made printable; both empty: there was none, or it said
+    // NO_ERROR and nothing else.
+    std::string_view goAway;
+    std::string_view debugData;
 };
 
 // To whom a connection reports. The calls come on the loop's thread; those for a request that is
@@ -144,6 +149,8 @@ private:
     bool m_retired = false;         // onRetired() has been called
     bool m_answeredBefore = false;  // has answered requests, before a GOAWAY if there is one
     bool m_saidGoAway = false;
+    std::string m_goAway;  // this and the next: as in AttemptEnd
+    std::string m_debugData;
     bool m_silent = false;
     bool m_resting = false;  // memory of a busy connection has been given back
     Time m_now = 0;

@@ -436,9 +436,9 @@ TEST(H2requestStandardFailure, OfWhatTheServerSpeaks) {
     ServerOptions http1;
     http1.greeting = "HTTP/1.1 400 Bad Request\r\n\r\n";
     ScriptedServer old(http1);
-    expectFailure(runStandard({url(old.port())}), kConnectionLost,
+    expectFailure(runStandard({url(old.port())}), kRequestFailed,
                   "the server does not speak HTTP/2 on this port (it does not start with SETTINGS)",
-                  "; try https://, or use another port\n");
+                  "; try https://, or another port\n");
 }
 
 TEST(H2requestStandardFailure, OfTime) {
@@ -450,6 +450,35 @@ TEST(H2requestStandardFailure, OfTime) {
     expectFailure(ask(server, {"--max-time", "0.2"}), kTimedOut,
                   "no complete answer within 200 ms; nothing had come",
                   "; allow more with --timeout");
+}
+
+TEST(H2requestStandardFailure, OfAResetWithItsCode) {
+    Http2Server server([](const Request& request) {
+        return rstStream(request.stream, request.field(":path") == "/calm" ? 11 : 4711);
+    });
+    for (const Strings& way : {Strings{}, Strings{"--blocking"}}) {
+        expectFailure(ask(server, way, "/calm"), kRequestFailed,
+                      "request failed: the server reset the stream with ENHANCE_YOUR_CALM",
+                      "; -v shows the frames");
+        expectFailure(ask(server, way), kRequestFailed,
+                      "request failed: the server reset the stream with error 4711",
+                      "; -v shows the frames");
+    }
+}
+
+TEST(H2requestStandardFailure, OfAGoAwayWithItsText) {
+    Http2Server server([](const Request& request) {
+        return request.field(":path") == "/processed"
+                   ? goaway(request.stream, 11, "too\x1b[31m many") + rstStream(request.stream, 11)
+                   : goaway(0, 2, "broken");
+    });
+    const std::string said = ", after GOAWAY with ENHANCE_YOUR_CALM \"too\\x1b[31m many\"";
+    expectFailure(ask(server, {}, "/processed"), kRequestFailed,
+                  "the server reset the stream with ENHANCE_YOUR_CALM" + said, "; -v shows");
+    expectFailure(ask(server), kRequestFailed,
+                  "request failed: the server is going away, after GOAWAY with INTERNAL_ERROR "
+                  "\"broken\"",
+                  "; -v shows the frames");
 }
 
 TEST(H2requestStandardFailure, OfTheConnection) {
