@@ -2,8 +2,11 @@
 #include <cstdint>
 #include <string_view>
 
+#include <unistd.h>
+
 #include "Http2ClientStandard/Http2ClientOptions.h"
 #include "edition.h"
+#include "message.h"
 #include "text.h"
 
 namespace edition {
@@ -38,6 +41,12 @@ const char* adviceFor(std::string_view error) {
     return "check the address, and whether a firewall is in between";
 }
 
+// On the library's threads, too.
+void showFrame(const char* text, void* /*opaque*/) {
+    const std::string lines = std::string(text) + "\n";
+    writeWhole(STDERR_FILENO, lines.data(), lines.size());
+}
+
 void setText(tiny::HttpClientInterface& client, HTTP2_TEXT_OPTION option, const std::string& text) {
     if (!text.empty()) setHttp2TextOption(&client, option, text.c_str());
 }
@@ -49,6 +58,7 @@ const bool kIsStandard = true;
 std::optional<int> handOver(int /*argc*/, char** /*argv*/) { return std::nullopt; }
 
 void configure(tiny::HttpClientInterface& client, const Options& options) {
+    if (options.verbose) setHttp2Trace(&client, &showFrame, nullptr);
     if (options.insecure) setHttp2Option(&client, HTTP2_VERIFY, 0);
     setText(client, HTTP2_CA_FILE, options.caFile);
     setText(client, HTTP2_CERTIFICATE_FILE, options.certificateFile);

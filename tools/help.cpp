@@ -80,7 +80,7 @@ Output:
   --json               print each answer as one line of JSON
   --max-body BYTES     limit for a body in --json (default 16777216: 16 MiB)
   --timing             tell times and bytes per second, on standard error
-  -v                   the library's log, on standard error
+  -v                   frames both ways and the log, on standard error
   -h, --help           this text
   --version            the version
 

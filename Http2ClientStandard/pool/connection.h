@@ -14,6 +14,7 @@
 #include "Http2ClientStandard/loop/loop.h"
 #include "Http2ClientStandard/pool/exchange.h"
 #include "Http2ClientStandard/session/session.h"
+#include "Http2ClientStandard/trace/frame_trace.h"
 #include "Http2ClientStandard/transport/transport.h"
 
 namespace h2 {
@@ -30,6 +31,7 @@ struct ConnectionInfo {
 struct ConnectionOptions {
     SessionOptions session;
     Time idleTimeout = 90'000;  // without a request; 0: never closed
+    TraceSink trace;
 };
 
 // A request that has ended without its whole answer, and what is known of its connection.
@@ -137,8 +139,9 @@ private:
     ConnectionEvents& m_events;
     std::atomic<size_t> m_load{0};
 
-    std::mutex m_useLock;                    // guards what follows
-    std::unique_ptr<Transport> m_transport;  // null: closed
+    std::mutex m_useLock;                      // guards what follows
+    std::unique_ptr<Transport> m_transport;    // null: closed
+    std::unique_ptr<ConnectionTrace> m_trace;  // null: nobody wants to see the frames
     Session m_session;
     Output m_output;             // produced by the session and not yet taken by the transport
     bool m_outputBegun = false;  // the transport has taken a part of what was produced last

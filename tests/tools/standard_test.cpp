@@ -362,6 +362,29 @@ TEST(H2requestStandard, JsonHasTheTimesAndRepeatedHeaders) {
     }
 }
 
+// ---- frames
+
+TEST(H2requestStandard, ShowsFramesBothWaysWithoutSecrets) {
+    Http2Server server(overTls([](const Request& request) {
+        return response(request.stream, 200, "body", field("set-cookie", "secret1"));
+    }));
+    const Ended ended = runStandard({"-k", "-v", "-H", "authorization: secret2", "-H",
+                                     "x-header: shown", url(server.port(), "/path", true)});
+    EXPECT_EQ(ended.code, kAnswered);
+    EXPECT_EQ(ended.output, "body");
+    EXPECT_FALSE(contains(ended.errors, "secret")) << ended.errors;
+    for (const char* text :
+         {"#1 > connection preface\n#1 > SETTINGS stream 0, ", "\n    ENABLE_PUSH: 0\n",
+          "\n#1 > HEADERS stream 1, ", " END_STREAM END_HEADERS\n    :", "\n    :method: GET\n",
+          "\n    :path: /path\n", "\n    authorization: ***\n    x-header: shown\n",
+          "\n#1 < SETTINGS stream 0, 6 bytes\n    INITIAL_WINDOW_SIZE: 16777216\n",
+          "\n#1 < WINDOW_UPDATE stream 0, 4 bytes: 16777216\n", "\n#1 < HEADERS stream 1, ",
+          " END_HEADERS\n    :status: 200\n    set-cookie: ***\n",
+          "#1 < DATA stream 1, 4 bytes END_STREAM\n"}) {
+        EXPECT_TRUE(contains(ended.errors, text)) << text << "\nin\n" << ended.errors;
+    }
+}
+
 // ---- failures: one line each, with what failed and what to try
 
 void expectFailure(const Ended& ended, int code, const std::string& what,
