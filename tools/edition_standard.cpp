@@ -15,15 +15,20 @@ namespace {
 
 constexpr int64_t kNoConnectLimit = 1000000000000;  // milliseconds; decades
 
-// What to try when connecting failed, by a part of what the library says.
+// What to try when connecting failed, by a part of what the library says. The first that fits.
 struct Advice {
     std::string_view part;
     const char* text;
+    int code = EXIT_CANNOT_CONNECT;
 };
-constexpr std::array<Advice, 11> kAdvice = {{
+constexpr std::array<Advice, 13> kAdvice = {{
     {"cannot find host", "check the name; `getent ahosts NAME` looks it up"},
-    {"refused", "nobody listens there: start the server, or see its ports with `ss -ltn`"},
-    {"time-out", "check the address and the port, or allow more with --connect-timeout"},
+    {"Connection refused",
+     "nobody listens there: start the server, or see its ports with `ss -ltn`"},
+    {"within the connect time-out",
+     "check the address and the port, or allow more with --connect-timeout", EXIT_TIMED_OUT},
+    {"mismatch", "use the name that it is for, or verify nothing with -k"},
+    {"has expired", "have it renewed, or verify nothing with -k"},
     {"certificate is not accepted", "trust its CA with --cacert FILE, or verify nothing with -k"},
     {"does not offer HTTP/2", "use a port that speaks HTTP/2 over TLS"},
     {"does not speak TLS", "write http:// if it speaks HTTP/2 without TLS"},
@@ -33,12 +38,13 @@ constexpr std::array<Advice, 11> kAdvice = {{
     {"Too many open files", "allow more with `ulimit -n`, or use fewer connections"},
     {"TLS handshake", "see the server's log"},
 }};
+constexpr Advice kOtherAdvice = {"", "check the address, and whether a firewall is in between"};
 
-const char* adviceFor(std::string_view error) {
+const Advice& adviceFor(std::string_view error) {
     for (const Advice& advice : kAdvice) {
-        if (error.find(advice.part) != std::string_view::npos) return advice.text;
+        if (error.find(advice.part) != std::string_view::npos) return advice;
     }
-    return "check the address, and whether a firewall is in between";
+    return kOtherAdvice;
 }
 
 // On the library's threads, too.
@@ -94,10 +100,9 @@ std::optional<ConnectTimes> connectTimes(tiny::HttpClientInterface& client) {
 }
 
 Outcome failToConnect(const Options& options, const std::string& error) {
-    std::string reason = error;
-    if (error.find("mismatch") != std::string::npos) reason += " (it is not for this name)";
-    Outcome outcome = cannotConnect(options, reason + "; " + adviceFor(error));
-    if (error.find("time-out") != std::string::npos) outcome.code = EXIT_TIMED_OUT;
+    const Advice& advice = adviceFor(error);
+    Outcome outcome = cannotConnect(options, error + "; " + advice.text);
+    outcome.code = advice.code;
     return outcome;
 }
 
