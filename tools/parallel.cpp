@@ -148,7 +148,7 @@ void ParallelRun::work(Worker& worker) {
     ++m_ready;
     m_changed.notify_all();
     m_changed.wait(lock, [this] { return !m_connecting; });
-    while ((worker.number = m_next++) <= m_options.repeat) {
+    while (!isInterrupted() && (worker.number = m_next++) <= m_options.repeat) {
         lock.unlock();
         std::string body;
         const Outcome outcome = request(worker, body);
