@@ -78,6 +78,17 @@ HTTP2CLIENT_API int setHttp2Option(tiny::HttpClientInterface* client, HTTP2_OPTI
 HTTP2CLIENT_API int setHttp2TextOption(tiny::HttpClientInterface* client, HTTP2_TEXT_OPTION option,
                                        const char* text);
 
+/// Gets a text for people about each frame that a connection sends or receives: a line, and further
+/// ones for settings and headers, without a line end behind the last. Values of authorization,
+/// proxy-authorization, cookie and set-cookie are masked. It is called on the thread that sends or
+/// receives, of several connections at the same time, and must call nothing of this library.
+typedef void (*Http2Trace)(const char* text, void* opaque);
+
+/// Lets `trace` see the frames of connections that `client` opens from now on, or that clients made
+/// from now on do when `client` is null. Null for `trace`: none, which costs nothing (default).
+HTTP2CLIENT_API void setHttp2Trace(tiny::HttpClientInterface* client, Http2Trace trace,
+                                   void* opaque);
+
 /// Stops giving the server leave to send more of the running answer. What is under way arrives
 /// nevertheless: at most HTTP2_STREAM_WINDOW bytes. May be called in callbacks.
 /// @return 0, or -1: no request is running.

@@ -29,10 +29,16 @@ if(TARGET h2request)
     install(FILES tools/completion/h2request
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Tools)
 endif()
-if(TARGET h2request_man_page)
-    install(FILES ${PROJECT_BINARY_DIR}/tools/h2request.1
-            DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
+if(TARGET h2request-standard)
+    install(TARGETS h2request-standard
+            RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/Http2Client COMPONENT Tools)
 endif()
+foreach(program h2request h2request-standard)
+    if(TARGET ${program}_man_page)
+        install(FILES ${PROJECT_BINARY_DIR}/tools/${program}.1
+                DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
+    endif()
+endforeach()
 
 # For find_package and pkg-config.
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Http2Client)

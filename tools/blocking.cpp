@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "call.h"
+#include "edition.h"
 
 namespace {
 
@@ -26,10 +27,13 @@ void endAfterHeaders(const RequestContext& context, bool hadBody, bool isLast, O
          "--blocking or --repeat");
 }
 
-// Looks at what has arrived beside the call. True when the call is not to be waited for any more.
-bool isEndedBeside(const RequestContext& context, bool isLast, Outcome& outcome) {
+// Looks at what has arrived beside the call. True when the call is not to be waited for any more:
+// the exact edition's may go on though the request has ended. `end` keeps how it has.
+bool isEndedBeside(const RequestContext& context, bool isLast, Arrived::End& end,
+                   Outcome& outcome) {
     if (isGivenUp(context, outcome)) return true;
     Arrived arrived = context.exchange.wait({});
+    if (arrived.end != Arrived::NONE) end = arrived.end;
     if (!outcome.status) context.sink.showUpload(context.body.sent(), context.body.size());
     if (arrived.status) {
         outcome.status = arrived.status;
@@ -41,15 +45,18 @@ bool isEndedBeside(const RequestContext& context, bool isLast, Outcome& outcome)
         return true;
     }
     if (arrived.end == Arrived::NONE || arrived.end == Arrived::COMPLETE) return false;
-    failByEnd(outcome, arrived.end);
+    if (edition::kIsStandard) return false;
+    failByEnd(outcome, arrived.end, {});
     return true;
 }
 
-void takeResult(const RequestContext& context, const Result& result, Outcome& outcome) {
-    if (context.exchange.wait({}).end == Arrived::TOO_LARGE) {
-        return failByEnd(outcome, Arrived::TOO_LARGE);
-    }
-    if (result.code == 2) return failByEnd(outcome, Arrived::CLOSED);
+void takeResult(const RequestContext& context, const Result& result, Arrived::End end,
+                Outcome& outcome) {
+    const std::string error = edition::lastError(context.exchange);
+    if (end == Arrived::NONE) end = context.exchange.wait({}).end;
+    const bool isTold = edition::kIsStandard && (end == Arrived::FAILED || end == Arrived::CLOSED);
+    if (end == Arrived::TOO_LARGE || isTold) return failByEnd(outcome, end, error);
+    if (result.code == 2) return failByEnd(outcome, Arrived::CLOSED, error);
     if (result.code != 0) {
         const bool timedOut = result.code == 3;
         return fail(
@@ -71,9 +78,10 @@ Outcome runBlocking(const RequestContext& context, bool isLast) {
     Outcome outcome;
     Exchange& exchange = context.exchange;
     exchange.prepareBlocked(context.body);
+    Arrived::End end = Arrived::NONE;
     const auto result = callLibrary([&exchange] { return exchange.runBlocked(); },
-                                    [&] { return isEndedBeside(context, isLast, outcome); });
-    if (result) takeResult(context, *result, outcome);
+                                    [&] { return isEndedBeside(context, isLast, end, outcome); });
+    if (result) takeResult(context, *result, end, outcome);
     outcome.timing.answer = exchange.times();
     context.sink.endProgress();
     return outcome;

@@ -1,6 +1,10 @@
 #include "exchange.h"
 
+#include <algorithm>
+#include <map>
 #include <utility>
+
+#include "edition.h"
 
 namespace {
 
@@ -9,33 +13,59 @@ namespace {
 // down in turn.
 constexpr size_t kMostPending = 16UL * 1024 * 1024;
 
-// blockedRequest takes no further chunk once it holds more than this.
+// The exact edition's blockedRequest takes no further chunk once it holds more than this.
 constexpr uint64_t kMostBlocked = 1024UL * 1024 - 1;
 
-// The longest processor time that blockedRequest can count; the wall clock is watched elsewhere.
+// The longest time that blockedRequest can count: in the exact edition of the processor, so that
+// the wall clock is watched elsewhere.
 constexpr uint32_t kLongestWaitMs = 4294967;
 
 bool isInterim(int status) { return status >= 100 && status < 200; }
 
-bool endsWithHeaders(int status, const HeaderMap& headers) {
+bool endsWithHeaders(int status, const HeaderList& headers) {
     if (status == 204 || status == 304) return true;
-    const auto length = headers.find("content-length");
-    return length != headers.end() && length->second == "0";
+    const std::string* length = findHeader(headers, "content-length");
+    return length != nullptr && *length == "0";
+}
+
+bool hasContentLength(const Options& options) {
+    return std::any_of(options.headers.begin(), options.headers.end(),
+                       [](const Header& header) { return header.name == "content-length"; });
+}
+
+HTTP_METHOD methodOf(const std::string& name) {
+    if (name == "POST") return HTTP_POST;
+    return name == "DELETE" ? HTTP_DELETE : HTTP_GET;
 }
 
 }  // namespace
 
-bool Exchange::connect(const Options& options) {
-    return connectToServer(options.tls ? HTTPS_2 : HTTP_2, options.ip.c_str(), options.port) == 0;
+const std::string* findHeader(const HeaderList& headers, const std::string& name) {
+    for (const auto& [known, value] : headers) {
+        if (known == name) return &value;
+    }
+    return nullptr;
 }
 
-void Exchange::describe(const Options& options, BodyReader& body) {
-    setUri(options.path.c_str(), options.method);
+bool Exchange::connect(const Options& options) {
+    edition::configure(*this, options);
+    return connectToServer(options.tls ? HTTPS_2 : HTTP_2, options.host.c_str(), options.port) == 0;
+}
+
+// The exact edition refuses nothing, but when the connection is gone, which start() reports.
+bool Exchange::describe(const Options& options, BodyReader& body) {
+    bool taken = setUri(options.path.c_str(), methodOf(options.method)) == 0 &&
+                 edition::setMethod(*this, options.method);
     for (const Header& header : options.headers) {
-        addHeader(header.name.c_str(), header.value.c_str(), header.isVolatile);
+        taken = taken &&
+                addHeader(header.name.c_str(), header.value.c_str(), header.isVolatile) != nullptr;
     }
-    // Always by a reader: of a block the library sends whole chunks only.
+    // Always by a reader: of a block the exact edition sends whole chunks only.
     if (body.exists()) setContent(&BodyReader::read, &body);
+    if (body.exists() && edition::kIsStandard && !hasContentLength(options)) {
+        addHeader("content-length", std::to_string(body.size()).c_str(), false);
+    }
+    return taken || !edition::kIsStandard;
 }
 
 int Exchange::start(BodyReader& body) {
@@ -54,8 +84,9 @@ void Exchange::prepareBlocked(BodyReader& body) { reset(body, true); }
 Exchange::BlockedResult Exchange::runBlocked() {
     BlockedResult result;
     const char* message = "the connection is gone";
-    result.code =
-        blockedRequest(result.status, result.headers, result.body, message, kLongestWaitMs);
+    std::map<std::string, std::string> headers;
+    result.code = blockedRequest(result.status, headers, result.body, message, kLongestWaitMs);
+    result.headers.assign(headers.begin(), headers.end());
     result.message = message;
     return result;
 }
@@ -133,11 +164,11 @@ void Exchange::onHeaderReceived(int status, const HeaderDef* headers, size_t cou
         m_answered = true;
         m_arrived.status = status;
         for (size_t i = 0; i < count; ++i) {
-            m_arrived.headers[headers[i].m_headerName] = headers[i].m_headerValue;
+            m_arrived.headers.emplace_back(headers[i].m_headerName, headers[i].m_headerValue);
         }
         complete = endsWithHeaders(status, m_arrived.headers);
     }
-    if (complete) {
+    if (complete && !edition::kIsStandard) {
         setEndLocked(Arrived::COMPLETE);
         m_arrived.withHeaders = true;
         m_arrived.hadBody = m_received > 0;
@@ -148,7 +179,7 @@ void Exchange::onHeaderReceived(int status, const HeaderDef* headers, size_t cou
 void Exchange::onContentReceived(const char* data, size_t len, bool more) {
     std::unique_lock<std::mutex> lock(m_mutex);
     noteArrivalLocked();
-    if (m_blocking && m_received > kMostBlocked) {
+    if (m_blocking && m_received > kMostBlocked && !edition::kIsStandard) {
         setEndLocked(Arrived::TOO_LARGE);
     } else {
         storeBody(lock, data, len);

@@ -2,24 +2,28 @@
 #define HTTP2CLIENT_TOOLS_EXCHANGE_H
 
 #include <condition_variable>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Http2Client/HttpClientInterface.h"
 #include "body.h"
 #include "options.h"
 #include "timing.h"
 
-using HeaderMap = std::map<std::string, std::string>;
+// In the order in which the library gives them.
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
+// The value of the first header of that name; null when there is none.
+const std::string* findHeader(const HeaderList& headers, const std::string& name);
 
 // What has come in since the last look. The end is reported together with all before it.
 struct Arrived {
     // TOO_LARGE: more than blockedRequest can keep; reported for a blocking request only.
     enum End { NONE, COMPLETE, FAILED, CLOSED, TOO_LARGE };
     std::optional<int> status;  // with headers, when they have just come
-    HeaderMap headers;
+    HeaderList headers;
     std::string body;
     End end = NONE;
     bool withHeaders = false;  // complete with headers, so that the library waits on: see Exchange
@@ -29,15 +33,16 @@ struct Arrived {
 // A connection and its successive requests. The callbacks only store what comes, on the library's
 // thread; another thread takes it with wait.
 //
-// Where an answer ends: with the DATA frame that the library reports as the last one; or with its
-// headers when they say that no body follows (status 204 and 304, content-length 0); or with
-// trailers, which are always the last of a response (RFC 9113, 8.1). The library reports no end of
-// stream on headers, so in the latter two cases the request is withdrawn before the next one.
-// Interim responses (status 1xx) are passed over.
+// Where an answer ends in the exact edition: with the DATA frame that the library reports as the
+// last one; or with its headers when they say that no body follows (status 204 and 304,
+// content-length 0); or with trailers, which are always the last of a response (RFC 9113, 8.1). The
+// library reports no end of stream on headers, so in the latter two cases the request is withdrawn
+// before the next one. Interim responses (status 1xx) are passed over. The standard edition tells
+// the end itself.
 //
 // What calls the library (connect to runBlocked, and the destructor) may block as long as a server
-// likes: the library takes its locks while it connects, and while it reads what a server sends
-// without a pause. See call.h.
+// likes: the exact edition takes its locks while it connects, and while it reads what a server
+// sends without a pause. See call.h.
 class Exchange : public tiny::HttpClientInterface {
 public:
     Exchange() = default;
@@ -45,8 +50,9 @@ public:
 
     // Whether there is a connection now.
     bool connect(const Options& options);
-    // Sets what all requests have in common. `body` must outlive the exchange.
-    void describe(const Options& options, BodyReader& body);
+    // Sets what all requests have in common. `body` must outlive the exchange. False: the library
+    // refuses to send something of it.
+    bool describe(const Options& options, BodyReader& body);
     // From the next request on, bodies are counted and dropped.
     void dropBodies() { m_keepsBodies = false; }
 
@@ -57,7 +63,7 @@ public:
     struct BlockedResult {
         int code = 0;
         int status = 0;
-        HeaderMap headers;
+        HeaderList headers;
         std::string body;
         std::string message;
     };

@@ -6,6 +6,7 @@
 #include "Http2Client/httpClientApi.h"
 #include "body.h"
 #include "console_lines.h"
+#include "edition.h"
 #include "interrupt.h"
 #include "message.h"
 #include "options.h"
@@ -36,6 +37,7 @@ void startLibrary() {
 int main(int argc, char** argv) {
     occupyStandardDescriptors();
     signal(SIGPIPE, SIG_IGN);
+    if (const auto ended = edition::handOver(argc, argv)) return *ended;
     Options options;
     if (const auto ended = parseOptions(argc, argv, options)) return *ended;
     catchInterrupts();
@@ -47,7 +49,7 @@ int main(int argc, char** argv) {
     }
     Output output;
     if (!output.open(options)) return EXIT_USAGE;
-    if (options.tls && !options.insecure) {
+    if (options.tls && !options.insecure && !edition::kIsStandard) {
         complain("note: the server's certificate is not verified (-k: leave out this note)");
     }
     setLogLevel(options.verbose);

@@ -3,7 +3,7 @@
 
 // What --help and --version print. The man page is made from both, and the completion is tested
 // against the former.
-extern const char* const kHelp;
-extern const char* const kVersion;
+const char* helpText();
+const char* versionText();
 
 #endif  // HTTP2CLIENT_TOOLS_HELP_H

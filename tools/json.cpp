@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "edition.h"
 #include "text.h"
 
 namespace {
@@ -35,6 +36,13 @@ Json jsonOf(const Timing& timing) {
     Json json = Json::object();
     json["connect_ms"] = inMs(timing.connect);
     const bool isAnswer = timing.answer.has_value();
+    if (edition::kIsStandard) {
+        const auto& times = timing.connectTimes;
+        json["name_ms"] = times ? inMs(times->name) : Json(nullptr);
+        json["tcp_ms"] = times ? inMs(times->tcp) : Json(nullptr);
+        json["tls_ms"] = times ? inMs(times->tls) : Json(nullptr);
+        json["reused"] = !timing.connect || timing.joined;
+    }
     json["first_byte_ms"] = isAnswer ? inMs(timing.answer->firstByte) : Json(nullptr);
     json["total_ms"] = isAnswer ? Json(milliseconds(timing.answer->total)) : Json(nullptr);
     json["bytes_per_second"] = isAnswer ? Json(timing.answer->bytesPerSecond()) : Json(nullptr);
@@ -46,6 +54,16 @@ Json errorOf(const Outcome& outcome) {
     return {{"kind", kindOf(outcome.code)},
             {"exit_code", outcome.code},
             {"message", asUtf8(outcome.message)}};
+}
+
+// Values of one name make an array.
+void addHeader(Json& values, const std::string& value) {
+    if (values.is_null()) {
+        values = value;
+    } else {
+        if (values.is_string()) values = Json::array({values});
+        values.push_back(value);
+    }
 }
 
 void addBody(Json& json, const std::string& body, const Options& options) {
@@ -86,7 +104,7 @@ std::string jsonLine(uint64_t number, const Outcome& outcome, const std::string&
     json["status"] = status != 0 ? Json(status) : Json(nullptr);
     json["headers"] = Json::object();
     for (const auto& [name, value] : outcome.headers) {
-        if (name != ":status") json["headers"][asUtf8(name)] = asUtf8(value);
+        if (name != ":status") addHeader(json["headers"][asUtf8(name)], asUtf8(value));
     }
     json["body_size"] = outcome.timing.answer ? outcome.timing.answer->bodySize : 0;
     addBody(json, body, options);

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "Http2Client/error.h"
-
 // What h2request exits with. In `--help`, so never renumbered.
 enum ExitCode {
     EXIT_ANSWERED = 0,  // status below 400
@@ -29,27 +27,36 @@ struct Header {
 };
 
 struct Options {
-    std::string ip;
+    std::string host;  // exact edition: an IPv4 address; else a name or any address
     uint16_t port = 0;
     std::string path;
     bool tls = false;
-    bool insecure = false;  // the user knows that no certificate is verified
-    HTTP_METHOD method = HTTP_GET;
-    std::vector<Header> headers;  // a host header among them
+    bool insecure = false;  // no certificate is verified, and the user knows
+    std::string caFile;     // these three: PEM files; empty for none
+    std::string certificateFile;
+    std::string keyFile;
+    std::string method = "GET";
+    std::vector<Header> headers;  // exact edition: a host header is among them
     std::optional<std::string> data;
     std::optional<std::string> dataFile;  // "-" for standard input
     bool showHeaders = false;
-    std::string outputFile;                 // empty for standard output
-    std::optional<unsigned int> timeoutMs;  // of a connect, and of a request; 0 for none
-    unsigned int idleMs = 60000;            // without progress; used when timeoutMs is not set
+    std::string outputFile;                        // empty for standard output
+    std::optional<unsigned int> timeoutMs;         // of a connect, and of a request; 0 for none
+    std::optional<unsigned int> connectTimeoutMs;  // of a connect alone
+    unsigned int idleMs = 60000;  // without progress; used when timeoutMs is not set
     unsigned int repeat = 1;
-    unsigned int parallel = 0;  // connections that share the requests; 0 for none of that
+    // Exact edition: connections that share the requests. Else requests at a time. 0: none of that.
+    unsigned int parallel = 0;
+    unsigned int maxStreams = 0;  // requests at a time on one connection; 0 for no limit
     bool blocking = false;
     bool json = false;
     uint64_t maxBody = uint64_t{16} * 1024 * 1024;  // bytes of a body that --json keeps
     bool timing = false;
     bool verbose = false;
 
+    std::optional<unsigned int> connectLimitMs() const {
+        return connectTimeoutMs ? connectTimeoutMs : timeoutMs;
+    }
     // Whether bodies are kept for a JSON object.
     bool keepsBody() const { return json && outputFile.empty(); }
 };

@@ -86,11 +86,10 @@ void Output::beginAnswer() {
     if (m_toTerminal) write(m_body, m_name, m_text.end());
 }
 
-bool Output::writeHead(int status, const HeaderMap& headers) {
+bool Output::writeHead(int status, const HeaderList& headers) {
     m_upload.end();
-    const auto length = headers.find("content-length");
-    if (length != headers.end()) {
-        m_expected = std::strtoull(length->second.c_str(), nullptr, 10);
+    if (const std::string* length = findHeader(headers, "content-length")) {
+        m_expected = std::strtoull(length->c_str(), nullptr, 10);
     }
     if (!m_showHeaders) return true;
     const Colour colour = status < kFirstErrorStatus ? Colour::GREEN : Colour::RED;

@@ -34,7 +34,7 @@ public:
     // Writing ends when it says so. Without it, it waits as long as it takes.
     void setGiveUp(GiveUp giveUp) { m_giveUp = std::move(giveUp); }
     void beginAnswer();
-    bool writeHead(int status, const HeaderMap& headers) override;
+    bool writeHead(int status, const HeaderList& headers) override;
     bool writeBody(const std::string& bytes) override;
     bool writeJson(const std::string& line) { return writeOut(line, m_giveUp); }
     const std::string& keptBody() const { return m_kept; }

@@ -12,11 +12,11 @@
 
 #include <unistd.h>
 
+#include "edition.h"
 #include "interrupt.h"
 #include "json.h"
 #include "message.h"
 #include "output.h"
-#include "probe.h"
 #include "request.h"
 #include "summary.h"
 
@@ -30,7 +30,7 @@ constexpr std::chrono::milliseconds kWorkerPause{100};
 // Keeps the body of an answer; of what an exchange drops nothing comes here.
 class KeptBody : public AnswerSink {
 public:
-    bool writeHead(int /*status*/, const HeaderMap& /*headers*/) override { return true; }
+    bool writeHead(int /*status*/, const HeaderList& /*headers*/) override { return true; }
     bool writeBody(const std::string& bytes) override {
         body += bytes;
         return true;
@@ -46,6 +46,7 @@ struct Worker {
     BodyReader body;                      // outlives the exchange
     std::unique_ptr<Exchange> exchange;   // null: no connection
     std::optional<Duration> connectTime;  // of a connection that has had no request yet
+    std::string connectError;             // why there is none, when the library tells
     TimeLimit limit;                      // runs while the thread uses the library
     unsigned int number = 0;              // of its request; 0: none; guarded by m_mutex
 };
@@ -99,12 +100,18 @@ bool ParallelRun::connect(Worker& worker) {
         worker.limit.start();
         const bool connected = exchange->connect(m_options);
         worker.limit.stop();
+        worker.connectError = edition::lastError(*exchange);
         if (!connected) return false;
         worker.connectTime = Clock::now() - start;
     }
-    exchange->describe(m_options, worker.body);
+    if (!exchange->describe(m_options, worker.body)) {
+        const std::lock_guard<std::mutex> lock(m_connect);  // for good: nobody says it twice
+        complain(refusedRequest(*exchange).message);
+        _exit(EXIT_USAGE);
+    }
     if (!m_options.json) exchange->dropBodies();
     worker.exchange = std::move(exchange);
+    if (edition::joinedConnection(*worker.exchange)) return true;
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_summary.addConnection();
     return true;
@@ -114,13 +121,19 @@ bool ParallelRun::connect(Worker& worker) {
 Outcome ParallelRun::request(Worker& worker, std::string& body) {
     Outcome outcome;
     for (int tries = 0; tries < 2; ++tries) {
-        if (!worker.exchange && !connect(worker)) return failToConnect(m_options);
+        if (!worker.exchange && !connect(worker)) {
+            return edition::failToConnect(m_options, worker.connectError);
+        }
         KeptBody kept;
         const RequestContext context{m_options, *worker.exchange, worker.body, worker.limit,
                                      kept,      kWorkerPause};
         worker.limit.start();
         outcome = followRequest(context, worker.exchange->start(worker.body));
         outcome.timing.connect = std::exchange(worker.connectTime, std::nullopt);
+        if (outcome.timing.connect) {
+            outcome.timing.connectTimes = edition::connectTimes(*worker.exchange);
+            outcome.timing.joined = edition::joinedConnection(*worker.exchange);
+        }
         body = std::move(kept.body);
         if (outcome.disconnected) worker.exchange.reset();
         worker.limit.stop();
@@ -135,7 +148,7 @@ void ParallelRun::work(Worker& worker) {
     ++m_ready;
     m_changed.notify_all();
     m_changed.wait(lock, [this] { return !m_connecting; });
-    while ((worker.number = m_next++) <= m_options.repeat) {
+    while (!isInterrupted() && (worker.number = m_next++) <= m_options.repeat) {
         lock.unlock();
         std::string body;
         const Outcome outcome = request(worker, body);
@@ -219,7 +232,7 @@ void ParallelRun::run() {
     }
     waitForAll(lock, m_ready);
     if (m_summary.connections() == 0) {
-        const Outcome failed = failToConnect(m_options);
+        const Outcome failed = edition::failToConnect(m_options, m_workers.front()->connectError);
         complain(failed.message);
         _exit(failed.code);
     }

@@ -77,7 +77,7 @@ int Connection::connectTcp(const Options& options) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(options.port);
-    inet_pton(AF_INET, options.ip.c_str(), &address.sin_addr);
+    inet_pton(AF_INET, options.host.c_str(), &address.sin_addr);
     if (connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) return 0;
     if (errno != EINPROGRESS) return errno;
     if (!waitFor(POLLOUT)) return ETIMEDOUT;
@@ -173,34 +173,4 @@ Probe probeServer(const Options& options) {
         probe.finding = describeFirstBytes(connection.exchangeFirstBytes(), options.tls);
     }
     return probe;
-}
-
-Outcome failToConnect(const Options& options) {
-    const Probe probe = probeServer(options);
-    std::string reason = probe.finding;
-    if (probe.error == ECONNREFUSED) {
-        reason = "nobody listens there; start the server, or see its ports with `ss -ltn`";
-    } else if (probe.error == EMFILE || probe.error == ENFILE) {
-        reason = "no descriptor is left; allow more with `ulimit -n`, or use fewer";
-    } else if (probe.error != 0) {
-        reason = std::string(std::strerror(probe.error)) +
-                 "; check the address, and whether a firewall is in between";
-    } else if (reason.empty()) {
-        reason =
-            "a second try reached the server: try again, with fewer connections if there were "
-            "hundreds";
-    }
-    Outcome outcome;
-    outcome.disconnected = true;
-    fail(outcome, EXIT_CANNOT_CONNECT,
-         "cannot connect to " + options.ip + " port " + std::to_string(options.port) +
-             (options.tls ? " with TLS" : "") + ": " + reason);
-    return outcome;
-}
-
-void explainFailure(const Options& options, Outcome& outcome) {
-    const Probe probe = probeServer(options);
-    if (!probe.finding.empty()) {
-        fail(outcome, outcome.code, std::string(kindOf(outcome.code)) + ": " + probe.finding);
-    }
 }

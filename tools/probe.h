@@ -5,7 +5,6 @@
 #include <string_view>
 
 #include "options.h"
-#include "request.h"
 
 // What a connection of this program's own finds out about a server. The library tells only that a
 // connection or a request failed; this tells why, as far as it can be seen in a second.
@@ -20,11 +19,5 @@ Probe probeServer(const Options& options);
 
 // What the first bytes that a server sent say of it; nothing when they may be HTTP/2.
 std::string describeFirstBytes(std::string_view bytes, bool tls);
-
-// Why there is no connection.
-Outcome failToConnect(const Options& options);
-// Has the message of a failure say that the server does not speak HTTP/2, when that is so. For a
-// request to which nothing has come.
-void explainFailure(const Options& options, Outcome& outcome);
 
 #endif  // HTTP2CLIENT_TOOLS_PROBE_H

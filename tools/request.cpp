@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "edition.h"
 #include "interrupt.h"
 
 namespace {
@@ -51,7 +52,7 @@ void fail(Outcome& outcome, int code, std::string message) {
     outcome.message = std::move(message);
 }
 
-void failByEnd(Outcome& outcome, Arrived::End end) {
+void failByEnd(Outcome& outcome, Arrived::End end, const std::string& error) {
     if (end == Arrived::TOO_LARGE) {
         return fail(outcome, EXIT_REQUEST_FAILED,
                     "request failed: the body is over the 1 MiB that the blocking call can hold; "
@@ -60,11 +61,30 @@ void failByEnd(Outcome& outcome, Arrived::End end) {
     outcome.disconnected = true;
     if (end == Arrived::CLOSED) {
         return fail(outcome, EXIT_CONNECTION_LOST,
-                    "connection lost before the answer was complete; see the server's log");
+                    "connection lost before the answer was complete" +
+                        (error.empty() ? "" : ": " + error) + "; see the server's log");
     }
     fail(outcome, EXIT_REQUEST_FAILED,
-         "request failed: the server reset it, or what it sends cannot be parsed; -v shows the "
-         "frames");
+         "request failed: " +
+             (error.empty() ? "the server reset it, or what it sends cannot be parsed" : error) +
+             "; -v shows the frames");
+}
+
+Outcome cannotConnect(const Options& options, const std::string& reason) {
+    Outcome outcome;
+    outcome.disconnected = true;
+    fail(outcome, EXIT_CANNOT_CONNECT,
+         "cannot connect to " + options.host + " port " + std::to_string(options.port) +
+             (options.tls ? " with TLS" : "") + ": " + reason);
+    return outcome;
+}
+
+Outcome refusedRequest(Exchange& exchange) {
+    Outcome outcome;
+    fail(outcome, EXIT_USAGE,
+         edition::lastError(exchange) +
+             "; what HTTP/2 forbids, and more than 64 KiB of headers, cannot be sent");
+    return outcome;
 }
 
 void classify(Outcome& outcome, const Options& options) {
@@ -119,7 +139,7 @@ const char* kindOf(int code) {
 Outcome followRequest(const RequestContext& context, int startCode) {
     Outcome outcome;
     if (startCode != 0) {
-        failByEnd(outcome, Arrived::CLOSED);
+        failByEnd(outcome, Arrived::CLOSED, edition::lastError(context.exchange));
         outcome.unsent = true;
         return outcome;
     }
@@ -134,7 +154,7 @@ Outcome followRequest(const RequestContext& context, int startCode) {
             break;
         }
         if (arrived.end != Arrived::NONE) {
-            failByEnd(outcome, arrived.end);
+            failByEnd(outcome, arrived.end, edition::lastError(context.exchange));
             break;
         }
     }

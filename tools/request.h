@@ -19,7 +19,7 @@ public:
     AnswerSink(const AnswerSink&) = delete;
     AnswerSink& operator=(const AnswerSink&) = delete;
 
-    virtual bool writeHead(int status, const HeaderMap& headers) = 0;
+    virtual bool writeHead(int status, const HeaderList& headers) = 0;
     virtual bool writeBody(const std::string& bytes) = 0;
     // For a progress bar: how much has been sent, and its end.
     virtual void showUpload(uint64_t /*sent*/, uint64_t /*size*/) {}
@@ -34,7 +34,7 @@ struct Outcome {
     // The connection has ended; the object of the exchange is of no further use.
     bool disconnected = false;
     std::optional<int> status;
-    HeaderMap headers;
+    HeaderList headers;
     Timing timing;
 
     // Whether a complete answer has come, whatever its status.
@@ -61,7 +61,12 @@ Outcome followRequest(const RequestContext& context, int startCode);
 bool writeArrived(const RequestContext& context, const Arrived& arrived, Outcome& outcome);
 // These fill in code and message.
 void fail(Outcome& outcome, int code, std::string message);
-void failByEnd(Outcome& outcome, Arrived::End end);
+// `error`: why, when the library tells.
+void failByEnd(Outcome& outcome, Arrived::End end, const std::string& error);
+// The outcome when there is no connection. `reason` goes on with what to do.
+Outcome cannotConnect(const Options& options, const std::string& reason);
+// The outcome when the library refuses to send what the user wants.
+Outcome refusedRequest(Exchange& exchange);
 // Tells by its status what a complete answer is.
 void classify(Outcome& outcome, const Options& options);
 // Whether the request is to be given up though nothing has gone wrong with it: Ctrl-C, a body that

@@ -4,13 +4,18 @@
 
 #include "blocking.h"
 #include "call.h"
+#include "edition.h"
 #include "interrupt.h"
 #include "json.h"
 #include "message.h"
-#include "probe.h"
 #include "request.h"
 
 namespace {
+
+// After its time a connect of the standard edition says itself what it was waiting for.
+std::chrono::milliseconds connectSlack() {
+    return std::chrono::milliseconds(edition::kIsStandard ? 1000 : 0);
+}
 
 class SuccessiveRun {
 public:
@@ -40,19 +45,21 @@ private:
 
 void SuccessiveRun::connect() {
     const TimePoint start = Clock::now();
-    m_limit.start();
-    const auto connected = callLibrary([this] { return m_exchange.connect(m_options); },
-                                       [this] { return isInterrupted() || m_limit.isOver(); });
+    TimeLimit limit(m_options.connectLimitMs(), m_options.idleMs);
+    limit.start();
+    const auto connected =
+        callLibrary([this] { return m_exchange.connect(m_options); },
+                    [&limit] { return isInterrupted() || limit.isOver(connectSlack()); });
     m_connectTime = Clock::now() - start;
     if (connected == true) return;
     Outcome outcome;
     if (connected == false) {
-        outcome = failToConnect(m_options);
+        outcome = edition::failToConnect(m_options, edition::lastError(m_exchange));
     } else if (isInterrupted()) {
         fail(outcome, EXIT_INTERRUPTED, "interrupted");
     } else {
         fail(outcome, EXIT_TIMED_OUT,
-             m_limit.text("connection") +
+             limit.text("connection") +
                  "; check the address and the port, or allow more with "
                  "--timeout");
     }
@@ -72,10 +79,13 @@ Outcome SuccessiveRun::request(unsigned int number) {
                                              [&] { return isGivenUp(context, outcome); })) {
         outcome = followRequest(context, *code);
     }
-    if (number == 1) outcome.timing.connect = m_connectTime;
+    if (number == 1) {
+        outcome.timing.connect = m_connectTime;
+        outcome.timing.connectTimes = edition::connectTimes(m_exchange);
+    }
     const bool failed = outcome.code >= EXIT_REQUEST_FAILED && outcome.code <= EXIT_TIMED_OUT;
-    if (failed && number == 1 && !outcome.status) explainFailure(m_options, outcome);
-    if (outcome.code == EXIT_CONNECTION_LOST && number > 1) {
+    if (failed && number == 1 && !outcome.status) edition::explainFailure(m_options, outcome);
+    if (outcome.code == EXIT_CONNECTION_LOST && number > 1 && !edition::kIsStandard) {
         outcome.message = "connection lost after " + std::to_string(number - 1) +
                           (number == 2 ? " answer" : " answers") +
                           "; servers end a connection after some time or some requests: with "
@@ -107,7 +117,10 @@ void SuccessiveRun::leave() {
 
 void SuccessiveRun::run() {
     connect();
-    m_exchange.describe(m_options, m_body);
+    if (!m_exchange.describe(m_options, m_body)) {
+        report(1, refusedRequest(m_exchange));
+        leave();
+    }
     for (unsigned int number = 1; number <= m_options.repeat; ++number) {
         const Outcome outcome = request(number);
         report(number, outcome);

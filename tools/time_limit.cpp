@@ -1,8 +1,8 @@
 #include "time_limit.h"
 
-TimeLimit::TimeLimit(const Options& options)
-    : m_length(std::chrono::milliseconds(options.timeoutMs.value_or(options.idleMs))),
-      m_isTotal(options.timeoutMs.has_value()) {}
+TimeLimit::TimeLimit(std::optional<unsigned int> totalMs, unsigned int idleMs)
+    : m_length(std::chrono::milliseconds(totalMs.value_or(idleMs))),
+      m_isTotal(totalMs.has_value()) {}
 
 void TimeLimit::start() {
     m_progress = 0;

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "options.h"
@@ -14,7 +15,10 @@
 // One thread uses it; another one may call isOver.
 class TimeLimit {
 public:
-    explicit TimeLimit(const Options& options);
+    // Of a request.
+    explicit TimeLimit(const Options& options) : TimeLimit(options.timeoutMs, options.idleMs) {}
+    // `totalMs`: as --timeout, if it is given.
+    TimeLimit(std::optional<unsigned int> totalMs, unsigned int idleMs);
 
     void start();
     void stop() { m_end = TimePoint::max(); }

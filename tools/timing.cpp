@@ -20,7 +20,12 @@ std::string inMilliseconds(Duration duration) {
 
 std::string timingLine(const Timing& timing) {
     std::string line = "timing: ";
-    line += timing.connect ? "connect " + inMilliseconds(*timing.connect) : "connection reused";
+    line += timing.connect && !timing.joined ? "connect " + inMilliseconds(*timing.connect)
+                                             : "connection reused";
+    if (const auto& times = timing.connectTimes) {
+        line += " (name look-up " + inMilliseconds(times->name) + ", TCP " +
+                inMilliseconds(times->tcp) + ", TLS " + inMilliseconds(times->tls) + ")";
+    }
     if (!timing.answer) return line;
     const AnswerTimes& answer = *timing.answer;
     line += ", first byte " + (answer.firstByte ? inMilliseconds(*answer.firstByte) : "never");

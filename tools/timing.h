@@ -19,9 +19,18 @@ struct AnswerTimes {
     uint64_t bytesPerSecond() const;
 };
 
+// What connecting consisted of.
+struct ConnectTimes {
+    Duration name;  // look-up
+    Duration tcp;
+    Duration tls;
+};
+
 struct Timing {
-    std::optional<Duration> connect;    // TLS included; of the connection's first request only
-    std::optional<AnswerTimes> answer;  // nothing when no request was made
+    std::optional<Duration> connect;  // TLS included; of the connection's first request only
+    std::optional<ConnectTimes> connectTimes;  // likewise; when the library tells
+    bool joined = false;                       // `connect` joined a connection that was there
+    std::optional<AnswerTimes> answer;         // nothing when no request was made
 };
 
 double milliseconds(Duration duration);

@@ -275,6 +275,11 @@ bool Client::setOption(HTTP2_TEXT_OPTION option, const char* text) {
     return m_options.set(option, text);
 }
 
+void Client::setTrace(TraceSink sink) {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    m_options.connect.connection.trace = sink;
+}
+
 bool Client::pause(bool on) {
     const std::lock_guard<std::mutex> hold(m_lock);
     if (!busyLocked()) return false;

@@ -43,6 +43,7 @@ public:
 
     bool setOption(HTTP2_OPTION option, int64_t value);
     bool setOption(HTTP2_TEXT_OPTION option, const char* text);
+    void setTrace(TraceSink sink);
     bool pause(bool on);
     int64_t number(HTTP2_NUMBER number);
     const char* text(HTTP2_TEXT text);

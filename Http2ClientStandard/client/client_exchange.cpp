@@ -236,6 +236,7 @@ void ClientExchange::onFailure(Failure failure, const char* reason) {
     {
         const std::lock_guard<std::mutex> hold(m_errorLock);
         m_error = reason;
+        if (!debugData().empty()) m_error.append(" \"").append(debugData()).append("\"");
     }
     HTTP2CLIENT_LOG_INFO("a request has failed: " << reason);
     if (failure == Failure::kLost) {

@@ -86,6 +86,15 @@ int setHttp2TextOption(tiny::HttpClientInterface* client, HTTP2_TEXT_OPTION opti
     return set ? 0 : -1;
 }
 
+void setHttp2Trace(tiny::HttpClientInterface* client, Http2Trace trace, void* opaque) {
+    const h2::TraceSink sink{trace, opaque};
+    if (client != nullptr) return client->ctx()->setTrace(sink);
+    h2::Runtime::get().changeDefaults([&](h2::Options& options) {
+        options.connect.connection.trace = sink;
+        return true;
+    });
+}
+
 int pauseHttp2Response(tiny::HttpClientInterface* client) {
     return client->ctx()->pause(true) ? 0 : -1;
 }

@@ -37,6 +37,7 @@ Connection::Connection(Loop& loop, std::unique_ptr<Transport> transport, Connect
       m_keeper(std::move(keeper)),
       m_events(events),
       m_transport(std::move(transport)),
+      m_trace(options.trace ? std::make_unique<ConnectionTrace>(options.trace) : nullptr),
       m_session(*this, options.session) {}
 
 void Connection::attach() { post(Command::Kind::kWake, nullptr); }
@@ -110,6 +111,7 @@ bool Connection::readOnce(char* buffer) {
     const IoResult result = m_transport->read(buffer, kReadBuffer);
     switch (result.status) {
         case IoStatus::kDone:
+            if (m_trace) m_trace->received({buffer, result.bytes});
             if (m_closeAt == kNever) m_session.receive(buffer, result.bytes, m_now);
             return result.bytes == kReadBuffer;
         case IoStatus::kAgain:
@@ -151,6 +153,7 @@ bool Connection::sendOnce() {
     const IoResult result = m_transport->write({parts, count});
     m_writeFailed = result.status == IoStatus::kFailed;
     m_outputBegun |= result.bytes != 0;
+    if (m_trace) m_trace->sent({parts, count}, result.bytes);
     m_output.consume(result.bytes);
     return result.bytes == size;
 }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Http2ClientStandard/base/ref.h"
@@ -13,6 +14,7 @@
 #include "Http2ClientStandard/loop/loop.h"
 #include "Http2ClientStandard/pool/exchange.h"
 #include "Http2ClientStandard/session/session.h"
+#include "Http2ClientStandard/trace/frame_trace.h"
 #include "Http2ClientStandard/transport/transport.h"
 
 namespace h2 {
@@ -29,6 +31,7 @@ struct ConnectionInfo {
 struct ConnectionOptions {
     SessionOptions session;
     Time idleTimeout = 90'000;  // without a request; 0: never closed
+    TraceSink trace;
 };
 
 // A request that has ended without its whole answer, and what is known of its connection.
@@ -37,6 +40,10 @@ struct AttemptEnd {
     bool answeredBefore = false;  // the connection had answered others
     bool saidGoAway = false;
     bool silent = false;  // it was given up because the server was silent
+    // The GOAWAY, and its debug data made printable; both empty: there was none, or it said
+    // NO_ERROR and nothing else.
+    std::string_view goAway;
+    std::string_view debugData;
 };
 
 // To whom a connection reports. The calls come on the loop's thread; those for a request that is
@@ -134,8 +141,9 @@ private:
     ConnectionEvents& m_events;
     std::atomic<size_t> m_load{0};
 
-    std::mutex m_useLock;                    // guards what follows
-    std::unique_ptr<Transport> m_transport;  // null: closed
+    std::mutex m_useLock;                      // guards what follows
+    std::unique_ptr<Transport> m_transport;    // null: closed
+    std::unique_ptr<ConnectionTrace> m_trace;  // null: nobody wants to see the frames
     Session m_session;
     Output m_output;             // produced by the session and not yet taken by the transport
     bool m_outputBegun = false;  // the transport has taken a part of what was produced last
@@ -146,6 +154,8 @@ private:
     bool m_retired = false;         // onRetired() has been called
     bool m_answeredBefore = false;  // has answered requests, before a GOAWAY if there is one
     bool m_saidGoAway = false;
+    std::string m_goAway;  // this and the next: as in AttemptEnd
+    std::string m_debugData;
     bool m_silent = false;
     bool m_broken = false;   // by a lack of memory
     bool m_resting = false;  // memory of a busy connection has been given back

@@ -28,6 +28,7 @@ void Exchange::pause(bool on) {
 void Exchange::forgetAttempts() {
     m_attempts = 0;
     m_repeated = false;
+    m_debugData.clear();
     m_paused.store(false);
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string>
 
 #include "Http2ClientStandard/base/ref.h"
 #include "Http2ClientStandard/hpack/encoder.h"
@@ -66,6 +67,9 @@ public:
 protected:
     // Before the exchange is used for another request.
     void forgetAttempts();
+    // What a GOAWAY before the failure said, printable. For the application, and never for the log:
+    // it may be worth protecting (RFC 9113, 6.8).
+    const std::string& debugData() const { return m_debugData; }
 
 private:
     friend class Connection;
@@ -85,6 +89,7 @@ private:
     // Of the server, between two attempts.
     unsigned m_attempts = 0;  // that count
     bool m_repeated = false;  // once, after its connection was lost
+    std::string m_debugData;  // of the last attempt
 };
 
 }  // namespace h2

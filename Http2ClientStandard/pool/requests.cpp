@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Http2Client/log.h"
+#include "Http2ClientStandard/frames/names.h"
 #include "Http2ClientStandard/pool/connection.h"
 
 namespace h2 {
@@ -136,7 +137,10 @@ void Connection::submit(const Ref<Exchange>& exchange) {
     }
     stopTaking();
     release(*exchange);
-    endAttempt(exchange, {Outcome::kNotProcessed, 0, "the connection takes no requests", false});
+    const SessionError* error = m_session.error();
+    endAttempt(exchange,
+               {Outcome::kNotProcessed, 0,
+                error != nullptr ? error->reason : "the connection takes no requests", false});
 }
 
 void Connection::applyPause(const Exchange& exchange) {
@@ -165,7 +169,8 @@ Ref<Exchange> Connection::release(Exchange& exchange) {
 }
 
 void Connection::endAttempt(const Ref<Exchange>& exchange, StreamEnd end) {
-    m_events.onAttemptEnd(exchange, {end, m_answeredBefore, m_saidGoAway, m_silent});
+    m_events.onAttemptEnd(exchange,
+                          {end, m_answeredBefore, m_saidGoAway, m_silent, m_goAway, m_debugData});
 }
 
 void Connection::onHeaders(uint32_t /*stream*/, void* user, uint32_t status,
@@ -197,9 +202,12 @@ void Connection::onEnd(uint32_t stream, void* user, const StreamEnd& end) {
 }
 
 void Connection::onGoAway(const GoAway& goAway) {
-    HTTP2CLIENT_LOG_INFO(m_info->peer << " says GOAWAY: error " << goAway.code << ", last stream "
+    std::string said = "GOAWAY with " + errorName(goAway.code);
+    HTTP2CLIENT_LOG_INFO(m_info->peer << " says " << said << ", last stream "
                                       << goAway.lastStreamId);
     m_saidGoAway = true;
+    m_debugData = printable(goAway.debugData, 200);
+    if (goAway.code != 0 || !m_debugData.empty()) m_goAway = std::move(said);
     stopTaking();
 }
 

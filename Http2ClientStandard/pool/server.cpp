@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "Http2Client/log.h"
+#include "Http2ClientStandard/frames/names.h"
 #include "Http2ClientStandard/pool/pause.h"
 
 namespace h2 {
@@ -15,6 +16,16 @@ namespace {
 constexpr unsigned kMaxRepeats = 3;
 constexpr Time kFirstPause = 10;  // milliseconds; doubled at each further one
 constexpr Time kMaxPause = 1000;
+
+// What an attempt ended with, for people and the log.
+std::string describe(const AttemptEnd& end) {
+    std::string text = end.stream.reason;
+    const bool isReset =
+        end.stream.outcome == Outcome::kReset || end.stream.outcome == Outcome::kRefused;
+    if (isReset) text += " with " + errorName(end.stream.code);
+    if (!end.goAway.empty()) text.append(", after ").append(end.goAway);
+    return text;
+}
 
 }  // namespace
 
@@ -247,9 +258,9 @@ void Server::onRetired(Connection& connection) {
 void Server::onAttemptEnd(const Ref<Exchange>& exchange, const AttemptEnd& end) {
     if (exchange->cancelled()) return;
     const Outcome outcome = end.stream.outcome;
+    const std::string reason = describe(end);
     if (mayRepeat(*exchange, end) && exchange->rewind()) {
-        HTTP2CLIENT_LOG_INFO("sends a request to " << m_key.host
-                                                   << " again: " << end.stream.reason);
+        HTTP2CLIENT_LOG_INFO("sends a request to " << m_key.host << " again: " << reason);
         if (outcome == Outcome::kRefused) {
             const Time pause = std::min(kFirstPause << (exchange->m_attempts - 1), kMaxPause);
             Pause::begin(*m_threads.next(), pause,
@@ -269,7 +280,8 @@ void Server::onAttemptEnd(const Ref<Exchange>& exchange, const AttemptEnd& end) 
         case Outcome::kComplete:
         case Outcome::kConnectionLost: break;
     }
-    fail(*exchange, failure, end.stream.reason);
+    exchange->m_debugData = end.debugData;
+    fail(*exchange, failure, reason.c_str());
 }
 
 // Counts the attempt, if it counts.

@@ -9,10 +9,22 @@
 namespace h2test {
 namespace {
 
+using Words = std::set<std::string>;
+
+// The words that choose an edition.
+const std::vector<std::vector<std::string>> kEditions = {{}, {"--standard"}};
+
+// `words` behind those of the edition.
+std::vector<std::string> with(std::vector<std::string> edition,
+                              const std::vector<std::string>& words) {
+    edition.insert(edition.end(), words.begin(), words.end());
+    return edition;
+}
+
 // All options that --help names, in both forms where there are two.
-std::set<std::string> optionsOfHelp() {
-    std::set<std::string> options;
-    for (const std::string& line : linesOf(runTool({"--help"}).output)) {
+Words optionsOfHelp(const std::vector<std::string>& edition = {}) {
+    Words options;
+    for (const std::string& line : linesOf(runTool(with(edition, {"--help"})).output)) {
         if (!line.starts_with("  -")) continue;
         std::istringstream words(line.substr(0, line.find("  ", 2)));
         for (std::string word; words >> word;) {
@@ -41,26 +53,30 @@ std::set<std::string> completionsOf(const std::vector<std::string>& words) {
     return {lines.begin(), lines.end()};
 }
 
-using Words = std::set<std::string>;
-
 TEST(H2requestCompletion, KnowsEveryOptionAndNoOther) {
-    const std::set<std::string> options = optionsOfHelp();
-    EXPECT_EQ(options.size(), 21u);
-    EXPECT_EQ(completionsOf({"-"}), options);
+    EXPECT_EQ(optionsOfHelp().size(), 22u);
+    EXPECT_EQ(optionsOfHelp({"--standard"}).size(), 29u);
+    for (const auto& edition : kEditions) {
+        EXPECT_EQ(completionsOf(with(edition, {"-"})), optionsOfHelp(edition));
+    }
 }
 
 TEST(H2requestCompletion, CompletesEveryOptionFromItsStart) {
-    for (const std::string& option : optionsOfHelp()) {
-        EXPECT_EQ(completionsOf({option}).count(option), 1u) << option;
-        EXPECT_EQ(completionsOf({"--tls", option.substr(0, option.size() - 1)}).count(option), 1u)
-            << option;
+    for (const auto& edition : kEditions) {
+        for (const std::string& option : optionsOfHelp(edition)) {
+            const std::string start = option.substr(0, option.size() - 1);
+            EXPECT_EQ(completionsOf(with(edition, {option})).count(option), 1u) << option;
+            EXPECT_EQ(completionsOf(with(edition, {"--tls", start})).count(option), 1u) << option;
+        }
+        EXPECT_EQ(completionsOf(with(edition, {"--t"})), (Words{"--tls", "--timeout", "--timing"}));
     }
-    EXPECT_EQ(completionsOf({"--t"}), (Words{"--tls", "--timeout", "--timing"}));
+    EXPECT_EQ(completionsOf({"--s"}), Words{"--standard"});
 }
 
 TEST(H2requestCompletion, KnowsTheMethods) {
     EXPECT_EQ(completionsOf({"-X", ""}), (Words{"GET", "POST", "DELETE"}));
     EXPECT_EQ(completionsOf({"-X", "P"}), (Words{"POST"}));
+    EXPECT_EQ(completionsOf({"--standard", "-X", "P"}), (Words{"POST", "PUT", "PATCH"}));
 }
 
 TEST(H2requestCompletion, KnowsFilesWhereTheyBelong) {
@@ -70,7 +86,11 @@ TEST(H2requestCompletion, KnowsFilesWhereTheyBelong) {
     EXPECT_EQ(completionsOf({"-o", start}), (Words{file}));
     EXPECT_EQ(completionsOf({"--data-file", start}), (Words{file}));
     EXPECT_EQ(completionsOf({"--data-file", "=", start}), (Words{file}));
-    for (const char* option : {"-H", "--volatile-header", "-d", "--timeout", "--max-body"}) {
+    for (const char* option : {"-T", "--cacert", "--cert", "--key", "-o"}) {
+        EXPECT_EQ(completionsOf({"--standard", option, start}), (Words{file})) << option;
+    }
+    for (const char* option : {"-H", "--volatile-header", "-d", "--timeout", "--max-body",
+                               "--max-time", "--connect-timeout", "--max-streams"}) {
         EXPECT_EQ(completionsOf({option, start}), Words()) << option;
         EXPECT_EQ(completionsOf({option, "-"}), Words()) << option;
     }
@@ -86,31 +106,50 @@ Ended man(const std::vector<std::string>& arguments) {
 }
 
 TEST(H2requestManPage, IsSoundAndHasAllSections) {
-    const Ended ended = man({"--warnings", "-l", H2REQUEST_MAN_PAGE});
+    const Ended ended = man({"--warnings", "-l", H2REQUEST_MAN_PAGES "/h2request.1"});
     EXPECT_EQ(ended.code, 0);
     EXPECT_EQ(ended.errors, "");
     EXPECT_TRUE(ended.output.starts_with("H2REQUEST(1)")) << ended.output;
     for (const char* section :
          {"NAME\n       h2request - make HTTP/2 requests and print the answers\n",
           "SYNOPSIS\n       h2request [options] IP PORT PATH | http[s]://IP[:PORT][/PATH]\n",
-          "DESCRIPTION", "   Request:", "   Output:", "   Exit codes:", "PARALLEL REQUESTS",
-          "TIME-OUTS", "TIMING", "JSON", "NOTES", "ENVIRONMENT", "EXAMPLES"}) {
+          "DESCRIPTION", "   Request:", "   Output:", "   Exit codes:", "THE STANDARD EDITION",
+          "PARALLEL REQUESTS", "TIME-OUTS", "TIMING", "JSON", "NOTES", "ENVIRONMENT", "EXAMPLES"}) {
+        EXPECT_TRUE(contains(ended.output, std::string("\n") + section)) << section;
+    }
+}
+
+TEST(H2requestManPage, OfTheStandardEditionIsSoundAndHasAllSections) {
+    const Ended ended = man({"--warnings", "-l", H2REQUEST_MAN_PAGES "/h2request-standard.1"});
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_EQ(ended.errors, "");
+    EXPECT_TRUE(ended.output.starts_with("H2REQUEST-STANDARD(1)")) << ended.output;
+    for (const char* section :
+         {"NAME\n       h2request-standard - h2request with the standard edition of the library\n",
+          "SYNOPSIS\n       h2request --standard [options] http[s]://HOST[:PORT][/PATH]\n",
+          "DESCRIPTION", "   Request:", "   Output:", "THE OTHER EDITION", "SERVERS", "REQUESTS",
+          "CONNECTIONS", "TIME-OUTS", "MESSAGES", "TIMING", "EXAMPLES", "SEE ALSO"}) {
         EXPECT_TRUE(contains(ended.output, std::string("\n") + section)) << section;
     }
 }
 
 TEST(H2requestManPage, HasEveryLineOfTheHelp) {
-    const std::string page = man({"-l", H2REQUEST_MAN_PAGE}).output;
-    for (const std::string& option : optionsOfHelp()) {
-        const std::string shown = option == "--help"   ? "-h, --help"
-                                  : option == "--data" ? "-d, --data"
-                                                       : option;
-        EXPECT_TRUE(contains(page, "\n       " + shown)) << option;
+    for (const auto& edition : kEditions) {
+        const char* file = edition.empty() ? H2REQUEST_MAN_PAGES "/h2request.1"
+                                           : H2REQUEST_MAN_PAGES "/h2request-standard.1";
+        const std::string page = man({"-l", file}).output;
+        for (const std::string& option : optionsOfHelp(edition)) {
+            const std::string shown = option == "--help"   ? "-h, --help"
+                                      : option == "--data" ? "-d, --data"
+                                                           : option;
+            EXPECT_TRUE(contains(page, "\n       " + shown)) << option;
+        }
+        EXPECT_TRUE(contains(page, "Http2Client " H2REQUEST_VERSION));
     }
+    const std::string page = man({"-l", H2REQUEST_MAN_PAGES "/h2request.1"}).output;
     for (const char* code : {"0", "22", "2", "3", "4", "5", "6", "130"}) {
         EXPECT_TRUE(contains(page, std::string("\n       ") + code + " ")) << code;
     }
-    EXPECT_TRUE(contains(page, "Http2Client " H2REQUEST_VERSION));
 }
 
 }  // namespace

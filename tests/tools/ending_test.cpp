@@ -329,7 +329,7 @@ TEST(H2requestEnding, GivesUpWithoutProgress) {
     connected = &server;
     Options options;
     EXPECT_EQ(options.idleMs, 60000u);
-    options.ip = ScriptedServer::ip();
+    options.host = ScriptedServer::ip();
     options.port = server.port();
     options.path = "/";
     options.idleMs = 4000;

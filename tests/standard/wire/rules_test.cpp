@@ -68,9 +68,20 @@ TEST_F(Leaving, LogsNoDebugDataOfTheServer) {
         ASSERT_TRUE(server.wire().waitClosedByPeer(0));
         EXPECT_THAT(getHttp2Text(&client, HTTP2_ERROR), testing::Not(testing::HasSubstr("secret")));
     }
+    {
+        Http2Server server(
+            [](const Request&) { return goaway(0, kProtocolErrorCode, "a secret"); });
+        RecordingClient client;
+        prepareGet(client, server);
+        ASSERT_EQ(client.startRequest(nullptr), 0);
+        ASSERT_TRUE(client.waitFailed());
+        // The application may know, as what it logs is its own affair.
+        EXPECT_THAT(getHttp2Text(&client, HTTP2_ERROR), testing::HasSubstr("\"a secret\""));
+    }
     CLogWrapper::SetLevel(level);
     const std::string text = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(text, testing::HasSubstr("says GOAWAY"));
+    EXPECT_THAT(text, testing::HasSubstr("says GOAWAY with NO_ERROR"));
+    EXPECT_THAT(text, testing::HasSubstr("a request has failed: "));
     EXPECT_THAT(text, testing::Not(testing::HasSubstr("secret")));
 }
 
