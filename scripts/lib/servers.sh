@@ -34,11 +34,14 @@ listeners() {
         '$4 == "0A" && $2 ~ port "$" && $2 ~ /^(0100007F|00000000):/ { print $10 }' /proc/net/tcp
 }
 
-# Whether it is this process that listens on the port.
+# Whether it is this process, or a child of it, that listens on the port.
 listens() {
-    local inode
+    local inode folders=("/proc/$1/fd") child
+    for child in $(cat "/proc/$1/task/$1/children" 2>/dev/null); do
+        folders+=("/proc/$child/fd")
+    done
     for inode in $(listeners "$2"); do
-        if find "/proc/$1/fd" -lname "socket:\[$inode\]" 2>/dev/null | grep -q .; then return 0; fi
+        if find "${folders[@]}" -lname "socket:\[$inode\]" 2>/dev/null | grep -q .; then return 0; fi
     done
     return 1
 }

@@ -1,28 +1,30 @@
 # shellcheck shell=bash
-# The checks of scripts/interop. Each takes a server's name and leaves its outcome in a file of
-# $WORK/results: "ok", "ok" with what happened besides, or what went wrong, with how the server said
-# so in brackets. Sourced after servers.sh, with the variables that scripts/interop sets.
+# The checks of scripts/interop, as far as both editions have them; standard_checks.sh has the
+# others. Each takes a server's name and leaves its outcome in SERVER.CHECK.result of $OUT, the
+# edition's directory: "ok", "ok" with what happened besides, or what went wrong, with how the server
+# said so in brackets. Sourced after servers.sh, with the variables that scripts/interop sets.
 #
 # shellcheck disable=SC2153,SC2154
 
-record() { printf '%s\n' "$3" >"$WORK/results/$1.$2"; }
-result() { cat -- "$WORK/results/$1.$2" 2>/dev/null || printf -- '-\n'; }
+record() { printf '%s\n' "$3" >"$OUT/$1.$2.result"; }
+result() { cat -- "$OUT/$1.$2.result" 2>/dev/null || printf -- '-\n'; }
 
 # ---- seeing frames
 
 RECORDERS=()
 
 # start_recorder SERVER OPTION... -- NAME... : puts recorders before the server; the frames go to
-# $WORK/SERVER.NAME.frames.
+# SERVER.NAME.frames of $OUT.
 start_recorder() {
     local server=$1 options=() logs=() log end=$((SECONDS + 20))
     shift
-    if [ -n "$(tls_option "$server")" ]; then options=(--tls "$WORK/both.pem"); fi
+    if [[ $server == *-tls ]]; then options=(--tls "$WORK/both.pem"); fi
+    if [[ $server == *-tls && $edition == standard ]]; then options+=(--alpn); fi
     while [ "$1" != -- ]; do
         options+=("$1")
         shift
     done
-    for log in "${@:2}"; do logs+=("$WORK/$server.$log.frames"); done
+    for log in "${@:2}"; do logs+=("$OUT/$server.$log.frames"); done
     rm -f -- "${logs[@]}"
     start_server "$WORK/$server.recorder" python3 tests/interop/recorder.py "${options[@]}" \
         "${PORT[$server]}" "${logs[@]}"
@@ -45,7 +47,7 @@ stop_recorders() {
     RECORDERS=()
 }
 
-recorded_port() { sed -n 's/^port //p' "$WORK/$1.$2.frames"; }
+recorded_port() { sed -n 's/^port //p' "$OUT/$1.$2.frames"; }
 
 # The first word of the server that speaks of an end.
 first_bad_word() {
@@ -115,7 +117,7 @@ check_exchange() {
         start_recorder "$server" -- "$check"
         again=$(exchange "$server" "$(recorded_port "$server" "$check")" "${@:3}")
         if [ "$again" = "$seen" ]; then
-            seen+=" ($(first_bad_word "$WORK/$server.$check.frames"))"
+            seen+=" ($(first_bad_word "$OUT/$server.$check.frames"))"
         else
             seen+=" (then: $again)"
         fi
@@ -162,12 +164,16 @@ check_exchanges() {
 # ---- by the driver
 
 DRIVERS=()
+DRIVER_OPTIONS=()
 
-# start_driver SERVER CHECK PORT PATH COMMAND... : it writes $WORK/SERVER.CHECK, and ends with the
+# start_driver SERVER CHECK PORT PATH COMMAND... : it writes SERVER.CHECK of $OUT, and ends with the
 # servers when it has not ended by itself.
 start_driver() {
+    local options=("${DRIVER_OPTIONS[@]}")
+    if [ "$edition" = standard ]; then options+=(--timeout "$TIMEOUT_MS"); fi
+    rm -f -- "$OUT/$1.$2"
     # shellcheck disable=SC2046 # no option, or one word
-    start_server "$WORK/$1.$2" "$DRIVER" $(tls_option "$1") 127.0.0.1 "${@:3}"
+    start_server "$OUT/$1.$2" "$DRIVER" $(tls_option "$1") "${options[@]}" 127.0.0.1 "${@:3}"
     DRIVERS+=("$SERVER_PID")
 }
 
@@ -183,12 +189,19 @@ wait_for_drivers() {
     DRIVERS=()
 }
 
+# The driver's words about the check.
+said() {
+    local words
+    words=$(sed -n 's/^result: //p' "$OUT/$1.$2" | tail -n 1)
+    printf '%s' "${words:-the driver said nothing}"
+}
+
 # Records what the driver has said, and how the server ended connections.
 record_driver() {
-    local said frames=$WORK/$1.$2.frames
-    said=$(sed -n 's/^result: //p' "$WORK/$1.$2" | tail -n 1)
-    if [ -f "$frames" ]; then said+=$(ends "$frames"); fi
-    record "$1" "$2" "${said:-the driver said nothing}"
+    local frames=$OUT/$1.$2.frames words
+    words=$(said "$1" "$2")
+    if [ -f "$frames" ]; then words+=$(ends "$frames"); fi
+    record "$1" "$2" "$words"
 }
 
 check_many() {
@@ -230,14 +243,20 @@ check_burst() {
     for server in "$@"; do record_driver "$server" burst; done
 }
 
-# Kills the server in the middle of a body and starts it again; the driver tries to connect again.
-check_killed() {
-    local server=$1 end=$((SECONDS + 20))
-    start_driver "$server" killed "${PORT[$server]}" /huge.bin killed /small.txt
-    until grep -qsx started "$WORK/$server.killed"; do
+# Waits until the driver of the check has said "started", or has ended.
+await_started() {
+    local end=$((SECONDS + 20))
+    until grep -qsx started "$OUT/$1.$2"; do
         if ! kill -0 "$SERVER_PID" 2>/dev/null || [ "$SECONDS" -gt "$end" ]; then break; fi
         sleep 0.05
     done
+}
+
+# Kills the server in the middle of a body and starts it again; the driver tries to connect again.
+check_killed() {
+    local server=$1
+    start_driver "$server" killed "${PORT[$server]}" /huge.bin killed /small.txt
+    await_started "$server" killed
     kill_server "$server"
     start_process "$(process_of "$server")" || true # the driver says that it is not back
     wait_for_drivers

@@ -1,25 +1,28 @@
 #!/usr/bin/env python3
 """Passes connections on to an HTTP/2 server on 127.0.0.1 and writes down every frame of them.
 
-Usage: recorder.py [--tls CERTIFICATE_AND_KEY] [--at-once] SERVER_PORT LOG...
+Usage: recorder.py [--tls CERTIFICATE_AND_KEY [--alpn]] [--at-once] SERVER_PORT LOG...
 
 Each LOG is that of a port of its own, which is the log's first line. Over TLS, the recorder is a
-server to the client and a client to the server, without ALPN on either side. With --at-once, the
-client's packets are acknowledged as soon as they have come. A log:
+server to the client and a client to the server, with ALPN on both sides or on neither. With
+--at-once, the client's packets are acknowledged as soon as they have come. A log:
 
   port 34567
   3 0.012 > HEADERS stream 1, length 31, END_STREAM END_HEADERS
+  3 0.013 < HEADERS stream 1, :status 200, length 60, END_HEADERS
   3 10.002 < GOAWAY last stream 425, SETTINGS_TIMEOUT
   3 10.002 < closes
-  end: GOAWAY SETTINGS_TIMEOUT; 213 requests; 10 s
+  end: GOAWAY SETTINGS_TIMEOUT; 213 requests; 10 s; 1 unanswered
 
 (connection, seconds since its beginning, direction). The line "end:" comes once for a connection,
-when it was the server that ended it: how, and after how many requests and seconds.
+when it was the server that ended it: how, after how many requests and seconds, and how many requests
+had no whole answer, although no GOAWAY had said that they would not be processed.
 """
 import argparse
 import asyncio
 import contextlib
 import itertools
+import re
 import socket
 import ssl
 import struct
@@ -40,6 +43,13 @@ PREFACE = b'PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n'
 HEAD = 9  # octets before a frame's payload
 CHUNK = 65536
 
+SIZE_UPDATES = re.compile(rb'^([\x20-\x3e]|\x3f[\x80-\xff]*[\x00-\x7f])*')  # RFC 7541, 6.3
+# The static table's entries for :status (RFC 7541, Appendix A), and the digits in Huffman's code
+# (Appendix B).
+STATUSES = {8: '200', 9: '204', 10: '206', 11: '304', 12: '400', 13: '404', 14: '500'}
+DIGITS = {'00000': '0', '00001': '1', '00010': '2', '011001': '3', '011010': '4', '011011': '5',
+          '011100': '6', '011101': '7', '011110': '8', '011111': '9'}
+
 
 def number(payload, at):
     return struct.unpack_from('>I', payload.ljust(at + 4, b'\0'), at)[0]
@@ -47,6 +57,37 @@ def number(payload, at):
 
 def error(code):
     return ERRORS[code] if code < len(ERRORS) else hex(code)
+
+
+def digits(code):
+    """Three digits in Huffman's code."""
+    bits = ''.join(f'{octet:08b}' for octet in code)
+    text = ''
+    at = 0
+    while len(text) < 3:
+        word = next((bits[at:at + n] for n in (5, 6) if bits[at:at + n] in DIGITS), None)
+        if word is None:
+            return '?'
+        text += DIGITS[word]
+        at += len(word)
+    return text
+
+
+def status(block):
+    """The status that a header block begins with; '' if there is none, or one that only the
+    connection's table has."""
+    block = SIZE_UPDATES.sub(b'', block)
+    if not block:
+        return ''
+    first = block[0]
+    if first & 0x80:
+        return STATUSES.get(first & 0x7f, '')
+    index = first & 0x3f if first & 0x40 else first & 0x0f
+    if index not in STATUSES or len(block) < 2:
+        return ''
+    length = block[1]
+    value = block[2:2 + (length & 0x7f)]
+    return digits(value) if length & 0x80 else value.decode('ascii', 'replace')
 
 
 def describe(kind, flags, stream, payload):
@@ -65,7 +106,12 @@ def describe(kind, flags, stream, payload):
             key, value = struct.unpack_from('>HI', payload, at)
             words.append(f'{SETTINGS.get(key, hex(key))}={value}')
         return ' '.join([name, *words])
-    return f'{name} stream {stream}, length {len(payload)}, ' + (' '.join(words) or 'no flags')
+    told = ''
+    if name == 'HEADERS' and not flags & 8:
+        code = status(payload[5:] if flags & 32 else payload)
+        told = f':status {code}, ' if code else ''
+    return f'{name} stream {stream}, {told}length {len(payload)}, ' + (
+        ' '.join(words) or 'no flags')
 
 
 class Connection:
@@ -76,6 +122,8 @@ class Connection:
         self.log = log
         self.begun = time.monotonic()
         self.requests = 0
+        self.unanswered = set()  # streams
+        self.last_processed = 2**31 - 1  # says GOAWAY
         self.last_word = None  # how the server announced the end
         self.over = False
 
@@ -89,9 +137,15 @@ class Connection:
         self.note(direction, describe(kind, flags, stream, payload))
         name = TYPES[kind] if kind < len(TYPES) else ''
         if direction == '>':
-            self.requests += name == 'HEADERS'
-        elif name == 'GOAWAY' and self.last_word in (None, 'GOAWAY NO_ERROR'):
-            self.last_word = f'GOAWAY {error(number(payload, 4))}'
+            if name == 'HEADERS':
+                self.requests += 1
+                self.unanswered.add(stream)
+        elif name == 'RST_STREAM' or name in ('HEADERS', 'DATA') and flags & 1:
+            self.unanswered.discard(stream)
+        elif name == 'GOAWAY':
+            self.last_processed = min(self.last_processed, number(payload, 0))
+            if self.last_word in (None, 'GOAWAY NO_ERROR'):
+                self.last_word = f'GOAWAY {error(number(payload, 4))}'
 
     def frames(self, direction, held):
         """Notes the whole frames in `held`; returns what follows them."""
@@ -117,8 +171,9 @@ class Connection:
     def ended(self, direction, how):
         self.note(direction, how)
         if not self.over and (self.last_word or direction == '<'):
+            unanswered = sum(stream <= self.last_processed for stream in self.unanswered)
             self.log.write(f'end: {self.last_word or how}; {self.requests} requests; '
-                           f'{self.age():.0f} s\n')
+                           f'{self.age():.0f} s; {unanswered} unanswered\n')
         self.over = True
 
     async def copy(self, direction, source, sink, received):
@@ -191,24 +246,28 @@ class Recorder:
         to_server.close()
 
 
-def tls_contexts(certificate):
-    """A server's, and a client's that trusts everybody; neither knows of ALPN."""
+def tls_contexts(certificate, alpn):
+    """A server's, and a client's that trusts everybody; both know of ALPN, or neither."""
     to_client = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     to_client.load_cert_chain(certificate)
     to_server = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     to_server.check_hostname = False
     to_server.verify_mode = ssl.CERT_NONE
+    if alpn:
+        to_client.set_alpn_protocols(['h2'])
+        to_server.set_alpn_protocols(['h2'])
     return to_client, to_server
 
 
 async def main():
     parser = argparse.ArgumentParser()
     parser.add_argument('--tls')
+    parser.add_argument('--alpn', action='store_true')
     parser.add_argument('--at-once', action='store_true')
     parser.add_argument('server_port', type=int)
     parser.add_argument('logs', nargs='+')
     options = parser.parse_args()
-    contexts = tls_contexts(options.tls) if options.tls else (None, None)
+    contexts = tls_contexts(options.tls, options.alpn) if options.tls else (None, None)
     listeners = []
     for path in options.logs:
         log = open(path, 'w', buffering=1, encoding='ascii', errors='backslashreplace')

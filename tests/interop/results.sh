@@ -1,6 +1,7 @@
 # shellcheck shell=bash
 # What scripts/interop makes of the outcomes: a table with numbered remarks, and the comparison with
-# tests/interop/expected.txt. Sourced after checks.sh, with the variables that scripts/interop sets.
+# the files of expected outcomes. Sourced after checks.sh, with the variables that scripts/interop
+# sets.
 #
 # shellcheck disable=SC2154
 
@@ -9,6 +10,10 @@
 kind_of() {
     local got
     got=$(result "$1" "$2")
+    if [ "$edition" = standard ]; then
+        printf '%s' "$got" | sed -E 's/stream [0-9]+/stream/g; s/length [0-9]+/length/g'
+        return
+    fi
     printf '%s: %s' "$2" "$got" | sed 's/ after [^;]*//g'
     if [[ $got == *NO_ERROR* ]]; then printf ' of %s' "$(process_of "$1")"; fi
 }
@@ -20,7 +25,7 @@ remark_on() {
     if [[ $got == *"; ended by "* ]]; then
         for server in "${servers[@]}"; do
             if [ "$(kind_of "$server" "$2")" = "$(kind_of "$1" "$2")" ]; then
-                logs+=("$WORK/$server.$2.frames")
+                logs+=("$OUT/$server.$2.frames")
             fi
         done
         got=${got%%; ended by *}$(ends "${logs[@]}")
@@ -28,36 +33,76 @@ remark_on() {
     printf '%s' "${got#ok; }"
 }
 
-# The table, with a number for what is not just "ok"; then the remarks that the numbers stand for.
-print_table() {
-    local server check got kind mark
-    local -A number=()
-    local remarks=()
-    printf '| |'
-    printf ' %s |' "${CHECKS[@]}"
-    printf '\n|---|'
-    printf -- '---|%.0s' "${CHECKS[@]}"
-    printf '\n'
-    for server in "${servers[@]}"; do
-        printf '| %s |' "$server"
-        for check in "${CHECKS[@]}"; do
-            got=$(result "$server" "$check")
-            mark=$got
-            if [ "$got" != ok ] && [ "$got" != - ]; then
-                kind=$(kind_of "$server" "$check")
-                if [ -z "${number[$kind]:-}" ]; then
-                    remarks+=("$(remark_on "$server" "$check")")
-                    number[$kind]=${#remarks[@]}
-                fi
-                mark="**no** (${number[$kind]})"
-                if [[ $got == ok* ]]; then mark="ok (${number[$kind]})"; fi
-            fi
-            printf ' %s |' "$mark"
+# set_mark SERVER CHECK: puts into `mark` what the table says: "ok", "-", or one of "ok", "no" and, for
+# a bad outcome of the standard edition that is the server's doing, "n/a", with a remark's number.
+declare -A number=() # of a remark, by edition and kind of outcome
+remarks=()
+set_mark() {
+    local got kind word='**no**'
+    got=$(result "$1" "$2")
+    mark=$got
+    if [ "$got" = ok ] || [ "$got" = - ]; then return; fi
+    kind="$edition $(kind_of "$1" "$2")"
+    if [ -z "${number[$kind]:-}" ]; then
+        remarks+=("$(remark_on "$1" "$2")")
+        number[$kind]=${#remarks[@]}
+    fi
+    if [[ $got == ok* ]]; then
+        word=ok
+    elif [ "$edition" = standard ] && is_expected "$1" "$2"; then
+        word=n/a
+    fi
+    mark="$word (${number[$kind]})"
+}
+
+# print_row CHECK: the edition's outcomes; one a server where all its ports agree, else one a port.
+print_row() {
+    local family name mark marks distinct nothing
+    printf '| %s | %s |' "$1" "$edition"
+    for family in "${families[@]}"; do
+        marks=()
+        nothing=
+        if [[ " ${missing[*]} " == *" $family "* ]]; then nothing="not measured"; fi
+        for name in "${servers[@]}"; do
+            if [ "${name%%-*}" != "$family" ]; then continue; fi
+            set_mark "$name" "$1"
+            marks+=("$mark")
         done
-        printf '\n'
+        mapfile -t distinct < <(printf '%s\n' "${marks[@]}" | sort -u)
+        if [ "${#distinct[@]}" -eq 1 ]; then marks=("${distinct[0]:-$nothing}"); fi
+        printf ' %s |' "$(printf '%s, ' "${marks[@]}" | sed 's/, $//')"
     done
     printf '\n'
-    for mark in "${!remarks[@]}"; do printf '%s. %s\n' "$((mark + 1))" "${remarks[$mark]}"; done
+}
+
+# A line for each check and edition; then the remarks that the numbers stand for.
+print_table() {
+    local check families index
+    number=()
+    remarks=()
+    mapfile -t families < <(printf '%s\n' "${wanted[@]%%-*}" "${missing[@]}" | awk '!seen[$0]++')
+    printf '| check | edition |'
+    printf ' %s |' "${families[@]}"
+    printf '\n|---|---|'
+    printf -- '---|%.0s' "${families[@]}"
+    printf '\n'
+    while IFS= read -r check; do
+        for edition in "${editions[@]}"; do
+            use_edition "$edition"
+            if [[ " ${CHECKS[*]} " == *" $check "* ]]; then print_row "$check"; fi
+        done
+    done < <(all_checks)
+    printf '\n'
+    for index in "${!remarks[@]}"; do printf '%s. %s\n' "$((index + 1))" "${remarks[$index]}"; done
+}
+
+# The editions' checks, the standard edition's first.
+all_checks() {
+    if [[ ${editions[*]} == exact ]]; then
+        printf '%s\n' "${EXACT_CHECKS[@]}"
+    else
+        printf '%s\n' "${STANDARD_CHECKS[@]}" "${EXACT_CHECKS[@]}" | awk '!seen[$0]++'
+    fi
 }
 
 # Prints the regular expression for an outcome: the file's, else "ok", else, at a server that does
@@ -72,18 +117,23 @@ expected() {
             if (found == 2) exit
         }
         END { print get !~ /^ok/ && check != "GET" ? "-" : found ? want : "ok" }
-    ' tests/interop/expected.txt
+    ' "$EXPECTED"
 }
 
-# Prints the outcomes that differ from the expected.
+is_expected() {
+    local want
+    want=$(expected "$1" "$2")
+    [[ $(result "$1" "$2") =~ ^($want)$ ]]
+}
+
+# Prints the edition's outcomes that differ from the expected.
 differences() {
-    local server check got want
+    local server check
     for server in "${servers[@]}"; do
         for check in "${CHECKS[@]}"; do
-            got=$(result "$server" "$check")
-            want=$(expected "$server" "$check")
-            [[ $got =~ ^($want)$ ]] ||
-                printf '%s, %s: expected "%s", got "%s"\n' "$server" "$check" "$want" "$got"
+            is_expected "$server" "$check" || printf '%s edition, %s, %s: expected "%s", got "%s"\n' \
+                "$edition" "$server" "$check" "$(expected "$server" "$check")" \
+                "$(result "$server" "$check")"
         done
     done
 }
@@ -91,7 +141,7 @@ differences() {
 # The page for a reader, from its template.
 write_page() {
     local line list
-    list=$(versions | paste -s -d, | sed 's/,/, /g')
+    list=$({ versions && further_versions; } | paste -s -d, | sed 's/,/, /g')
     while IFS= read -r line; do
         case "$line" in
             '<!-- table -->') print_table ;;
