@@ -64,7 +64,7 @@ TEST_P(Process, LogsLinesThatAPersonCanUse) {
     const std::vector<std::string> info = log.messages(20000), errors = log.messages(40000);
     EXPECT_THAT(info, Contains("connected to 127.0.0.1 port " + std::to_string(m_port) +
                                " (127.0.0.1)" + version));
-    EXPECT_THAT(info, Contains(HasSubstr("127.0.0.1 says GOAWAY: error 0, last stream ")));
+    EXPECT_THAT(info, Contains(HasSubstr("127.0.0.1 says GOAWAY with NO_ERROR, last stream ")));
     EXPECT_THAT(info, Contains(testing::StartsWith("a request has failed: ")).Times(4));
     EXPECT_THAT(info, Contains("a request has failed: a time-out of the request has passed"));
     EXPECT_THAT(errors, Contains(testing::StartsWith("ends the connection to 127.0.0.1: ")));
