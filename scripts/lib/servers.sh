@@ -36,10 +36,9 @@ listeners() {
 
 # Whether it is this process, or a child of it, that listens on the port.
 listens() {
-    local inode folders=("/proc/$1/fd") child
-    for child in $(cat "/proc/$1/task/$1/children" 2>/dev/null); do
-        folders+=("/proc/$child/fd")
-    done
+    local inode folders=("/proc/$1/fd") child children=()
+    read -ra children 2>/dev/null <"/proc/$1/task/$1/children" || true
+    for child in "${children[@]}"; do folders+=("/proc/$child/fd"); done
     for inode in $(listeners "$2"); do
         if find "${folders[@]}" -lname "socket:\[$inode\]" 2>/dev/null | grep -q .; then return 0; fi
     done
