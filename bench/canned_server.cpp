@@ -238,6 +238,7 @@ int main(int argc, char** argv) {
         for (int i = 0; i < count; ++i) {
             auto* connection = static_cast<Connection*>(events[i].data.ptr);
             if (connection == nullptr) {
+                // cppcheck-suppress nullPointer ; accept4 takes null for an address nobody wants
                 const int accepted = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK);
                 if (accepted < 0) continue;
                 event.data.ptr = new Connection(accepted, tls);

@@ -64,7 +64,7 @@ private:
 // GETs, and their answers of HEADERS and DATA, on a connection that has had as many before.
 class Exchange : public Job {
 public:
-    Exchange() { prepare(); }
+    Exchange() { makeAnswers(); }
     void run() override {
         for (uint32_t i = 0; i < kRequests; ++i) m_side.submit();
         m_side.send();
@@ -75,7 +75,7 @@ public:
 private:
     static constexpr uint32_t kRequests = 32;
 
-    void prepare() override {
+    void makeAnswers() {
         const std::string literals = incrementalBlock(answerFields());
         std::string indexed;
         for (uint64_t i = 0; i < 10; ++i) indexed += h2test::hpackIndexed(62 + 9 - i);

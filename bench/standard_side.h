@@ -74,6 +74,7 @@ public:
     }
     void receive(std::string_view bytes) {
         for (; !bytes.empty(); bytes.remove_prefix(std::min(kChunk, bytes.size()))) {
+            // cppcheck-suppress danglingTemporaryLifetime ; a temporary lives during the whole call
             m_session.receive(bytes.data(), std::min(kChunk, bytes.size()), 0);
         }
         check(m_session.error() == nullptr);
