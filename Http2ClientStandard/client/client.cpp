@@ -224,7 +224,8 @@ int Client::cancel() {
 int Client::startAndWait(int& status, std::map<std::string, std::string>& headers,
                          std::string& content, const char*& errMsg, uint32_t timeout) {
     int result = 2;
-    const Time deadline = steadyNow() + (timeout == 0 ? kDefaultWait : timeout);
+    // The time now is rounded down: one more, so as not to wait for less than was asked for.
+    const Time deadline = steadyNow() + 1 + (timeout == 0 ? kDefaultWait : timeout);
     if (LoopThreads::isLoopThread()) {
         refuse(result, "blockedRequest cannot wait inside a callback");
     } else if (!Runtime::get().threads().running()) {

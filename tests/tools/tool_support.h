@@ -143,12 +143,12 @@ inline std::string binaryBytes(size_t size) {
 // write.
 [[nodiscard]] inline bool waitHeldBack(const Process& process, size_t before) {
     constexpr size_t kMostPending = size_t{16} * 1024 * 1024;
-    size_t resident = 0;
-    size_t looks = 0;  // in a row at which nothing had changed
+    size_t most = 0;
+    size_t looks = 0;  // in a row at which it had not grown
     const auto hasStalled = [&] {
-        const size_t now = process.residentBytes();
-        looks = now == resident && now >= before + kMostPending ? looks + 1 : 0;
-        resident = now;
+        const size_t now = process.residentBytes();  // the system may take some of it away
+        looks = now <= most && most >= before + kMostPending ? looks + 1 : 0;
+        most = std::max(most, now);
         return looks >= 300;
     };
     return waitFor(hasStalled, kProcessLimit);
