@@ -5,7 +5,7 @@
 #include <Http2Client/HttpClientInterface.h>
 #include <Http2Client/error.h>
 #include <Http2Client/httpClientApi.h>
-#include <Http2ClientStandard/Http2ClientOptions.h>
+#include <Http2Client/Http2ClientOptions.h>
 
 #include <cstdlib>
 #include <iostream>
