@@ -276,10 +276,10 @@ bool hasHeader(const Answer& answer, const std::string& name) {
 
 // "ok", or how the answer is not as expected. `upload`: null if there was none.
 std::string compare(const Answer& answer, const Expectation& expected, Upload* upload) {
-    const std::string failed = failure(answer);
+    std::string failed = failure(answer);
     if (!failed.empty()) return failed;
     if (answer.status != expected.status) return "status " + std::to_string(answer.status);
-    const std::string another = "another body: " + std::to_string(answer.size) + " bytes";
+    std::string another = "another body: " + std::to_string(answer.size) + " bytes";
     if (expected.emptyBody && answer.size != 0) return another;
     if (!expected.hex.empty() && answer.hex != expected.hex) return another;
     if (expected.uploadBack && upload != nullptr) {
@@ -296,7 +296,7 @@ std::string compare(const Answer& answer, const Expectation& expected, Upload* u
 std::string getWords(Client& client, const std::string& path, const std::string& hex) {
     Request request;
     request.path = path;
-    const std::string refused = client.start(request);
+    std::string refused = client.start(request);
     if (!refused.empty()) return refused;
     Expectation expected;
     expected.hex = hex;
