@@ -413,7 +413,7 @@ TEST_P(InCallbacks, EveryMethodOfEachClientMayBeCalled) {
     ASSERT_TRUE(client.waitHeaders());
     ASSERT_TRUE(other.waitEnd());
     client.cancelRequest();
-    std::vector<int> expected(9 * 2, 0);
+    std::vector<int> expected(size_t{9} * 2, 0);
     expected[0] = 8;  // its own request runs
     expected.resize(expected.size() + size_t{10} * 2);
     EXPECT_EQ(results, expected);
