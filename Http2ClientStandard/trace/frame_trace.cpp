@@ -13,6 +13,8 @@ namespace {
 
 // Bytes kept of a payload, and of a field block. A larger one is an error in either direction.
 constexpr size_t kMostKept = size_t{1} << 20;
+// Octets of a field block that are shown: references to a large entry cost a server a byte each.
+constexpr uint32_t kMostShown = 256 << 10;
 
 constexpr std::array<std::string_view, 4> kSecrets = {"authorization", "proxy-authorization",
                                                       "cookie", "set-cookie"};
@@ -130,13 +132,14 @@ std::string FrameTrace::describeBlock() {
     m_blockLost |= !fragment || m_block.size() > kMostKept;
     if (!m_header.has(flag::kEndHeaders)) return text;
     hpack::FieldList fields;
-    fields.setLimit(std::numeric_limits<uint32_t>::max());
+    fields.setLimit(kMostShown);
     m_blockLost = m_blockLost || !m_decoder.decode(m_block, fields);
     if (m_blockLost) return text + "\n    (fields that cannot be decoded)";
     for (size_t i = 0; i < fields.size(); ++i) {
         text += "\n    " + printable(fields.name(i)) + ": ";
         text += isSecret(fields.name(i)) ? "***" : printable(fields.value(i));
     }
+    if (fields.overflow()) text += "\n    (further fields are left out)";
     return text;
 }
 

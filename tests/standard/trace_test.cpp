@@ -109,6 +109,20 @@ TEST(FrameTrace, BoundsWhatItKeeps) {
               "CONTINUATION stream 1, 0 bytes END_HEADERS\n    (fields that cannot be decoded)");
 }
 
+// Each reference to the large entry costs the server one byte.
+TEST(FrameTrace, BoundsWhatItShowsOfABlock) {
+    const std::string bomb = hpackLiteral("n", std::string(4000, 'v'), Literal::kIncremental) +
+                             std::string(100000, '\xbe');
+    Texts texts;
+    h2::FrameTrace trace("< ", false, sinkTo(texts));
+    trace.add(headers(1, bomb));
+    trace.add(headers(3, hpackIndexed(62)));
+    ASSERT_EQ(texts.size(), 2u);
+    EXPECT_LT(texts[0].size(), size_t{256} * 1024);
+    EXPECT_TRUE(texts[0].ends_with("(further fields are left out)"));
+    EXPECT_NE(texts[1].find("\n    n: vvv"), std::string::npos);
+}
+
 TEST(FrameTrace, BeginsWithThePrefaceOfTheClient) {
     EXPECT_EQ(traced(std::string(h2::kClientPreface) + settings({}), true),
               (Texts{"< connection preface", "< SETTINGS stream 0, 0 bytes"}));
